@@ -1,0 +1,98 @@
+// Building requests and reading answers.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <ZorvaneCoreKit/ZVJSON.h>
+#include <ZorvaneCoreKit/ZVObject.h>
+#include <ZorvaneCoreKit/ZVTransport.h>
+
+class ZVGenericRequest;
+
+/// Words the error of a failed answer: (request, parsed body) -> message.
+using ZVErrorMessageMaker =
+    std::function<std::string(const ZVGenericRequest& request, const ZVDictionaryPtr& result)>;
+
+/// Request methods.
+enum : int {
+  ZVRequestMethodRead = 0,    ///< GET, `params` as the query
+  ZVRequestMethodSubmit = 1,  ///< POST, `body` as JSON
+};
+
+/// A built request; immutable.
+class ZV_CORE_EXPORT ZVGenericRequest final : public ZVObject {
+ public:
+  int method() const { return method_; }
+  const std::string& kind() const { return kind_; }
+  /// The URL template, e.g. "https://:host/api/v1/apps/:appid/offers".
+  const std::string& baseURL() const { return baseURL_; }
+  /// Query parameters in insertion order (values in their text form).
+  const std::vector<std::pair<std::string, std::string>>& params() const { return params_; }
+  /// The JSON body, or an empty pointer.
+  const ZVDictionaryPtr& body() const { return body_; }
+  const ZVErrorMessageMaker& errorMessageMaker() const { return errorMessageMaker_; }
+  std::string description() const override;
+
+ private:
+  friend class ZVGenericRequestBuilder;
+  ZVGenericRequest() = default;
+  int method_ = 0;
+  std::string kind_;
+  std::string baseURL_;
+  std::vector<std::pair<std::string, std::string>> params_;
+  ZVDictionaryPtr body_;
+  ZVErrorMessageMaker errorMessageMaker_;
+};
+
+/// Builds one request.
+///
+/// @par Thread safety
+/// A builder is used by one thread at a time.
+class ZV_CORE_EXPORT ZVGenericRequestBuilder {
+ public:
+  /// `+requestBuilderWithMethod:kind:`. `method` is `ZVRequestMethodRead` (0)
+  /// or `ZVRequestMethodSubmit` (1); any other number is sent as GET.
+  static std::shared_ptr<ZVGenericRequestBuilder> requestBuilderWithMethod(int method,
+                                                                           std::string kind);
+
+  /// The URL template: "https://:host/..." with path values already formatted in.
+  void setBaseURL(std::string url) { baseURL_ = std::move(url); }
+  /// Query parameters: string keys, values sent in their text form.
+  ZVMutableDictionary& params() { return *params_; }
+  /// The JSON object sent as the body (method 1).
+  void setBody(ZVDictionaryPtr body) { body_ = std::move(body); }
+  void setErrorMessageMaker(ZVErrorMessageMaker maker) { errorMessageMaker_ = std::move(maker); }
+  std::shared_ptr<ZVGenericRequest> build() const;
+
+  ZVGenericRequestBuilder(int method, std::string kind);
+
+ private:
+  int method_;
+  std::string kind_;
+  std::string baseURL_;
+  ZVDictionaryPtr params_ = ZVMutableDictionary::make();
+  ZVDictionaryPtr body_;
+  ZVErrorMessageMaker errorMessageMaker_;
+};
+
+/// An answer of the service.
+class ZV_CORE_EXPORT ZVGenericResponse final : public ZVObject {
+ public:
+  ZVGenericResponse(int statusCode, std::string url, ZVDictionaryPtr body)
+      : statusCode_(statusCode), url_(std::move(url)), body_(std::move(body)) {}
+  int statusCode() const { return statusCode_; }
+  /// The URL that was requested (never holds the access token).
+  const std::string& url() const { return url_; }
+  /// The answer's top-level JSON object, or an empty pointer.
+  const ZVDictionaryPtr& body() const { return body_; }
+  std::string description() const override;
+
+ private:
+  int statusCode_;
+  std::string url_;
+  ZVDictionaryPtr body_;
+};

@@ -1,0 +1,42 @@
+// Failure reporting shared by the service managers.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+
+#include <ZorvaneCoreKit/ZVError.h>
+#include <ZorvaneCoreKit/ZVNotificationCenter.h>
+
+/// Key of the error in a failure notification's user information.
+extern ZV_CORE_EXPORT const char* const ZV_MANAGER_NOTIFICATION_ERROR_KEY;
+/// Key of the result in a success notification's user information.
+extern ZV_CORE_EXPORT const char* const ZV_MANAGER_NOTIFICATION_DATA_KEY;
+
+/// @par Thread safety
+/// Safe from any thread.
+class ZV_CORE_EXPORT ZVPManagerUtils {
+ public:
+  /// `+callDidFailWithError:notification:completionHandler:doCompletionBlock:`.
+  ///
+  /// Queues one task on the main queue that first posts `notification` on the
+  /// default centre (object `sender`, user information
+  /// {`ZV_MANAGER_NOTIFICATION_ERROR_KEY`: error}) and then runs
+  /// `doCompletionBlock(completionHandler, error)` exactly once, also when the
+  /// completion handler is empty. Never runs anything inline.
+  template <class Handler>
+  static void callDidFailWithError(ZVErrorPtr error, const std::string& notification,
+                                   Handler completionHandler,
+                                   std::function<void(Handler, ZVErrorPtr)> doCompletionBlock,
+                                   const ZVObject* sender = nullptr) {
+    postFailure(error, notification, sender,
+                [error, handler = std::move(completionHandler),
+                 step = std::move(doCompletionBlock)]() mutable {
+                  if (step) step(std::move(handler), error);
+                });
+  }
+
+  /// The non-template core of `callDidFailWithError`.
+  static void postFailure(ZVErrorPtr error, std::string notification, const ZVObject* sender,
+                          std::function<void()> step);
+};

@@ -1,0 +1,96 @@
+// The transport seam: the request manager speaks to this interface. The
+// libcurl transport is the default; tests and hosts may install their own.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <ZorvaneCoreKit/ZVExport.h>
+
+using ZVHeaders = std::vector<std::pair<std::string, std::string>>;
+
+/// One HTTP exchange as the transport sees it: everything already encoded.
+struct ZVHTTPRequest {
+  std::string method;  ///< "GET" or "POST"
+  std::string url;     ///< absolute, percent-encoded
+  ZVHeaders headers;
+  std::string body;  ///< sent when non-empty
+  std::chrono::milliseconds connectTimeout{10000};
+  std::chrono::milliseconds totalTimeout{30000};
+  std::string caFile;        ///< extra certificate authorities (PEM), or empty
+  size_t maxBodyBytes = 0;   ///< 0: unlimited
+};
+
+/// Why an exchange produced no HTTP answer.
+enum class ZVTransportFailure {
+  None,
+  Connect,   ///< DNS, refused, unreachable
+  Timeout,   ///< connect or total timeout
+  TLS,       ///< handshake or certificate verification
+  Reset,     ///< connection lost before the answer was complete
+  TooLarge,  ///< the body exceeded `maxBodyBytes`
+  Shutdown,  ///< the transport was shut down with the request in flight
+  Other,
+};
+
+/// The outcome of one exchange: an HTTP answer (any status), or a failure.
+struct ZVHTTPResult {
+  ZVTransportFailure failure = ZVTransportFailure::None;
+  std::string failureMessage;  ///< for a failure: what went wrong, for a person
+  int status = 0;
+  ZVHeaders headers;
+  std::string body;
+  std::string httpVersion;  ///< "1.1", "2", ... when known
+};
+
+/// Sends HTTP requests.
+///
+/// @par Contract
+/// `send` returns at once and calls `done` exactly once, later, on a thread
+/// of the transport's choosing (never inline from `send`).
+///
+/// @par Thread safety
+/// `send` is safe from any thread.
+class ZV_CORE_EXPORT ZVTransport {
+ public:
+  using Completion = std::function<void(ZVHTTPResult)>;
+  virtual ~ZVTransport();
+  virtual void send(ZVHTTPRequest request, Completion done) = 0;
+};
+
+/// Forwards every call to another transport; override `send` to drop, delay or
+/// corrupt one kind of exchange in a test.
+class ZV_CORE_EXPORT ZVTransportWrapper : public ZVTransport {
+ public:
+  explicit ZVTransportWrapper(std::shared_ptr<ZVTransport> inner) : inner_(std::move(inner)) {}
+  void send(ZVHTTPRequest request, Completion done) override {
+    inner_->send(std::move(request), std::move(done));
+  }
+
+ protected:
+  const std::shared_ptr<ZVTransport>& inner() const { return inner_; }
+
+ private:
+  std::shared_ptr<ZVTransport> inner_;
+};
+
+/// Options of the libcurl transport.
+struct ZVCurlTransportOptions {
+  /// Largest number of connections kept open per host. Default: 16.
+  long maxHostConnections = 16;
+  /// Offer HTTP/2 (over TLS, by ALPN) when the server supports it. Default: true.
+  bool enableHTTP2 = true;
+};
+
+/// The default transport: libcurl's multi interface driven by one I/O thread
+/// that the transport owns, with connection reuse and keep-alive, HTTP/2 over
+/// TLS when offered, TLS peer and host verification always on (add a
+/// certificate authority with `ZVHTTPRequest::caFile`). Completions run on
+/// the I/O thread. Destroying it fails the requests in flight with
+/// `ZVTransportFailure::Shutdown` and joins the thread.
+ZV_CORE_EXPORT std::shared_ptr<ZVTransport> ZVMakeCurlTransport(ZVCurlTransportOptions options = {});

@@ -1,0 +1,55 @@
+// The SDK's umbrella class: configuration and the custom locale.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <optional>
+#include <string>
+
+#include <ZorvaneCoreKit/ZVExport.h>
+#include <ZorvaneCoreKit/ZVLocale.h>
+
+/// Everything a host configures. Read by the request layer at every send, so
+/// a new configuration applies to the requests sent after it.
+struct ZVConfiguration {
+  /// The rewards service: "rewards.example.com", "rewards.example.com:8443",
+  /// or with a scheme, "http://127.0.0.1:8080". Without a scheme, https.
+  /// REQUIRES: non-empty before the first request (else every request fails
+  /// with `ZVErrorNotConfigured`). Default: empty.
+  std::string serviceHost;
+  /// The application id that fills ":appid". Default: empty.
+  std::string appID;
+  /// Sent as "Authorization: Bearer <token>" when non-empty. Never logged and
+  /// never part of an error message. Default: empty.
+  std::string accessToken;
+  /// Allow plain http (a service host with the "http://" scheme). Meant for
+  /// a local sandbox and tests. Default: false (such requests fail with
+  /// `ZVErrorNotConfigured`).
+  bool allowInsecureHTTP = false;
+  /// Time allowed to establish a connection. Default: 10 s.
+  std::chrono::milliseconds connectTimeout{10000};
+  /// Time allowed for a whole exchange, connection included. Default: 30 s.
+  std::chrono::milliseconds requestTimeout{30000};
+  /// A PEM file of extra certificate authorities to trust (a private CA, or a
+  /// sandbox's self-signed certificate). Verification is never turned off.
+  /// Default: empty (the system's store).
+  std::string caFile;
+  /// Largest answer body accepted; a larger one fails with
+  /// `ZVErrorAnswerTooLarge`. Default: 64 MiB.
+  size_t maxResponseBytes = 64u << 20;
+};
+
+/// @par Thread safety
+/// Every operation is safe from any thread.
+class ZV_CORE_EXPORT Zorvane {
+ public:
+  /// Replaces the whole configuration.
+  static void configure(const ZVConfiguration& configuration);
+  /// A copy of the current configuration.
+  static ZVConfiguration configuration();
+
+  /// The locale the host chose for the SDK's services, or nullopt (then the
+  /// device's current locale is used).
+  static std::optional<ZVLocale> customLocale();
+  static void setCustomLocale(std::optional<ZVLocale> locale);
+};

@@ -1,0 +1,20 @@
+// Umbrella header of the core services.
+#pragma once
+
+#include <ZorvaneCoreKit/ZVAddress.h>
+#include <ZorvaneCoreKit/ZVBaseManager.h>
+#include <ZorvaneCoreKit/ZVClock.h>
+#include <ZorvaneCoreKit/ZVError.h>
+#include <ZorvaneCoreKit/ZVGenericRequest.h>
+#include <ZorvaneCoreKit/ZVGenericRequestManager.h>
+#include <ZorvaneCoreKit/ZVIdentity.h>
+#include <ZorvaneCoreKit/ZVJSON.h>
+#include <ZorvaneCoreKit/ZVLocale.h>
+#include <ZorvaneCoreKit/ZVLogger.h>
+#include <ZorvaneCoreKit/ZVMainQueue.h>
+#include <ZorvaneCoreKit/ZVNotificationCenter.h>
+#include <ZorvaneCoreKit/ZVObject.h>
+#include <ZorvaneCoreKit/ZVPManagerUtils.h>
+#include <ZorvaneCoreKit/ZVTransport.h>
+#include <ZorvaneCoreKit/ZVUtil.h>
+#include <ZorvaneCoreKit/Zorvane.h>
