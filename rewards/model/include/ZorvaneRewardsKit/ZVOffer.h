@@ -79,7 +79,8 @@ class ZV_REWARDS_EXPORT ZVOffer final : public ZVObject {
   /// The same value as `details` at build time; set independently afterwards.
   const ZVJSONValue& descriptionText() const { return descriptionText_; }
   void setDescriptionText(ZVJSONValue v) { descriptionText_ = std::move(v); }
-  /// 64-bit integer value of "points".
+  /// 64-bit integer value of "points". Like `weight` and the booleans, a value
+  /// that is neither a number nor text (null, a container) reads as 0 / false.
   int64_t points() const { return points_; }
   void setPoints(int64_t v) { points_ = v; }
   const ZVJSONValue& startTime() const { return startTime_; }
@@ -101,13 +102,17 @@ class ZV_REWARDS_EXPORT ZVOffer final : public ZVObject {
   /// From "logo": a URL as text, not parsed.
   const ZVJSONValue& logoURL() const { return logoURL_; }
   void setLogoURL(ZVJSONValue v) { logoURL_ = std::move(v); }
-  /// A `ZVOfferStatus` value.
+  /// A `ZVOfferStatus` value; a "status" that is not a string (a number, JSON
+  /// null, a container) gives 0.
   int64_t status() const { return status_; }
   void setStatus(int64_t v) { status_ = v; }
   /// "data" as it stands: the very object of the input.
   const ZVJSONValue& data() const { return data_; }
   void setData(ZVJSONValue v) { data_ = std::move(v); }
-  /// The option records; null only for the record of a null dictionary.
+  /// The option records; null only for the record of a null dictionary. An
+  /// "options" that is absent or not an array gives an empty array; an element
+  /// that is not an object gives an empty record (all fields empty, `options`
+  /// null). The list of an offer without options may be shared between records.
   const ZVOfferArrayPtr& options() const { return options_; }
   void setOptions(ZVOfferArrayPtr v) { options_ = std::move(v); }
   /// The keys the record did not consume (unknown keys, "options").

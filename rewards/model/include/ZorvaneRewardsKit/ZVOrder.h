@@ -61,7 +61,9 @@ class ZV_REWARDS_EXPORT ZVOrder final : public ZVObject {
   /// "order", the fields come from that nested object; `extras` is always the
   /// pruned outer dictionary. "user" and "shipping_address" are read without
   /// being removed. A null dictionary (or a value that is not one) gives an
-  /// empty record whose `user` is null; otherwise `user` is never null.
+  /// empty record whose `user` is null; otherwise `user` is never null. A
+  /// value under "order" that is not a dictionary (JSON null included) counts
+  /// as absent: the fields then come from `dictionary` itself.
   static std::shared_ptr<ZVOrder> initMutableWithDictionary(const ZVDictionaryPtr& dictionary);
   static std::shared_ptr<ZVOrder> initMutableWithDictionary(const ZVJSONValue& value);
 
@@ -71,7 +73,8 @@ class ZV_REWARDS_EXPORT ZVOrder final : public ZVObject {
   static std::string stringForStatus(int64_t status);
   std::string stringForCurrentStatus() const { return stringForStatus(status_); }
 
-  /// "Offer ID: %@\rOrder ID: %@ (Offer ID: %@)\rName: %@\rDetails: %@\rStatus: %@\rQuantity: %ld\rPoints: %ld".
+  /// "Offer ID: %@\rOrder ID: %@ (Offer ID: %@)\rName: %@\rDetails: %@"
+  /// "\rStatus: %@\rQuantity: %ld\rPoints: %ld": the offer id twice, on purpose.
   std::string description() const override;
 
   /// From "id".
@@ -85,9 +88,11 @@ class ZV_REWARDS_EXPORT ZVOrder final : public ZVObject {
   void setExternalID(std::optional<std::string> v) { externalID_ = std::move(v); }
   const std::optional<std::string>& offerID() const { return offerID_; }
   void setOfferID(std::optional<std::string> v) { offerID_ = std::move(v); }
+  /// From "user"; a "user" that is absent or not an object gives an empty user.
   const std::shared_ptr<ZVOrderUser>& user() const { return user_; }
   void setUser(std::shared_ptr<ZVOrderUser> v) { user_ = std::move(v); }
-  /// 32-bit integer value of "quantity", sign-extended.
+  /// 32-bit integer value of "quantity", sign-extended. Here and for `points`
+  /// and the user's balances, a value that is neither a number nor text gives 0.
   int64_t quantity() const { return quantity_; }
   void setQuantity(int64_t v) { quantity_ = v; }
   /// 32-bit integer value of "points", sign-extended.
@@ -110,7 +115,7 @@ class ZV_REWARDS_EXPORT ZVOrder final : public ZVObject {
   void setShippingAddress(std::shared_ptr<ZVAddress> v) { shippingAddress_ = std::move(v); }
   const ZVJSONValue& data() const { return data_; }
   void setData(ZVJSONValue v) { data_ = std::move(v); }
-  /// A `ZVOrderStatus` value.
+  /// A `ZVOrderStatus` value; a "status" that is not a string gives 0.
   int64_t status() const { return status_; }
   void setStatus(int64_t v) { status_ = v; }
   const ZVDictionaryPtr& extras() const { return extras_; }

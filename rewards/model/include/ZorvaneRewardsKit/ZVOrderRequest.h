@@ -35,7 +35,8 @@ class ZV_REWARDS_EXPORT ZVOrderRequest final : public ZVObject {
 
   const std::optional<std::string>& offerID() const { return offerID_; }
   void setOfferID(std::optional<std::string> v) { offerID_ = std::move(v); }
-  /// nil when unset.
+  /// nil when unset (then left out of the body); any other value, JSON null
+  /// included, is sent as it stands.
   const ZVJSONValue& quantity() const { return quantity_; }
   void setQuantity(ZVJSONValue v) { quantity_ = std::move(v); }
   const std::optional<std::string>& email() const { return email_; }

@@ -19,7 +19,9 @@ class ZV_REWARDS_EXPORT ZVSkillQuestion final : public ZVObject {
   ZVSkillQuestion() = default;
   /// Takes "id" and "question" out of the nested "skills_test_question"
   /// object (which stays in `dictionary`), and keeps the pruned outer
-  /// dictionary as `extras`. A null dictionary gives an empty record.
+  /// dictionary as `extras`. A null dictionary gives an empty record. A
+  /// "skills_test_question" that is not an object counts as absent: both
+  /// fields stay empty and the value stays in `extras` as it was.
   static std::shared_ptr<ZVSkillQuestion> initMutableWithDictionary(
       const ZVDictionaryPtr& dictionary);
   static std::shared_ptr<ZVSkillQuestion> initMutableWithDictionary(const ZVJSONValue& value);

@@ -1,0 +1,109 @@
+#include <ZorvaneRewardsKit/ZVOffer.h>
+
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include <fmt/format.h>
+
+#include <ZorvaneCoreKit/ZVUtil.h>
+
+namespace {
+
+// Every offer without options shares this one: the list is immutable, and a
+// catalogue of many plain offers then costs no allocation for it.
+const ZVOfferArrayPtr& emptyOptions() {
+  static const ZVOfferArrayPtr empty = std::make_shared<const ZVOfferArray>();
+  return empty;
+}
+
+const std::string* optionalText(const std::optional<std::string>& text) {
+  return text ? &*text : nullptr;
+}
+
+}  // namespace
+
+std::shared_ptr<ZVOffer> ZVOffer::initMutableWithDictionary(const ZVDictionaryPtr& dictionary) {
+  auto offer = std::make_shared<ZVOffer>();
+  if (!dictionary) return offer;
+  ZVMutableDictionary& d = *dictionary;
+
+  // Takes follow the service's documented order; values are moved, not copied.
+  offer->offerID_ = ZVUtil::nilOrStringFromObject(d.getAndRemoveObjectForKey("id"));
+  offer->name_ = d.getAndRemoveObjectForKey("name");
+  offer->type_ = d.getAndRemoveObjectForKey("type");
+  offer->details_ = d.getAndRemoveObjectForKey("description");
+  offer->descriptionText_ = offer->details_;
+  offer->points_ = ZVUtil::longLongValue(d.getAndRemoveObjectForKey("points"));
+  offer->startTime_ = d.getAndRemoveObjectForKey("start_time");
+  offer->endTime_ = d.getAndRemoveObjectForKey("end_time");
+  // Unlike points, weight goes through the 32-bit conversion: a larger number wraps.
+  offer->weight_ = ZVUtil::intValue(d.getAndRemoveObjectForKey("weight"));
+  offer->isFeatured_ = ZVUtil::boolValue(d.getAndRemoveObjectForKey("featured"));
+  offer->isSkillChallengeRequired_ =
+      ZVUtil::boolValue(d.getAndRemoveObjectForKey("requires_skills_test"));
+  offer->tier_ = d.getAndRemoveObjectForKey("tier");
+  offer->logoURL_ = d.getAndRemoveObjectForKey("logo");
+  offer->status_ = statusForString(d.getAndRemoveObjectForKey("status"));
+  offer->data_ = d.getAndRemoveObjectForKey("data");
+
+  // "options" stays in the dictionary so that extras shows what the option
+  // records left of their objects.
+  const ZVJSONValue* options = d.find("options");
+  offer->options_ = options ? parseOptions(*options) : emptyOptions();
+
+  offer->extras_ = d.prune();
+  return offer;
+}
+
+std::shared_ptr<ZVOffer> ZVOffer::initMutableWithDictionary(const ZVJSONValue& value) {
+  return initMutableWithDictionary(value.dictionary());
+}
+
+ZVOfferArrayPtr ZVOffer::parseOptions(const ZVJSONValue& value) {
+  // Held by value: the option records below edit their own objects in place.
+  const ZVArrayPtr options = value.array();
+  if (!options || options->empty()) return emptyOptions();
+  std::vector<std::shared_ptr<ZVOffer>> records;
+  records.reserve(options->count());
+  for (const ZVJSONValue& element : *options) records.push_back(initMutableWithDictionary(element));
+  return std::make_shared<const ZVOfferArray>(std::move(records));
+}
+
+int64_t ZVOffer::statusForString(const ZVJSONValue& status) {
+  const std::string* text = status.string();
+  if (!text) return ZVOfferStatusUnknown;
+  const std::string_view s = *text;
+  if (s == "available") return ZVOfferStatusAvailable;
+  if (s == "verification_required") return ZVOfferStatusVerificationRequired;
+  if (s == "registration_required") return ZVOfferStatusRegistrationRequired;
+  if (s == "not_qualified") return ZVOfferStatusNotQualified;
+  if (s == "insufficient_points") return ZVOfferStatusInsufficientPoints;
+  if (s == "user_required") return ZVOfferStatusUserRequired;
+  return ZVOfferStatusUnknown;
+}
+
+std::string ZVOffer::stringForStatus(int64_t status) {
+  switch (status) {
+    case ZVOfferStatusAvailable:
+      return "available";
+    case ZVOfferStatusVerificationRequired:
+      return "verification_required";
+    case ZVOfferStatusNotQualified:
+      return "not_qualified";
+    case ZVOfferStatusInsufficientPoints:
+      return "insufficient_points";
+    case ZVOfferStatusUserRequired:
+      return "user_required";
+    case ZVOfferStatusRegistrationRequired:
+      return "registration_required";
+    default:
+      return "unknown";
+  }
+}
+
+std::string ZVOffer::description() const {
+  return fmt::format("\rOffer ID: {}\rType: {}\rName: {}\rDetails: {}\rStatus: {}\rPoints: {}",
+                     ZVDescribe(optionalText(offerID_)), type_.description(), name_.description(),
+                     details_.description(), stringForStatus(status_), points_);
+}

@@ -1,0 +1,47 @@
+#include <ZorvaneRewardsKit/ZVRewardsError.h>
+
+#include <string_view>
+
+namespace {
+
+// A non-empty string under `key`, or nullptr.
+const std::string* nonEmptyText(const ZVMutableDictionary& d, std::string_view key) {
+  const ZVJSONValue* value = d.find(key);
+  const std::string* text = value ? value->string() : nullptr;
+  return text && !text->empty() ? text : nullptr;
+}
+
+// What a failed answer says about itself: its "message", or else a summary of
+// the "order" it refers to. nullopt when the body says neither.
+std::optional<std::string> composeMessage(const ZVMutableDictionary& body) {
+  if (const std::string* message = nonEmptyText(body, "message")) return *message;
+
+  const ZVJSONValue* orderValue = body.find("order");
+  const ZVDictionaryPtr order = orderValue ? orderValue->dictionary() : nullptr;
+  if (!order || order->empty()) return std::nullopt;
+
+  std::string reward;
+  const ZVJSONValue* baseValue = order->find("base");
+  if (const ZVArrayPtr base = baseValue ? baseValue->array() : nullptr; base && !base->empty()) {
+    // The separator depends on the text so far, not on the position, so an
+    // empty first element adds no leading ", ".
+    for (const ZVJSONValue& element : *base) {
+      if (!reward.empty()) reward += ", ";
+      reward += element.description();
+    }
+    reward.insert(0, "Reward: ");
+  }
+
+  std::string user;
+  if (const std::string* userID = nonEmptyText(*order, "user_id")) user = "User: " + *userID;
+
+  const char* separator = !reward.empty() && !user.empty() ? "\n" : "";
+  return reward + separator + user;
+}
+
+}  // namespace
+
+ZVRewardsError::ZVRewardsError(int64_t type, ZVDictionaryPtr result)
+    : ZVError(type, std::move(result)) {
+  if (raw()) setMessage(composeMessage(*raw()));
+}
