@@ -1,0 +1,31 @@
+#include <ZorvaneCoreKit/ZVError.h>
+
+#include <fmt/format.h>
+
+const char* const ZVErrorServerNoRequest = "ZVErrorServerNoRequest";
+const char* const ZVErrorValidationNoOfferID = "ZVErrorValidationNoOfferID";
+const char* const ZVErrorValidationNoQuestionID = "ZVErrorValidationNoQuestionID";
+const char* const ZVErrorValidationNoAnswer = "ZVErrorValidationNoAnswer";
+const char* const ZVErrorTransportConnect = "ZVErrorTransportConnect";
+const char* const ZVErrorTransportTimeout = "ZVErrorTransportTimeout";
+const char* const ZVErrorTransportTLS = "ZVErrorTransportTLS";
+const char* const ZVErrorTransportReset = "ZVErrorTransportReset";
+const char* const ZVErrorTransportOther = "ZVErrorTransportOther";
+const char* const ZVErrorHTTPStatus = "ZVErrorHTTPStatus";
+const char* const ZVErrorAnswerNotJSON = "ZVErrorAnswerNotJSON";
+const char* const ZVErrorAnswerNotObject = "ZVErrorAnswerNotObject";
+const char* const ZVErrorAnswerTooLarge = "ZVErrorAnswerTooLarge";
+const char* const ZVErrorNotConfigured = "ZVErrorNotConfigured";
+const char* const ZVErrorShutdown = "ZVErrorShutdown";
+
+ZVError::ZVError(int64_t type, ZVDictionaryPtr result) : type_(type), raw_(std::move(result)) {}
+
+ZVError::ZVError(int64_t type, std::string code, std::string message)
+    : type_(type), code_(std::move(code)), message_(std::move(message)) {}
+
+ZVError::~ZVError() = default;
+
+std::string ZVError::description() const {
+  return fmt::format("Error Domain=ZVError Type={} Code={} \"{}\"", type_,
+                     code_.empty() ? "(null)" : code_, message_ ? *message_ : "(null)");
+}

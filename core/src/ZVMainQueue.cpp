@@ -1,0 +1,161 @@
+#include <ZorvaneCoreKit/ZVMainQueue.h>
+
+#include <cstdio>
+#include <exception>
+
+namespace {
+
+// How often a waiting runUntil re-checks `done()` when no task wakes it: the
+// condition may turn true on another thread without anything being queued.
+constexpr std::chrono::milliseconds kPollInterval{5};
+
+void runGuarded(const ZVMainQueue::Task& task) {
+  // A throwing task must not take the queue, and every task behind it, down with it.
+  try {
+    if (task) task();
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "ZVMainQueue: a task threw an exception: %s\n", e.what());
+  } catch (...) {
+    std::fprintf(stderr, "ZVMainQueue: a task threw an unknown exception\n");
+  }
+}
+
+}  // namespace
+
+ZVMainQueue* ZVMainQueue::shared() {
+  // Leaked on purpose: completion handlers may be queued from other threads, or
+  // from static destructors, while the process exits; a queue destroyed by the
+  // exit sequence would be used after its end.
+  static ZVMainQueue* const queue = new ZVMainQueue();
+  return queue;
+}
+
+ZVMainQueue::~ZVMainQueue() {
+  std::unique_lock lock(mutex_);
+  stop_ = true;
+  cv_.notify_all();
+  if (!thread_.joinable()) return;
+  std::thread worker = std::move(thread_);
+  lock.unlock();
+  if (worker.get_id() == std::this_thread::get_id()) {
+    worker.detach();  // destroyed by one of its own tasks; it cannot wait for itself
+  } else {
+    worker.join();
+  }
+}
+
+void ZVMainQueue::async(Task task) {
+  {
+    std::lock_guard lock(mutex_);
+    tasks_.push_back(std::move(task));
+  }
+  cv_.notify_all();
+}
+
+bool ZVMainQueue::runOne(std::unique_lock<std::mutex>& lock) {
+  if (tasks_.empty()) return false;
+  Task task = std::move(tasks_.front());
+  tasks_.pop_front();
+  lock.unlock();
+  runGuarded(task);
+  task = nullptr;  // release its captures before taking the lock again
+  lock.lock();
+  return true;
+}
+
+size_t ZVMainQueue::drain() {
+  std::unique_lock lock(mutex_);
+  // A started dedicated thread owns the queue even before it first takes it.
+  if (running_ || (thread_.joinable() && !stop_)) return 0;
+  running_ = true;
+  // FIFO: the first `before` tasks are exactly those queued before this call.
+  const size_t before = tasks_.size();
+  size_t ran = 0;
+  while (ran < before && runOne(lock)) ++ran;
+  running_ = false;
+  lock.unlock();
+  cv_.notify_all();
+  return ran;
+}
+
+bool ZVMainQueue::runUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout) {
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  std::unique_lock lock(mutex_);
+  bool owner = false;  // whether this call holds the queue and runs its tasks
+  while (true) {
+    lock.unlock();
+    const bool held = done();
+    lock.lock();
+    const auto now = std::chrono::steady_clock::now();
+    if (held || now >= deadline) {
+      if (owner) {
+        running_ = false;
+        lock.unlock();
+        cv_.notify_all();
+      }
+      return held;
+    }
+    // While another runner (the dedicated thread) holds the queue, it runs the
+    // tasks and this call only waits; it takes the queue over once it is free.
+    if (!owner && !running_ && !(thread_.joinable() && !stop_)) {
+      running_ = true;
+      owner = true;
+    }
+    if (owner && !tasks_.empty()) {
+      runOne(lock);
+    } else {
+      cv_.wait_until(lock, std::min(deadline, now + kPollInterval));
+    }
+  }
+}
+
+void ZVMainQueue::startDedicatedThread() {
+  std::unique_lock lock(mutex_);
+  if (thread_.joinable()) {
+    if (!stop_) return;
+    if (thread_.get_id() == std::this_thread::get_id()) {
+      stop_ = false;  // a task stopped its own thread and restarts it: keep running
+      return;
+    }
+    // A task stopped the thread, which cannot join itself; finish that here.
+    std::thread old = std::move(thread_);
+    lock.unlock();
+    old.join();
+    lock.lock();
+    if (thread_.joinable()) return;  // started meanwhile by another caller
+  }
+  stop_ = false;
+  thread_ = std::thread([this] {
+    std::unique_lock lock(mutex_);
+    // Wait for a drain or runUntil under way to give the queue up.
+    cv_.wait(lock, [this] { return stop_ || !running_; });
+    if (stop_) return;
+    running_ = true;
+    while (true) {
+      cv_.wait(lock, [this] { return stop_ || !tasks_.empty(); });
+      if (stop_) break;
+      runOne(lock);
+    }
+    running_ = false;
+    lock.unlock();
+    cv_.notify_all();
+  });
+}
+
+void ZVMainQueue::stopDedicatedThread() {
+  std::unique_lock lock(mutex_);
+  if (!thread_.joinable()) return;
+  stop_ = true;
+  cv_.notify_all();
+  // From one of its own tasks: the thread ends after that task; a later start or
+  // the destructor joins it.
+  if (thread_.get_id() == std::this_thread::get_id()) return;
+  std::thread worker = std::move(thread_);
+  lock.unlock();
+  worker.join();
+}
+
+size_t ZVMainQueue::pendingCount() const {
+  std::lock_guard lock(mutex_);
+  return tasks_.size();
+}

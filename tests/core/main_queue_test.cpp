@@ -1,0 +1,108 @@
+#include <ZorvaneCoreKit/ZVMainQueue.h>
+
+#include <atomic>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using namespace std::chrono_literals;
+
+TEST(MainQueueTest, RunsInOrderNeverInlineAndSurvivesThrowingTasks) {
+  ZVMainQueue queue;
+  std::vector<int> order;
+  queue.async([&] { order.push_back(1); });
+  queue.async([] { throw std::runtime_error("task failure"); });
+  queue.async([&] { order.push_back(2); });
+  EXPECT_TRUE(order.empty());
+  EXPECT_EQ(queue.pendingCount(), 3u);
+  EXPECT_EQ(queue.drain(), 3u);
+  EXPECT_EQ(order, (std::vector<int>{1, 2}));
+}
+
+TEST(MainQueueTest, DrainRunsOnlyWhatWasQueuedBefore) {
+  ZVMainQueue queue;
+  int inner = 0;
+  queue.async([&] { queue.async([&] { ++inner; }); });
+  EXPECT_EQ(queue.drain(), 1u);
+  EXPECT_EQ(inner, 0);
+  EXPECT_EQ(queue.pendingCount(), 1u);
+  EXPECT_EQ(queue.drain(), 1u);
+  EXPECT_EQ(inner, 1);
+  EXPECT_EQ(queue.drain(), 0u);
+}
+
+TEST(MainQueueTest, RunUntilStopsWhenDoneOrAtTimeout) {
+  ZVMainQueue queue;
+  EXPECT_FALSE(queue.runUntil([] { return false; }, 30ms));
+  EXPECT_TRUE(queue.runUntil([] { return true; }, 0ms));
+
+  std::atomic<bool> done{false};
+  std::thread producer([&] {
+    std::this_thread::sleep_for(20ms);
+    queue.async([&] { done = true; });
+  });
+  EXPECT_TRUE(queue.runUntil([&] { return done.load(); }, 10s));
+  producer.join();
+}
+
+TEST(MainQueueTest, TasksFromManyThreadsRunExactlyOnceAndNeverOverlap) {
+  ZVMainQueue queue;
+  constexpr int kThreads = 4, kPerThread = 500;
+  std::vector<std::atomic<int>> runs(kThreads * kPerThread);
+  std::atomic<int> inFlight{0}, overlaps{0}, total{0};
+  std::vector<std::thread> producers;
+  for (int t = 0; t < kThreads; ++t) {
+    producers.emplace_back([&, t] {
+      for (int i = 0; i < kPerThread; ++i) {
+        queue.async([&, id = t * kPerThread + i] {
+          if (inFlight.fetch_add(1) != 0) overlaps.fetch_add(1);
+          runs[id].fetch_add(1);
+          inFlight.fetch_sub(1);
+          total.fetch_add(1);
+        });
+      }
+    });
+  }
+  EXPECT_TRUE(queue.runUntil([&] { return total.load() == kThreads * kPerThread; }, 30s));
+  for (auto& p : producers) p.join();
+  EXPECT_EQ(overlaps.load(), 0);
+  for (auto& r : runs) ASSERT_EQ(r.load(), 1);
+}
+
+TEST(MainQueueTest, DedicatedThreadStartsStopsAndKeepsUnrunTasks) {
+  ZVMainQueue queue;
+  queue.startDedicatedThread();
+  queue.startDedicatedThread();  // idempotent
+  std::atomic<bool> ran{false};
+  std::thread::id runner;
+  queue.async([&] {
+    runner = std::this_thread::get_id();
+    ran = true;
+  });
+  EXPECT_TRUE(queue.runUntil([&] { return ran.load(); }, 10s));
+  EXPECT_NE(runner, std::this_thread::get_id());
+  EXPECT_EQ(queue.drain(), 0u);  // the thread holds the queue
+
+  queue.stopDedicatedThread();
+  int later = 0;
+  queue.async([&] { ++later; });
+  std::this_thread::sleep_for(20ms);
+  EXPECT_EQ(later, 0);
+  EXPECT_EQ(queue.pendingCount(), 1u);
+
+  // A task may stop its own thread; a later start picks the queue up again.
+  queue.async([&] { queue.stopDedicatedThread(); });
+  queue.startDedicatedThread();
+  EXPECT_TRUE(queue.runUntil([&] { return queue.pendingCount() == 0; }, 10s));
+  queue.startDedicatedThread();
+  std::atomic<bool> after{false};
+  queue.async([&] { after = true; });
+  EXPECT_TRUE(queue.runUntil([&] { return after.load(); }, 10s));
+  EXPECT_EQ(later, 1);
+}
+
+}  // namespace

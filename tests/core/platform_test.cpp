@@ -1,0 +1,92 @@
+#include <ZorvaneCoreKit/ZVBaseManager.h>
+#include <ZorvaneCoreKit/ZVClock.h>
+#include <ZorvaneCoreKit/ZVError.h>
+#include <ZorvaneCoreKit/ZVIdentity.h>
+#include <ZorvaneCoreKit/ZVLogger.h>
+#include <ZorvaneCoreKit/ZVMainQueue.h>
+#include <ZorvaneCoreKit/ZVPManagerUtils.h>
+
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "ZVTestSupport.h"
+
+namespace {
+
+struct Sender : ZVObject {};
+
+TEST(LoggerTest, SinkReceivesEachLineAndCanBeReset) {
+  std::vector<std::string> lines;
+  ZVLogger::instance()->setSink([&](std::string_view line) { lines.emplace_back(line); });
+  ZVLogger::instance()->log("first");
+  ZVLogger::instance()->log("second");
+  ZVLogger::instance()->setSink({});
+  ZVLogger::instance()->log("to stderr");
+  EXPECT_EQ(lines, (std::vector<std::string>{"first", "second"}));
+}
+
+TEST(ErrorTest, DescriptionShowsNullForMissingParts) {
+  EXPECT_EQ(ZVError(2, ZVErrorValidationNoAnswer, "no answer").description(),
+            "Error Domain=ZVError Type=2 Code=ZVErrorValidationNoAnswer \"no answer\"");
+  EXPECT_EQ(ZVError(3, ZVDictionaryPtr{}).description(),
+            "Error Domain=ZVError Type=3 Code=(null) \"(null)\"");
+}
+
+TEST(ManagerUtilsTest, PostsTheFailureThenRunsTheStepOnceOnTheMainQueue) {
+  Sender sender;
+  auto error = std::make_shared<ZVError>(2, ZVErrorValidationNoOfferID, "missing");
+  std::vector<std::string> events;
+  auto* center = ZVNotificationCenter::defaultCenter();
+  auto token = center->addObserver("test.failure", &sender, [&](const ZVNotification& n) {
+    auto it = n.userInfo.find(ZV_MANAGER_NOTIFICATION_ERROR_KEY);
+    events.push_back(it != n.userInfo.end() && it->second == error ? "notified" : "bad info");
+  });
+  using Handler = std::function<void(int)>;
+  auto fail = [&](Handler handler) {
+    ZVPManagerUtils::callDidFailWithError<Handler>(
+        error, "test.failure", std::move(handler),
+        [&](Handler h, ZVErrorPtr e) {
+          events.push_back(e == error ? "step" : "wrong error");
+          if (h) h(0);
+        },
+        &sender);
+  };
+  fail([&](int) { events.push_back("handler"); });
+  fail(Handler{});              // no handler: the notification and the step still happen
+  EXPECT_TRUE(events.empty());  // nothing inline
+  EXPECT_TRUE(zvtest::drainUntil([&] { return events.size() >= 5; }));
+  ZVMainQueue::shared()->drain();
+  center->removeObserver(token);
+  EXPECT_EQ(events, (std::vector<std::string>{"notified", "step", "handler", "notified", "step"}));
+}
+
+struct Manager : ZVBaseManager {
+  Manager() { observeUserChanges(); }
+  void clearUserState(const ZVObject* argument) override { cleared.push_back(argument); }
+  std::vector<const ZVObject*> cleared;
+};
+
+TEST(BaseManagerTest, ClearsUserStateOnUserChangeUntilDestroyed) {
+  Sender who;
+  auto* center = ZVNotificationCenter::defaultCenter();
+  {
+    Manager manager;
+    EXPECT_EQ(manager.refreshInterval(), 300.0);
+    center->postNotificationName(ZV_USER_MANAGER_USER_DID_CHANGE_NOTIFICATION, &who);
+    center->postNotificationName("unrelated", &who);
+    EXPECT_EQ(manager.cleared, (std::vector<const ZVObject*>{&who}));
+  }
+  // The destroyed manager left no observer behind (ASan would see the use after free).
+  center->postNotificationName(ZV_USER_MANAGER_USER_DID_CHANGE_NOTIFICATION, &who);
+}
+
+TEST(ClockTest, SourceIsReplaceableAndRestorable) {
+  ZVClock::setSource([] { return 42.5; });
+  EXPECT_EQ(ZVClock::now(), 42.5);
+  ZVClock::setSource({});
+  EXPECT_GT(ZVClock::now(), 1.6e9);
+}
+
+}  // namespace
