@@ -1,0 +1,151 @@
+#include "ZVLoopbackServer.h"
+
+#include <httplib.h>
+
+#include <algorithm>
+#include <cctype>
+#include <stdexcept>
+
+namespace zvtest {
+
+namespace {
+
+bool sameName(std::string_view a, std::string_view b) {
+  return std::ranges::equal(a, b, [](char x, char y) {
+    return std::tolower(static_cast<unsigned char>(x)) ==
+           std::tolower(static_cast<unsigned char>(y));
+  });
+}
+
+}  // namespace
+
+std::string LoopbackRequest::header(std::string_view name) const {
+  for (const auto& [key, value] : headers)
+    if (sameName(key, name)) return value;
+  return "";
+}
+
+bool LoopbackRequest::hasHeader(std::string_view name) const {
+  return std::ranges::any_of(headers, [&](const auto& h) { return sameName(h.first, name); });
+}
+
+ZVLoopbackServer::ZVLoopbackServer() : server_(std::make_unique<httplib::Server>()) {
+  auto handle = [this](const httplib::Request& in, httplib::Response& out) {
+    LoopbackRequest request;
+    request.method = in.method;
+    request.target = in.target;
+    const size_t question = in.target.find('?');
+    request.path = in.target.substr(0, question);
+    if (question != std::string::npos) request.query = in.target.substr(question + 1);
+    for (const auto& [key, value] : in.params) request.params.emplace_back(key, value);
+    for (const auto& [key, value] : in.headers) request.headers.emplace_back(key, value);
+    request.body = in.body;
+    request.remotePort = in.remote_port;
+
+    LoopbackResponse response = answer(request);
+    pause(response.delay);
+    out.status = response.status;
+    for (const auto& [key, value] : response.headers) out.set_header(key, value);
+    if (response.chunked) {
+      auto body = std::make_shared<std::string>(std::move(response.body));
+      out.set_chunked_content_provider(
+          response.contentType, [body](size_t offset, httplib::DataSink& sink) {
+            constexpr size_t kChunk = 4096;
+            if (offset < body->size()) {
+              sink.write(body->data() + offset, std::min(kChunk, body->size() - offset));
+            } else {
+              sink.done();
+            }
+            return true;
+          });
+    } else {
+      out.set_content(response.body, response.contentType);
+    }
+  };
+  server_->Get(".*", handle);
+  server_->Post(".*", handle);
+  server_->Put(".*", handle);
+  server_->Delete(".*", handle);
+  server_->Patch(".*", handle);
+
+  port_ = server_->bind_to_any_port("127.0.0.1");
+  if (port_ <= 0) throw std::runtime_error("loopback server: no free port on 127.0.0.1");
+  thread_ = std::thread([this] { server_->listen_after_bind(); });
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (!server_->is_running()) {
+    if (std::chrono::steady_clock::now() > deadline) {
+      server_->stop();
+      thread_.join();
+      throw std::runtime_error("loopback server did not start");
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+}
+
+ZVLoopbackServer::~ZVLoopbackServer() {
+  {
+    std::lock_guard lock(mutex_);
+    stopping_ = true;
+  }
+  changed_.notify_all();  // cuts delays short
+  server_->stop();
+  thread_.join();
+}
+
+std::string ZVLoopbackServer::hostAndPort() const {
+  return "127.0.0.1:" + std::to_string(port_);
+}
+
+std::string ZVLoopbackServer::baseURL() const {
+  return "http://" + hostAndPort();
+}
+
+void ZVLoopbackServer::setHandler(Handler handler) {
+  std::lock_guard lock(mutex_);
+  handler_ = std::move(handler);
+}
+
+void ZVLoopbackServer::enqueue(LoopbackResponse response) {
+  std::lock_guard lock(mutex_);
+  canned_.push_back(std::move(response));
+}
+
+std::vector<LoopbackRequest> ZVLoopbackServer::requests() const {
+  std::lock_guard lock(mutex_);
+  return requests_;
+}
+
+size_t ZVLoopbackServer::requestCount() const {
+  std::lock_guard lock(mutex_);
+  return requests_.size();
+}
+
+bool ZVLoopbackServer::waitForRequests(size_t count, std::chrono::milliseconds timeout) const {
+  std::unique_lock lock(mutex_);
+  return changed_.wait_for(lock, timeout, [&] { return requests_.size() >= count; });
+}
+
+LoopbackResponse ZVLoopbackServer::answer(const LoopbackRequest& request) {
+  Handler handler;
+  {
+    std::lock_guard lock(mutex_);
+    requests_.push_back(request);
+    changed_.notify_all();
+    if (!canned_.empty()) {
+      LoopbackResponse next = std::move(canned_.front());
+      canned_.pop_front();
+      return next;
+    }
+    handler = handler_;
+  }
+  // The handler runs unlocked so that it may call back into the server.
+  return handler ? handler(request) : LoopbackResponse{};
+}
+
+void ZVLoopbackServer::pause(std::chrono::milliseconds delay) {
+  if (delay <= std::chrono::milliseconds(0)) return;
+  std::unique_lock lock(mutex_);
+  changed_.wait_for(lock, delay, [&] { return stopping_; });
+}
+
+}  // namespace zvtest
