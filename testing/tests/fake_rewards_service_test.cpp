@@ -1,0 +1,124 @@
+#include <ZorvaneRewardsKit/testing/ZVFakeRewardsService.h>
+
+#include <atomic>
+#include <chrono>
+#include <future>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include <ZorvaneRewardsKit/ZorvaneRewardsKit.h>
+
+namespace {
+
+using namespace std::chrono_literals;
+
+const std::string kBase = "https://rewards.fake.invalid/api/v1/apps/fake-app/";
+
+TEST(FakeRewardsServiceTest, RecognisesEachKindFromMethodAndPath) {
+  struct Case {
+    const char* method;
+    std::string url;
+    std::string kind;
+  };
+  const Case cases[] = {
+      {"GET", kBase + "offers?locale=fr-CA", kKindFetchRewardOffers},
+      {"POST", kBase + "offers/12/orders", kKindPlaceOrder},
+      {"GET", kBase + "orders", kKindFetchRewardOrders},
+      {"GET", kBase + "challenges/skills_test_question", kKindFetchSkillQuestion},
+      {"POST", kBase + "offers/12/challenges/skills_test_questions/q%201",
+       kKindAnswerSkillQuestion},
+      {"POST", kBase + "offers", ""},                             // wrong method
+      {"GET", kBase + "offers/12/orders", ""},                    // wrong method
+      {"POST", kBase + "offers//orders", ""},                     // no offer id
+      {"GET", kBase + "orders/extra", ""},                        // extra segment
+      {"GET", "https://rewards.fake.invalid/api/v1/offers", ""},  // no app
+      {"GET", "not a url", ""},
+  };
+  for (const auto& c : cases)
+    EXPECT_EQ(ZVFakeRewardsService::kindForRequest(c.method, c.url), c.kind) << c.url;
+}
+
+// Sends one raw exchange and waits for its completion.
+ZVHTTPResult exchange(ZVFakeRewardsService& fake, std::string method, std::string url,
+                      std::thread::id* thread = nullptr) {
+  std::promise<std::pair<ZVHTTPResult, std::thread::id>> promise;
+  ZVHTTPRequest request;
+  request.method = std::move(method);
+  request.url = std::move(url);
+  fake.send(std::move(request), [&](ZVHTTPResult result) {
+    promise.set_value({std::move(result), std::this_thread::get_id()});
+  });
+  auto future = promise.get_future();
+  EXPECT_EQ(future.wait_for(5s), std::future_status::ready);
+  auto [result, id] = future.get();
+  if (thread) *thread = id;
+  return result;
+}
+
+TEST(FakeRewardsServiceTest, AnswersOneShotThenStandingThenNotSet) {
+  auto fake = ZVFakeRewardsService::make();
+  fake->setBody(kKindFetchRewardOrders, R"({"status": "ok", "orders": []})");
+  fake->pushAnswer(kKindFetchRewardOrders, ZVFakeAnswer::httpStatus(503));
+  fake->pushAnswer(kKindFetchRewardOrders,
+                   ZVFakeAnswer::transportFailure(ZVTransportFailure::Reset, "reset"));
+
+  std::thread::id thread;
+  EXPECT_EQ(exchange(*fake, "GET", kBase + "orders", &thread).status, 503);
+  EXPECT_NE(thread, std::this_thread::get_id());
+  EXPECT_EQ(exchange(*fake, "GET", kBase + "orders").failure, ZVTransportFailure::Reset);
+  EXPECT_EQ(exchange(*fake, "GET", kBase + "orders").body, R"({"status": "ok", "orders": []})");
+  EXPECT_EQ(exchange(*fake, "GET", kBase + "offers").status, 501);
+  EXPECT_EQ(exchange(*fake, "GET", kBase + "nothing").status, 404);
+
+  EXPECT_EQ(fake->requestCount(kKindFetchRewardOrders), 3u);
+  EXPECT_EQ(fake->requests().size(), 5u);
+  fake->clearAnswers();
+  EXPECT_EQ(exchange(*fake, "GET", kBase + "orders").status, 501);
+}
+
+TEST(FakeRewardsServiceTest, DestructionFailsWaitingRequestsOnce) {
+  std::atomic<int> calls{0};
+  std::atomic<bool> shutdown{false};
+  {
+    auto fake = ZVFakeRewardsService::make();
+    auto slow = ZVFakeAnswer::json(R"({"status": "ok"})");
+    slow.delay = 1h;
+    fake->setAnswer(kKindFetchRewardOffers, slow);
+    ZVHTTPRequest request;
+    request.method = "GET";
+    request.url = kBase + "offers";
+    fake->send(request, [&](ZVHTTPResult result) {
+      shutdown = result.failure == ZVTransportFailure::Shutdown;
+      ++calls;
+    });
+  }
+  EXPECT_EQ(calls.load(), 1);
+  EXPECT_TRUE(shutdown.load());
+}
+
+// Through the real request manager and rewards manager.
+TEST(FakeRewardsServiceTest, DrivesTheManagerWithoutANetwork) {
+  ZVScopedFakeRewardsService fake;
+  fake->setBody(kKindPlaceOrder,
+                R"({"status": "ok", "order": {"id": "7", "user": {"available_points": 1200}}})");
+
+  std::shared_ptr<ZVOrder> placed;
+  bool done = false;
+  ZVRewardsManager::instance()->placeOrder(ZVOrderRequest::initWithOfferID("a b", 1),
+                                           [&](std::shared_ptr<ZVOrder> order, ZVErrorPtr) {
+                                             placed = order;
+                                             done = true;
+                                           });
+  ASSERT_TRUE(ZVMainQueue::shared()->runUntil([&] { return done; }, 5s));
+  ASSERT_TRUE(placed);
+  EXPECT_EQ(placed->orderID(), "7");
+  EXPECT_EQ(placed->user()->availablePoints(), 1200);
+
+  const auto sent = fake->requestsOfKind(kKindPlaceOrder);
+  ASSERT_EQ(sent.size(), 1u);
+  EXPECT_EQ(sent[0].offerID, "a b");
+  EXPECT_NE(sent[0].body.find("\"offer_id\""), std::string::npos);
+}
+
+}  // namespace
