@@ -1,0 +1,42 @@
+#include <ZorvaneCoreKit/ZVObject.h>
+
+#include <cxxabi.h>
+
+#include <cstdlib>
+#include <typeinfo>
+
+#include <fmt/format.h>
+
+ZVObject::~ZVObject() = default;
+
+std::string ZVObject::description() const {
+  const char* mangled = typeid(*this).name();
+  int status = 0;
+  char* demangled = abi::__cxa_demangle(mangled, nullptr, nullptr, &status);
+  std::string name = (status == 0 && demangled != nullptr) ? demangled : mangled;
+  std::free(demangled);
+  return fmt::format("<{}: {}>", name, static_cast<const void*>(this));
+}
+
+std::string ZVDescribe(const ZVObject* object) {
+  return object != nullptr ? object->description() : std::string("(null)");
+}
+
+std::string ZVDescribe(const std::string* text) {
+  return text != nullptr ? *text : std::string("(null)");
+}
+
+std::string ZVDescribeList(const std::vector<std::string>& items) {
+  std::string out = "(\n";
+  for (size_t i = 0; i < items.size(); ++i) {
+    out += "    ";
+    out += items[i];
+    out += i + 1 < items.size() ? ",\n" : "\n";
+  }
+  out += ')';
+  return out;
+}
+
+std::string ZVNumber::description() const {
+  return fmt::format("{}", value_);
+}

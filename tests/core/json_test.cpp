@@ -1,0 +1,246 @@
+#include <ZorvaneCoreKit/ZVJSON.h>
+
+#include <cmath>
+#include <limits>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+
+namespace {
+
+ZVJSONValue parse(std::string_view text) {
+  ZVJSONParseResult result = ZVJSONParse(text);
+  EXPECT_TRUE(result.ok()) << text << ": " << result.error;
+  return result.value;
+}
+
+std::string compact(const ZVJSONValue& value) {
+  std::string out;
+  EXPECT_TRUE(ZVJSONSerialize(value, false, out));
+  return out;
+}
+
+std::string nested(size_t depth) {
+  return std::string(depth, '[') + std::string(depth, ']');
+}
+
+TEST(JSONTest, CompactRoundTripKeepsKindsOrderAndEscapes) {
+  struct Case {
+    std::string in, out;
+  } cases[] = {
+      {R"({"b":1,"a":[true,false,null],"c":{}})", R"({"b":1,"a":[true,false,null],"c":{}})"},
+      {"[1, 1.0, -0, 2.5e3, 1e-7]", "[1,1.0,0,2500.0,1e-07]"},
+      {"[9223372036854775807,-9223372036854775808]", "[9223372036854775807,-9223372036854775808]"},
+      // Above the signed range but within 64 bits: kept as a double.
+      {"18446744073709551615", "1.8446744073709552e+19"},
+      {R"("q\"b\\s\/ \u0001\t\n é \ud83d\ude00")",
+       "\"q\\\"b\\\\s/ \\u0001\\t\\n é \xF0\x9F\x98\x80\""},
+      {" \"top\" ", "\"top\""},
+  };
+  for (const auto& c : cases) EXPECT_EQ(compact(parse(c.in)), c.out) << c.in;
+
+  ZVJSONValue kinds = parse(R"([1, 1.0, true, "1", null])");
+  const auto& items = kinds.array()->items();
+  EXPECT_TRUE(items[0].isInteger());
+  EXPECT_TRUE(items[1].isDouble());
+  EXPECT_TRUE(items[2].isBool());
+  EXPECT_TRUE(items[3].isString());
+  EXPECT_TRUE(items[4].isNull());
+  EXPECT_FALSE(items[4].isNil());
+}
+
+TEST(JSONTest, BadInputIsAClearError) {
+  const std::string cases[] = {
+      "",
+      "[1] x",
+      R"({"a":})",
+      "[1,]",
+      "\"\xff\"",                     // invalid UTF-8
+      "\"\xed\xa0\x80\"",             // encoded surrogate
+      "123456789012345678901234567",  // beyond 64 bits
+      "-9223372036854775809",
+      "1e400",
+      std::string("[\"a\0b\"]", 7),
+      std::string(100000, '['),
+  };
+  for (const auto& text : cases) {
+    ZVJSONParseResult result = ZVJSONParse(text);
+    EXPECT_FALSE(result.ok()) << text.substr(0, 40);
+    EXPECT_TRUE(result.value.isNil());
+  }
+  EXPECT_EQ(ZVJSONParse("\"\xff\"").error, "invalid JSON: The input is not valid UTF-8");
+}
+
+TEST(JSONTest, DepthIsBounded) {
+  ZVJSONParseResult ok = ZVJSONParse(nested(512));
+  ASSERT_TRUE(ok.ok()) << ok.error;
+  std::string out;
+  EXPECT_TRUE(ZVJSONSerialize(ok.value, true, out));
+  EXPECT_FALSE(ok.value.description().empty());
+  EXPECT_EQ(ok.value, parse(nested(512)));
+  ok = {};  // a 512-deep tree must destroy without trouble
+
+  EXPECT_EQ(ZVJSONParse(nested(513)).error, "JSON nesting is deeper than 512 levels");
+  EXPECT_EQ(ZVJSONParse(R"({"a":{"b":[1]}})", {.maxDepth = 2}).error,
+            "JSON nesting is deeper than 2 levels");
+  EXPECT_TRUE(ZVJSONParse(R"({"a":{"b":1}})", {.maxDepth = 2}).ok());
+  EXPECT_TRUE(ZVJSONParse("7", {.maxDepth = 0}).ok());
+  // A generous limit is still capped, so later recursion stays bounded.
+  EXPECT_TRUE(ZVJSONParse(nested(1024), {.maxDepth = 1u << 30}).ok());
+  EXPECT_FALSE(ZVJSONParse(nested(1025), {.maxDepth = 1u << 30}).ok());
+}
+
+TEST(JSONTest, SerialiserRefusesWhatJSONCannotHold) {
+  std::string out;
+  EXPECT_FALSE(ZVJSONSerialize(ZVJSONValue(), false, out));
+  EXPECT_FALSE(ZVJSONSerialize(std::numeric_limits<double>::quiet_NaN(), false, out));
+  EXPECT_FALSE(ZVJSONSerialize(ZVMutableArray::make({-INFINITY}), false, out));
+  EXPECT_FALSE(ZVJSONSerialize(std::string("bad \xc3"), false, out));
+  EXPECT_FALSE(ZVJSONSerialize(ZVMutableDictionary::make({{"\xff", 1}}), false, out));
+
+  // A dictionary that holds itself is refused, not followed forever.
+  auto loop = ZVMutableDictionary::make();
+  loop->setObject("self", loop);
+  EXPECT_FALSE(ZVJSONSerialize(loop, false, out));
+  EXPECT_FALSE(loop->description().empty());
+  loop->removeObjectForKey("self");
+
+  // Nil inside containers is skipped.
+  auto array = ZVMutableArray::make({ZVJSONValue(), 1, ZVJSONValue()});
+  EXPECT_EQ(compact(array), "[1]");
+}
+
+TEST(JSONTest, PrettyLayout) {
+  std::string out;
+  ASSERT_TRUE(ZVJSONSerialize(parse(R"({"a":[1,{"b":null}],"c":{},"d":[]})"), true, out));
+  EXPECT_EQ(out,
+            "{\n  \"a\" : [\n    1,\n    {\n      \"b\" : null\n    }\n  ],\n"
+            "  \"c\" : {},\n  \"d\" : []\n}");
+}
+
+TEST(JSONTest, NestedContainersAreSharedAndCopiesAreShallow) {
+  ZVDictionaryPtr root = parse(R"({"inner":{"x":1,"y":2},"list":[1]})").dictionary();
+  ZVDictionaryPtr inner = root->objectForKey("inner").dictionary();
+  EXPECT_EQ(inner, root->find("inner")->dictionary());
+  inner->removeObjectForKey("x");
+  EXPECT_EQ(compact(root), R"({"inner":{"y":2},"list":[1]})");
+
+  ZVDictionaryPtr copy = root->mutableCopy();
+  EXPECT_NE(copy, root);
+  EXPECT_EQ(copy->objectForKey("inner").dictionary(), inner);
+  copy->removeObjectForKey("list");
+  EXPECT_EQ(root->count(), 2u);
+
+  ZVArrayPtr list = root->objectForKey("list").array();
+  ZVArrayPtr listCopy = list->mutableCopy();
+  listCopy->add("more");
+  EXPECT_EQ(list->count(), 1u);
+}
+
+TEST(JSONTest, DuplicateKeysKeepFirstPositionAndLastValue) {
+  EXPECT_EQ(compact(parse(R"({"a":1,"b":2,"a":3})")), R"({"a":3,"b":2})");
+
+  // Large objects take another path; so does a hostile run of one key.
+  std::string wide = "{";
+  for (int i = 0; i < 100; ++i) wide += fmt::format("\"k{}\":{},", i, i);
+  wide += "\"k5\":\"last\"}";
+  ZVDictionaryPtr dict = parse(wide).dictionary();
+  EXPECT_EQ(dict->count(), 100u);
+  EXPECT_EQ(dict->allKeys()[5], "k5");
+  EXPECT_EQ(*dict->objectForKey("k5").string(), "last");
+
+  std::string same = "{";
+  for (int i = 0; i < 200000; ++i) same += fmt::format("\"k\":{},", i);
+  same += "\"k\":-1}";
+  dict = parse(same).dictionary();
+  EXPECT_EQ(dict->count(), 1u);
+  EXPECT_EQ(dict->objectForKey("k").integerValue(), -1);
+}
+
+TEST(JSONTest, DictionaryKeepsInsertionOrderThroughRemovals) {
+  auto dict = ZVMutableDictionary::make();
+  for (const char* key : {"a", "b", "c", "d"}) dict->setObject(key, key);
+  dict->removeObjectForKey("b");
+  dict->setObject("a", 1);              // replaced in place
+  dict->setObject("b", 2);              // re-added at the end
+  dict->setObject("c", ZVJSONValue());  // nil removes
+  EXPECT_EQ(dict->allKeys(), (std::vector<std::string>{"a", "d", "b"}));
+  EXPECT_EQ(dict->count(), 3u);
+  EXPECT_TRUE(dict->objectForKey("c").isNil());
+
+  EXPECT_EQ(*dict->getAndRemoveObjectForKey("d").string(), "d");
+  EXPECT_TRUE(dict->getAndRemoveObjectForKey("d").isNil());
+  EXPECT_EQ(compact(dict), R"({"a":1,"b":2})");
+
+  // Builders follow the same rules, small or large.
+  for (size_t n : {4u, 40u}) {
+    std::vector<ZVMutableDictionary::Entry> entries;
+    for (size_t i = 0; i < n; ++i) entries.emplace_back(fmt::format("k{}", i), int(i));
+    entries.emplace_back("k0", ZVJSONValue());
+    entries.emplace_back("k1", "again");
+    entries.emplace_back("k0", "back");
+    auto built = ZVMutableDictionary::make(std::move(entries));
+    EXPECT_EQ(built->count(), n);
+    EXPECT_EQ(built->allKeys().front(), "k1");
+    EXPECT_EQ(built->allKeys().back(), "k0");
+    EXPECT_EQ(*built->objectForKey("k1").string(), "again");
+  }
+}
+
+TEST(JSONTest, PruneDropsTopLevelNullsInPlace) {
+  ZVDictionaryPtr dict = parse(R"({"a":null,"b":{"c":null},"d":0})").dictionary();
+  ZVDictionaryPtr nestedB = dict->objectForKey("b").dictionary();
+  EXPECT_EQ(dict->prune(), dict);
+  EXPECT_EQ(compact(dict), R"({"b":{"c":null},"d":0})");
+  EXPECT_EQ(dict->objectForKey("b").dictionary(), nestedB);
+}
+
+TEST(JSONTest, EqualityIsDeepAndTypeExact) {
+  EXPECT_EQ(parse(R"({"a":[1,{"b":"x"}],"c":null})"), parse(R"({"c":null,"a":[1,{"b":"x"}]})"));
+  EXPECT_NE(parse("[1]"), parse("[1.0]"));
+  EXPECT_NE(parse("[true]"), parse("[1]"));
+  EXPECT_NE(ZVJSONValue(), ZVJSONValue::null());
+  EXPECT_NE(parse(R"({"a":1})"), parse(R"({"a":1,"b":2})"));
+}
+
+TEST(JSONTest, Descriptions) {
+  struct Case {
+    ZVJSONValue value;
+    std::string text;
+  } cases[] = {
+      {ZVJSONValue(), "(null)"},
+      {ZVJSONValue::null(), "<null>"},
+      {true, "1"},
+      {false, "0"},
+      {-42, "-42"},
+      {1.5, "1.5"},
+      {3.0, "3"},
+      {"text", "text"},
+      {parse(R"({"k":[1]})"), "{\n  \"k\" : [\n    1\n  ]\n}"},
+  };
+  for (const auto& c : cases) EXPECT_EQ(c.value.description(), c.text);
+  EXPECT_EQ(parse("[\"a\"]").array()->description(), "[\n  \"a\"\n]");
+  // People read descriptions: they never fail, even where JSON would.
+  EXPECT_EQ(ZVMutableArray::make({std::string("\xff"), NAN})->description(),
+            "[\n  \"\xEF\xBF\xBD\",\n  nan\n]");
+}
+
+TEST(JSONTest, ParsesConcurrentlyOnManyThreads) {
+  std::vector<std::thread> threads;
+  std::vector<std::string> results(4);
+  for (size_t t = 0; t < results.size(); ++t)
+    threads.emplace_back([t, &results] {
+      for (int i = 0; i < 200; ++i) {
+        ZVJSONParseResult r = ZVJSONParse(fmt::format(R"({{"t":{},"i":[{}]}})", t, i));
+        if (r.ok()) ZVJSONSerialize(r.value, false, results[t]);
+      }
+    });
+  for (auto& thread : threads) thread.join();
+  for (size_t t = 0; t < results.size(); ++t)
+    EXPECT_EQ(results[t], fmt::format(R"({{"t":{},"i":[199]}})", t));
+}
+
+}  // namespace
