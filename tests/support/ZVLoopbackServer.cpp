@@ -17,6 +17,8 @@ bool sameName(std::string_view a, std::string_view b) {
   });
 }
 
+constexpr size_t kWorkers = 32;
+
 }  // namespace
 
 std::string LoopbackRequest::header(std::string_view name) const {
@@ -62,11 +64,17 @@ ZVLoopbackServer::ZVLoopbackServer() : server_(std::make_unique<httplib::Server>
       out.set_content(response.body, response.contentType);
     }
   };
-  server_->Get(".*", handle);
-  server_->Post(".*", handle);
-  server_->Put(".*", handle);
-  server_->Delete(".*", handle);
-  server_->Patch(".*", handle);
+  // Every path, even one that decodes to a line break ('.' would stop there).
+  const std::string anyPath = R"([\s\S]*)";
+  server_->Get(anyPath, handle);
+  server_->Post(anyPath, handle);
+  server_->Put(anyPath, handle);
+  server_->Delete(anyPath, handle);
+  server_->Patch(anyPath, handle);
+  // Without it, a header written apart from its body waits for a delayed ACK.
+  server_->set_tcp_nodelay(true);
+  // Enough workers for every connection a client keeps alive at once.
+  server_->new_task_queue = [] { return new httplib::ThreadPool(kWorkers); };
 
   port_ = server_->bind_to_any_port("127.0.0.1");
   if (port_ <= 0) throw std::runtime_error("loopback server: no free port on 127.0.0.1");

@@ -42,7 +42,7 @@ struct LoopbackResponse {
   int status = 200;
   std::string body = "{}";
   std::string contentType = "application/json";
-  std::vector<std::pair<std::string, std::string>> headers;
+  std::vector<std::pair<std::string, std::string>> headers{};
   /// Wait this long before answering (cut short when the server stops).
   std::chrono::milliseconds delay{0};
   /// Send the body in chunks, without a Content-Length.

@@ -1,0 +1,502 @@
+#include <ZorvaneCoreKit/ZVGenericRequestManager.h>
+
+#include <ZorvaneCoreKit/Zorvane.h>
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cctype>
+#include <condition_variable>
+#include <deque>
+#include <exception>
+#include <mutex>
+#include <string_view>
+#include <thread>
+#include <tuple>
+
+namespace {
+
+constexpr std::string_view kHostPlaceholder = "https://:host";
+constexpr std::string_view kAppIDSegment = ":appid";
+constexpr const char* kUserAgent = "ZorvaneRewardsKit/3.0.0";
+
+// ---------------------------------------------------------------------------
+// Percent-encoding.
+//
+// Path values are formatted into the URL template unencoded (an offer id goes
+// in as it stands), so every byte of the path is encoded here unless it is an
+// RFC 3986 unreserved character or one of "/:@!$&'()*+,;=". In particular
+// control characters, space, '%' (always: nothing arrives pre-encoded), '?',
+// '#' and every non-ASCII byte are encoded, so a value can neither end the
+// path, start a query or fragment, nor break the request line into a header.
+// '/' stays a separator: an id holding '/' changes the path on the same host,
+// which the service does not accept as an id anyway. Segments "." and ".."
+// are encoded too, so that no one normalises them into another endpoint.
+
+bool isUnreserved(unsigned char c) {
+  return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-' ||
+         c == '.' || c == '_' || c == '~';
+}
+
+void appendEscaped(std::string& out, unsigned char c) {
+  static constexpr char kHex[] = "0123456789ABCDEF";
+  out += '%';
+  out += kHex[c >> 4];
+  out += kHex[c & 15];
+}
+
+// Everything but the unreserved characters and `keep` is escaped.
+std::string percentEncode(std::string_view text, std::string_view keep = {}) {
+  std::string out;
+  out.reserve(text.size());
+  for (const char ch : text) {
+    const auto c = static_cast<unsigned char>(ch);
+    if (isUnreserved(c) || (c != 0 && keep.find(ch) != std::string_view::npos))
+      out += ch;
+    else
+      appendEscaped(out, c);
+  }
+  return out;
+}
+
+// application/x-www-form-urlencoded: space as '+', the rest as in percentEncode.
+std::string formEncode(std::string_view text) {
+  std::string out;
+  out.reserve(text.size());
+  for (const char ch : text) {
+    const auto c = static_cast<unsigned char>(ch);
+    if (isUnreserved(c))
+      out += ch;
+    else if (c == ' ')
+      out += '+';
+    else
+      appendEscaped(out, c);
+  }
+  return out;
+}
+
+std::string encodePath(std::string_view path, const std::string& encodedAppID) {
+  std::string out;
+  size_t start = 0;
+  while (true) {
+    const size_t slash = path.find('/', start);
+    const std::string_view segment = path.substr(start, slash - start);
+    if (segment == "." || segment == "..")
+      for (size_t i = 0; i < segment.size(); ++i) out += "%2E";
+    else if (segment == kAppIDSegment)
+      out += encodedAppID;
+    else
+      out += percentEncode(segment, ":@!$&'()*+,;=");
+    if (slash == std::string_view::npos) break;
+    out += '/';
+    start = slash + 1;
+  }
+  return out;
+}
+
+bool hasAppIDSegment(std::string_view path) {
+  size_t start = 0;
+  while (true) {
+    const size_t slash = path.find('/', start);
+    if (path.substr(start, slash - start) == kAppIDSegment) return true;
+    if (slash == std::string_view::npos) return false;
+    start = slash + 1;
+  }
+}
+
+bool isSafeHostChar(unsigned char c) {
+  // Letters, digits and what host names, IP literals and ports use.
+  return isUnreserved(c) || c == ':' || c == '[' || c == ']';
+}
+
+// ---------------------------------------------------------------------------
+// Resolution.
+
+struct ResolvedURL {
+  std::string url;          // what is sent, with the query
+  std::string hostAndPath;  // "host:port/path", for messages
+};
+
+ResolvedURL resolve(const ZVConfiguration& config, const ZVGenericRequest& request,
+                    std::string& error) {
+  std::string_view host = config.serviceHost;
+  if (host.empty()) {
+    error = "no service host configured";
+    return {};
+  }
+  std::string scheme = "https";
+  if (const size_t sep = host.find("://"); sep != std::string_view::npos) {
+    scheme.assign(host.substr(0, sep));
+    std::ranges::transform(scheme, scheme.begin(),
+                           [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    host.remove_prefix(sep + 3);
+  }
+  while (host.ends_with('/')) host.remove_suffix(1);
+  if (scheme != "http" && scheme != "https") {
+    error = fmt::format("service host {} has the scheme \"{}\": only https (or http) is supported",
+                        config.serviceHost, scheme);
+    return {};
+  }
+  if (host.empty() || !std::ranges::all_of(host, [](char c) {
+        return isSafeHostChar(static_cast<unsigned char>(c));
+      })) {
+    error = fmt::format("service host \"{}\" is not a host name with an optional port",
+                        percentEncode(config.serviceHost, "/:@[]"));
+    return {};
+  }
+  if (scheme == "http" && !config.allowInsecureHTTP) {
+    error = fmt::format("plain http to {} is refused: set allowInsecureHTTP to allow it", host);
+    return {};
+  }
+
+  const std::string& base = request.baseURL();
+  const std::string_view rest = std::string_view(base).substr(
+      base.starts_with(kHostPlaceholder) ? kHostPlaceholder.size() : 0);
+  // Only the template reaches the service: anything else could name another host.
+  if (!base.starts_with(kHostPlaceholder) || !(rest.empty() || rest.front() == '/')) {
+    error = fmt::format("request URL of {} does not start with \"https://:host/\"", request.kind());
+    return {};
+  }
+  if (config.appID.empty() && hasAppIDSegment(rest)) {
+    error = "no app id configured";
+    return {};
+  }
+
+  ResolvedURL resolved;
+  const std::string path = encodePath(rest, percentEncode(config.appID));
+  resolved.hostAndPath = fmt::format("{}{}", host, path);
+  resolved.url = fmt::format("{}://{}", scheme, resolved.hostAndPath);
+  if (request.method() != ZVRequestMethodSubmit && !request.params().empty()) {
+    char separator = '?';
+    for (const auto& [key, value] : request.params()) {
+      resolved.url += separator;
+      resolved.url += formEncode(key);
+      resolved.url += '=';
+      resolved.url += formEncode(value);
+      separator = '&';
+    }
+  }
+  return resolved;
+}
+
+// ---------------------------------------------------------------------------
+// Answers.
+
+std::string jsonTypeName(ZVJSONValue::Type type) {
+  using T = ZVJSONValue::Type;
+  switch (type) {
+    case T::Null:
+      return "null";
+    case T::Bool:
+      return "boolean";
+    case T::Integer:
+    case T::Double:
+      return "number";
+    case T::String:
+      return "string";
+    case T::Array:
+      return "array";
+    case T::Dictionary:
+      return "object";
+    case T::Nil:
+      break;
+  }
+  return "nothing";
+}
+
+const char* transportCode(ZVTransportFailure failure) {
+  switch (failure) {
+    case ZVTransportFailure::Connect:
+      return ZVErrorTransportConnect;
+    case ZVTransportFailure::Timeout:
+      return ZVErrorTransportTimeout;
+    case ZVTransportFailure::TLS:
+      return ZVErrorTransportTLS;
+    case ZVTransportFailure::Reset:
+      return ZVErrorTransportReset;
+    case ZVTransportFailure::Shutdown:
+      return ZVErrorShutdown;
+    default:
+      return ZVErrorTransportOther;
+  }
+}
+
+struct Outcome {
+  std::shared_ptr<ZVGenericResponse> response;
+  ZVErrorPtr error;
+  ZVDictionaryPtr body;
+};
+
+Outcome failed(int64_t type, const char* code, std::string message, ZVDictionaryPtr raw = {}) {
+  return {nullptr, std::make_shared<ZVError>(type, code, std::move(message)), std::move(raw)};
+}
+
+// Turns what the transport brought back into a response or an error.
+Outcome interpret(ZVHTTPResult result, const ZVGenericRequest& request, const ResolvedURL& where) {
+  if (result.failure == ZVTransportFailure::TooLarge)
+    return failed(ZVErrorTypeInvalidAnswer, ZVErrorAnswerTooLarge, result.failureMessage);
+  if (result.failure != ZVTransportFailure::None)
+    return failed(ZVErrorTypeTransport, transportCode(result.failure), result.failureMessage);
+
+  const int status = result.status;
+  ZVJSONParseResult parsed;
+  if (result.body.empty())
+    parsed.error = "the body is empty";
+  else
+    parsed = ZVJSONParse(result.body);
+
+  if (status >= 400) {
+    ZVDictionaryPtr raw = parsed.ok() ? parsed.value.dictionary() : nullptr;
+    std::string message;
+    if (raw && request.errorMessageMaker()) {
+      try {
+        message = request.errorMessageMaker()(request, raw);
+      } catch (...) {
+        message.clear();  // fall back to the plain wording below
+      }
+    }
+    if (message.empty()) {
+      message = fmt::format("HTTP {} from {}", status, where.hostAndPath);
+      if (raw)
+        if (const ZVJSONValue* text = raw->find("message"); text && text->string())
+          message += ": " + *text->string();
+    }
+    Outcome outcome = failed(ZVErrorTypeHTTP, ZVErrorHTTPStatus, std::move(message), raw);
+    outcome.error->setHTTPStatus(status);
+    return outcome;
+  }
+  if (!parsed.ok())
+    return failed(ZVErrorTypeInvalidAnswer, ZVErrorAnswerNotJSON,
+                  fmt::format("answer from {} is not JSON: {}", where.url, parsed.error));
+  ZVDictionaryPtr body = parsed.value.dictionary();
+  if (!body)
+    return failed(ZVErrorTypeInvalidAnswer, ZVErrorAnswerNotObject,
+                  fmt::format("answer from {} is a JSON {}, not an object", where.url,
+                              jsonTypeName(parsed.value.type())));
+  return {std::make_shared<ZVGenericResponse>(status, where.url, body), nullptr, body};
+}
+
+// ---------------------------------------------------------------------------
+// Delivery.
+
+// Calls the callback once, whoever asks first, and keeps the in-flight count.
+class Delivery {
+ public:
+  Delivery(std::atomic<size_t>& inFlight, ZVRequestCallback callback, std::string kind)
+      : inFlight_(inFlight), callback_(std::move(callback)), kind_(std::move(kind)) {
+    inFlight_.fetch_add(1);
+  }
+  Delivery(const Delivery&) = delete;
+  Delivery& operator=(const Delivery&) = delete;
+  ~Delivery() {
+    // Never called back (a transport that dropped its completion): stop counting it.
+    if (!done_.load()) inFlight_.fetch_sub(1);
+  }
+
+  void operator()(Outcome outcome) {
+    if (done_.exchange(true)) return;
+    struct Decrement {
+      std::atomic<size_t>& count;
+      ~Decrement() { count.fetch_sub(1); }
+    } decrement{inFlight_};
+    if (callback_)
+      callback_(kind_, std::move(outcome.response), std::move(outcome.error),
+                std::move(outcome.body));
+  }
+
+ private:
+  std::atomic<size_t>& inFlight_;
+  ZVRequestCallback callback_;
+  std::string kind_;
+  std::atomic<bool> done_{false};
+};
+
+// Requests refused before reaching a transport are called back from here, so
+// that no callback ever runs inline from `sendRequest`.
+class RefusalQueue {
+ public:
+  static RefusalQueue& shared() {
+    // Leaked with its thread: refusals may still be delivered during exit.
+    static RefusalQueue* const queue = new RefusalQueue();
+    return *queue;
+  }
+
+  void post(std::function<void()> task) {
+    {
+      std::lock_guard lock(mutex_);
+      if (!started_) {
+        std::thread([this] { run(); }).detach();
+        started_ = true;
+      }
+      tasks_.push_back(std::move(task));
+    }
+    wake_.notify_one();
+  }
+
+ private:
+  void run() {
+    while (true) {
+      std::function<void()> task;
+      {
+        std::unique_lock lock(mutex_);
+        wake_.wait(lock, [&] { return !tasks_.empty(); });
+        task = std::move(tasks_.front());
+        tasks_.pop_front();
+      }
+      try {
+        task();
+      } catch (...) {
+        // A throwing callback must not end refusal delivery for everyone.
+      }
+    }
+  }
+
+  std::mutex mutex_;
+  std::condition_variable wake_;
+  std::deque<std::function<void()>> tasks_;  // guarded by mutex_
+  bool started_ = false;                     // guarded by mutex_
+};
+
+void refuse(const std::shared_ptr<Delivery>& delivery, Outcome outcome) {
+  try {
+    RefusalQueue::shared().post([delivery, outcome] { (*delivery)(outcome); });
+  } catch (...) {
+    // No thread to defer to: calling back inline beats never calling back.
+    (*delivery)(std::move(outcome));
+  }
+}
+
+bool hasControlChar(std::string_view text) {
+  return std::ranges::any_of(text, [](char c) {
+    const auto u = static_cast<unsigned char>(c);
+    return u < 0x20 || u == 0x7F;
+  });
+}
+
+}  // namespace
+
+ZVGenericRequestManager* ZVGenericRequestManager::instance() {
+  // Leaked on purpose: callbacks on transport threads may still reach it
+  // while static objects are destroyed at exit.
+  static ZVGenericRequestManager* const manager = new ZVGenericRequestManager();
+  return manager;
+}
+
+std::string ZVGenericRequestManager::resolveURL(const ZVGenericRequest& request,
+                                                std::string& error) {
+  error.clear();
+  return resolve(Zorvane::configuration(), request, error).url;
+}
+
+void ZVGenericRequestManager::setTransport(std::shared_ptr<ZVTransport> transport) {
+  std::shared_ptr<ZVTransport> previous;
+  {
+    std::lock_guard lock(mutex_);
+    previous = std::exchange(transport_, std::move(transport));
+  }
+  // Released unlocked: destroying a transport runs its pending completions.
+  previous.reset();
+}
+
+std::shared_ptr<ZVTransport> ZVGenericRequestManager::transport() {
+  std::lock_guard lock(mutex_);
+  if (!transport_) {
+    try {
+      transport_ = ZVMakeCurlTransport();
+    } catch (...) {
+      return nullptr;  // no thread or memory for it; the caller reports the failure
+    }
+  }
+  return transport_;
+}
+
+void ZVGenericRequestManager::sendRequest(std::shared_ptr<ZVGenericRequest> request,
+                                          ZVRequestCallback callback) {
+  std::shared_ptr<Delivery> delivery;
+  try {
+    delivery = std::make_shared<Delivery>(inFlight_, std::move(callback),
+                                          request ? request->kind() : std::string());
+  } catch (...) {
+    return;  // out of memory before anything could be recorded
+  }
+  try {
+    if (!request) {
+      refuse(delivery, failed(ZVErrorTypeValidation, "", "no request to send"));
+      return;
+    }
+    const ZVConfiguration config = Zorvane::configuration();
+    std::string error;
+    auto where = std::make_shared<ResolvedURL>(resolve(config, *request, error));
+    if (!error.empty()) {
+      refuse(delivery, failed(ZVErrorTypeConfiguration, ZVErrorNotConfigured, std::move(error)));
+      return;
+    }
+    if (hasControlChar(config.accessToken)) {
+      // Said without the token itself, which must never reach a message.
+      refuse(delivery, failed(ZVErrorTypeConfiguration, ZVErrorNotConfigured,
+                              "the access token holds control characters"));
+      return;
+    }
+
+    ZVHTTPRequest http;
+    http.url = where->url;
+    http.headers.emplace_back("Accept", "application/json");
+    if (!config.accessToken.empty())
+      http.headers.emplace_back("Authorization", "Bearer " + config.accessToken);
+    http.headers.emplace_back("User-Agent", kUserAgent);
+    if (request->method() == ZVRequestMethodSubmit) {
+      http.method = "POST";
+      if (request->body()) {
+        if (!ZVJSONSerialize(ZVJSONValue(request->body()), false, http.body)) {
+          refuse(delivery,
+                 failed(ZVErrorTypeValidation, "",
+                        fmt::format("the body of the {} request cannot be written as JSON (a NaN "
+                                    "or infinite number, or text that is not UTF-8)",
+                                    request->kind())));
+          return;
+        }
+        http.headers.emplace_back("Content-Type", "application/json");
+      }
+    } else {
+      http.method = "GET";
+    }
+    http.connectTimeout = config.connectTimeout;
+    http.totalTimeout = config.requestTimeout;
+    http.caFile = config.caFile;
+    http.maxBodyBytes = config.maxResponseBytes;
+
+    std::shared_ptr<ZVTransport> sender = transport();
+    if (!sender) {
+      refuse(delivery, failed(ZVErrorTypeTransport, ZVErrorTransportOther,
+                              "could not start the HTTP transport"));
+      return;
+    }
+    sender->send(std::move(http), [delivery, request, where](ZVHTTPResult result) {
+      Outcome outcome;
+      try {
+        outcome = interpret(std::move(result), *request, *where);
+      } catch (const std::exception& e) {
+        outcome = failed(ZVErrorTypeTransport, ZVErrorTransportOther,
+                         fmt::format("could not read the answer: {}", e.what()));
+      }
+      (*delivery)(std::move(outcome));
+    });
+  } catch (...) {
+    // Most likely bad_alloc while building the request; the callback still runs.
+    std::string reason = "unknown error";
+    try {
+      throw;
+    } catch (const std::exception& e) {
+      reason = e.what();
+    } catch (...) {
+    }
+    try {
+      refuse(delivery, failed(ZVErrorTypeTransport, ZVErrorTransportOther,
+                              fmt::format("could not send the {} request: {}",
+                                          request ? request->kind() : "", reason)));
+    } catch (...) {
+      // Not even the error fits in memory; the in-flight count still drops.
+    }
+  }
+}

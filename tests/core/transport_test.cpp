@@ -1,0 +1,353 @@
+// The request layer through the real libcurl transport to a loopback server.
+#include <ZorvaneCoreKit/ZVGenericRequestManager.h>
+#include <ZorvaneCoreKit/Zorvane.h>
+
+#include <gtest/gtest.h>
+
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "ZVLoopbackServer.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using zvtest::LoopbackResponse;
+using zvtest::ZVLoopbackServer;
+
+constexpr const char* kToken = "tok-SECRET-42";
+constexpr const char* kOffersURL = "https://:host/api/v1/apps/:appid/offers";
+
+struct Call {
+  std::string kind;
+  std::shared_ptr<ZVGenericResponse> response;
+  ZVErrorPtr error;
+  ZVDictionaryPtr body;
+  std::thread::id thread;
+};
+
+// Records callbacks; every wait is bounded.
+class Recorder {
+ public:
+  ZVRequestCallback callback() {
+    return [this](const std::string& kind, std::shared_ptr<ZVGenericResponse> response,
+                  ZVErrorPtr error, ZVDictionaryPtr body) {
+      std::lock_guard lock(mutex_);
+      calls_.push_back({kind, std::move(response), std::move(error), std::move(body),
+                        std::this_thread::get_id()});
+      changed_.notify_all();
+    };
+  }
+  // The calls once `count` arrived and the manager holds no request any more.
+  std::vector<Call> waitFor(size_t count, std::chrono::milliseconds timeout = 10s) {
+    std::unique_lock lock(mutex_);
+    changed_.wait_for(lock, timeout, [&] { return calls_.size() >= count; });
+    lock.unlock();
+    const auto deadline = std::chrono::steady_clock::now() + 2s;
+    while (ZVGenericRequestManager::instance()->requestsInFlight() != 0 &&
+           std::chrono::steady_clock::now() < deadline)
+      std::this_thread::sleep_for(1ms);
+    lock.lock();
+    return calls_;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::vector<Call> calls_;
+};
+
+std::shared_ptr<ZVGenericRequest> makeRequest(
+    int method, const std::string& url,
+    std::vector<std::pair<std::string, std::string>> params = {}, ZVDictionaryPtr body = {},
+    ZVErrorMessageMaker maker = {}) {
+  auto builder = ZVGenericRequestBuilder::requestBuilderWithMethod(method, "kKindTest");
+  builder->setBaseURL(url);
+  for (auto& [key, value] : params) builder->params().setObject(key, value);
+  builder->setBody(std::move(body));
+  builder->setErrorMessageMaker(std::move(maker));
+  return builder->build();
+}
+
+class TransportTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    saved_ = Zorvane::configuration();
+    ZVConfiguration config;
+    config.serviceHost = server_.baseURL();
+    config.allowInsecureHTTP = true;
+    config.appID = "app 1";
+    config.accessToken = kToken;
+    config.requestTimeout = 5s;
+    Zorvane::configure(config);
+    ZVGenericRequestManager::instance()->setTransport(ZVMakeCurlTransport());
+  }
+  void TearDown() override {
+    ZVGenericRequestManager::instance()->setTransport(nullptr);
+    Zorvane::configure(saved_);
+  }
+  static void reconfigure(const std::function<void(ZVConfiguration&)>& change) {
+    ZVConfiguration config = Zorvane::configuration();
+    change(config);
+    Zorvane::configure(config);
+  }
+  Call sendOne(std::shared_ptr<ZVGenericRequest> request) {
+    Recorder recorder;
+    ZVGenericRequestManager::instance()->sendRequest(std::move(request), recorder.callback());
+    std::vector<Call> calls = recorder.waitFor(1);
+    EXPECT_EQ(calls.size(), 1u) << "the callback must run exactly once";
+    return calls.empty() ? Call{} : calls.front();
+  }
+
+  ZVLoopbackServer server_;
+  ZVConfiguration saved_;
+};
+
+TEST_F(TransportTest, RequestArrivesAsBuilt) {
+  struct Case {
+    const char* name;
+    std::shared_ptr<ZVGenericRequest> request;
+    const char* method;
+    const char* target;
+    const char* body;
+  };
+  const Case cases[] = {
+      {"read with query",
+       makeRequest(0, kOffersURL, {{"locale", "fr CA"}, {"a&b", "x=y/\xC3\xA9"}}), "GET",
+       "/api/v1/apps/app%201/offers?locale=fr+CA&a%26b=x%3Dy%2F%C3%A9", ""},
+      {"submit with JSON body",
+       makeRequest(1, "https://:host/api/v1/apps/:appid/orders", {{"ignored", "1"}},
+                   ZVMutableDictionary::make({{"offer_id", "o 1"}, {"n", 2}})),
+       "POST", "/api/v1/apps/app%201/orders", R"({"offer_id":"o 1","n":2})"},
+      {"id that tries to add a header",
+       makeRequest(0, "https://:host/api/v1/apps/:appid/offers/x\r\nX-Injected: 1/q"), "GET",
+       "/api/v1/apps/app%201/offers/x%0D%0AX-Injected:%201/q", ""},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const size_t before = server_.requestCount();
+    const Call call = sendOne(c.request);
+    ASSERT_EQ(server_.requestCount(), before + 1) << (call.error ? call.error->description() : "");
+    const zvtest::LoopbackRequest got = server_.requests().back();
+    EXPECT_EQ(got.method, c.method);
+    EXPECT_EQ(got.target, c.target);
+    EXPECT_EQ(got.body, c.body);
+    EXPECT_EQ(got.header("Authorization"), std::string("Bearer ") + kToken);
+    EXPECT_EQ(got.header("Accept"), "application/json");
+    EXPECT_EQ(got.header("User-Agent"), "ZorvaneRewardsKit/3.0.0");
+    EXPECT_EQ(got.header("Content-Type"), *c.body ? "application/json" : "");
+    EXPECT_FALSE(got.hasHeader("X-Injected"));
+
+    EXPECT_EQ(call.kind, "kKindTest");
+    ASSERT_EQ(call.error, nullptr) << call.error->description();
+    ASSERT_NE(call.response, nullptr);
+    EXPECT_EQ(call.response->statusCode(), 200);
+    EXPECT_EQ(call.response->url(), server_.baseURL() + c.target);
+    ASSERT_NE(call.response->body(), nullptr);
+    EXPECT_EQ(call.body, call.response->body());
+  }
+}
+
+TEST_F(TransportTest, AnswerBodyIsHandedBackAsObject) {
+  server_.enqueue({.body = R"({"status":"ok","offers":[{"offer_id":"a"}]})"});
+  const Call call = sendOne(makeRequest(0, kOffersURL));
+  ASSERT_NE(call.response, nullptr);
+  const ZVDictionaryPtr& body = call.response->body();
+  ASSERT_NE(body, nullptr);
+  EXPECT_EQ(body->objectForKey("status"), ZVJSONValue("ok"));
+  ZVArrayPtr offers = body->objectForKey("offers").array();
+  ASSERT_NE(offers, nullptr);
+  ASSERT_EQ(offers->count(), 1u);
+  EXPECT_NE((*offers)[0].dictionary(), nullptr);
+}
+
+TEST_F(TransportTest, FailuresEndInOneErrorWithoutTheToken) {
+  // A port that was just free and nobody listens on.
+  const int closedPort = ZVLoopbackServer().port();
+  const std::string where = "127.0.0.1:" + std::to_string(server_.port());
+  const std::string path = where + "/api/v1/apps/app%201/offers";
+  const std::string url = "http://" + path;
+  const std::string big(5000, 'x');
+  const std::string bigJSON = "{\"a\":\"" + big + "\"}";
+  auto maker = [](const ZVGenericRequest& request, const ZVDictionaryPtr& raw) {
+    return request.kind() + " failed: " + raw->objectForKey("message").description();
+  };
+
+  struct Case {
+    const char* name;
+    std::function<void()> arrange;
+    std::shared_ptr<ZVGenericRequest> request;
+    ZVErrorType type;
+    const char* code;
+    int httpStatus;
+    std::string message;  // exact, or a prefix when it ends in "..."
+    bool bodyPassedOn = false;
+  };
+  const Case cases[] = {
+      {"connection refused",
+       [&] {
+         reconfigure(
+             [&](auto& c) { c.serviceHost = "http://127.0.0.1:" + std::to_string(closedPort); });
+       },
+       makeRequest(0, kOffersURL), ZVErrorTypeTransport, ZVErrorTransportConnect, 0,
+       "could not connect to 127.0.0.1:" + std::to_string(closedPort) + ": connection refused"},
+      {"HTTP 500 with a JSON message",
+       [&] { server_.enqueue({.status = 500, .body = R"({"message":"boom"})"}); },
+       makeRequest(0, kOffersURL), ZVErrorTypeHTTP, ZVErrorHTTPStatus, 500,
+       "HTTP 500 from " + path + ": boom", true},
+      {"HTTP 502 not JSON",
+       [&] { server_.enqueue({.status = 502, .body = "<html>", .contentType = "text/html"}); },
+       makeRequest(0, kOffersURL), ZVErrorTypeHTTP, ZVErrorHTTPStatus, 502,
+       "HTTP 502 from " + path},
+      {"HTTP 409 worded by the request",
+       [&] { server_.enqueue({.status = 409, .body = R"({"message":"sold out"})"}); },
+       makeRequest(0, kOffersURL, {}, {}, maker), ZVErrorTypeHTTP, ZVErrorHTTPStatus, 409,
+       "kKindTest failed: sold out", true},
+      {"body not JSON", [&] { server_.enqueue({.body = "ok!"}); }, makeRequest(0, kOffersURL),
+       ZVErrorTypeInvalidAnswer, ZVErrorAnswerNotJSON, 0,
+       "answer from " + url + " is not JSON: ..."},
+      {"empty body", [&] { server_.enqueue({.body = ""}); }, makeRequest(0, kOffersURL),
+       ZVErrorTypeInvalidAnswer, ZVErrorAnswerNotJSON, 0,
+       "answer from " + url + " is not JSON: the body is empty"},
+      {"top level an array", [&] { server_.enqueue({.body = "[1,2]"}); },
+       makeRequest(0, kOffersURL), ZVErrorTypeInvalidAnswer, ZVErrorAnswerNotObject, 0,
+       "answer from " + url + " is a JSON array, not an object"},
+      {"timeout",
+       [&] {
+         server_.enqueue({.delay = 3s});
+         reconfigure([](auto& c) { c.requestTimeout = 300ms; });
+       },
+       makeRequest(0, kOffersURL), ZVErrorTypeTransport, ZVErrorTransportTimeout, 0,
+       "timed out after 300 ms waiting for " + where},
+      {"body over the cap, announced",
+       [&] {
+         server_.enqueue({.body = bigJSON});
+         reconfigure([](auto& c) { c.maxResponseBytes = 1000; });
+       },
+       makeRequest(0, kOffersURL), ZVErrorTypeInvalidAnswer, ZVErrorAnswerTooLarge, 0,
+       "answer from " + where + " is larger than the limit of 1000 bytes"},
+      {"body over the cap, chunked",
+       [&] {
+         server_.enqueue({.body = bigJSON, .chunked = true});
+         reconfigure([](auto& c) { c.maxResponseBytes = 1000; });
+       },
+       makeRequest(0, kOffersURL), ZVErrorTypeInvalidAnswer, ZVErrorAnswerTooLarge, 0,
+       "answer from " + where + " is larger than the limit of 1000 bytes"},
+      {"no service host", [&] { reconfigure([](auto& c) { c.serviceHost.clear(); }); },
+       makeRequest(0, kOffersURL), ZVErrorTypeConfiguration, ZVErrorNotConfigured, 0,
+       "no service host configured"},
+      {"plain http not allowed", [&] { reconfigure([](auto& c) { c.allowInsecureHTTP = false; }); },
+       makeRequest(0, kOffersURL), ZVErrorTypeConfiguration, ZVErrorNotConfigured, 0,
+       "plain http to " + where + " is refused: set allowInsecureHTTP to allow it"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const ZVConfiguration before = Zorvane::configuration();
+    c.arrange();
+    const Call call = sendOne(c.request);
+    Zorvane::configure(before);
+
+    EXPECT_EQ(call.kind, "kKindTest");
+    EXPECT_EQ(call.response, nullptr);
+    EXPECT_NE(call.thread, std::this_thread::get_id()) << "called back inline";
+    ASSERT_NE(call.error, nullptr);
+    EXPECT_EQ(call.error->type(), c.type);
+    EXPECT_EQ(call.error->code(), c.code);
+    EXPECT_EQ(call.error->httpStatus(), c.httpStatus);
+    ASSERT_TRUE(call.error->message().has_value());
+    const std::string& message = *call.error->message();
+    if (c.message.ends_with("..."))
+      EXPECT_TRUE(message.starts_with(c.message.substr(0, c.message.size() - 3))) << message;
+    else
+      EXPECT_EQ(message, c.message);
+    EXPECT_EQ(call.error->description().find(kToken), std::string::npos);
+    EXPECT_EQ(call.body != nullptr, c.bodyPassedOn);
+  }
+}
+
+TEST(ResolveURLTest, EncodesPathValuesAndRefusesBadConfigurations) {
+  const ZVConfiguration saved = Zorvane::configuration();
+  struct Case {
+    const char* host;
+    bool allowHTTP;
+    const char* appID;
+    std::string url;       // template
+    std::string expected;  // the URL, or the error
+  };
+  const Case cases[] = {
+      {"rewards.example.com", false, "a/b?", "https://:host/api/v1/apps/:appid/offers",
+       "https://rewards.example.com/api/v1/apps/a%2Fb%3F/offers"},
+      {"https://r.example.com:8443/", false, "a", "https://:host/o/a b%20c?d#e",
+       "https://r.example.com:8443/o/a%20b%2520c%3Fd%23e"},
+      {"r.example.com", false, "a", "https://:host/o/\xC3\xA9\t:@!$&'()*+,;=~",
+       "https://r.example.com/o/%C3%A9%09:@!$&'()*+,;=~"},
+      {"r.example.com", false, "a", "https://:host/o/../x/./y/...",
+       "https://r.example.com/o/%2E%2E/x/%2E/y/..."},
+      {"HTTP://127.0.0.1:8080", true, "a", "https://:host/x", "http://127.0.0.1:8080/x"},
+      {"", false, "a", "https://:host/x", "no service host configured"},
+      {"http://127.0.0.1:8080", false, "a", "https://:host/x",
+       "plain http to 127.0.0.1:8080 is refused: set allowInsecureHTTP to allow it"},
+      {"evil.com/x?", false, "a", "https://:host/x",
+       "service host \"evil.com/x%3F\" is not a host name with an optional port"},
+      {"r.example.com", false, "a", "https://:hostevil.com/x",
+       "request URL of kKindTest does not start with \"https://:host/\""},
+      {"r.example.com", false, "a", "https://other.example.com/x",
+       "request URL of kKindTest does not start with \"https://:host/\""},
+      {"r.example.com", false, "", "https://:host/apps/:appid/x", "no app id configured"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.url);
+    ZVConfiguration config;
+    config.serviceHost = c.host;
+    config.allowInsecureHTTP = c.allowHTTP;
+    config.appID = c.appID;
+    Zorvane::configure(config);
+    std::string error;
+    const std::string url = ZVGenericRequestManager::resolveURL(*makeRequest(0, c.url), error);
+    EXPECT_EQ(error.empty() ? url : error, c.expected);
+  }
+  Zorvane::configure(saved);
+}
+
+TEST_F(TransportTest, KeepsTheConnectionAlive) {
+  sendOne(makeRequest(0, kOffersURL));
+  sendOne(makeRequest(0, kOffersURL));
+  const auto requests = server_.requests();
+  ASSERT_EQ(requests.size(), 2u);
+  EXPECT_EQ(requests[0].remotePort, requests[1].remotePort);
+}
+
+TEST_F(TransportTest, ReplacingTheTransportFailsRequestsInFlight) {
+  server_.enqueue({.delay = 10s});
+  Recorder recorder;
+  ZVGenericRequestManager::instance()->sendRequest(makeRequest(0, kOffersURL), recorder.callback());
+  ASSERT_TRUE(server_.waitForRequests(1));
+  ZVGenericRequestManager::instance()->setTransport(ZVMakeCurlTransport());
+  const std::vector<Call> calls = recorder.waitFor(1);
+  ASSERT_EQ(calls.size(), 1u);
+  ASSERT_NE(calls[0].error, nullptr);
+  EXPECT_EQ(calls[0].error->type(), ZVErrorTypeTransport);
+  EXPECT_EQ(calls[0].error->code(), ZVErrorShutdown);
+}
+
+TEST_F(TransportTest, ConcurrentSendersEachGetOneCallback) {
+  constexpr int kThreads = 4;
+  constexpr int kPerThread = 10;
+  Recorder recorder;
+  std::vector<std::thread> senders;
+  for (int t = 0; t < kThreads; ++t)
+    senders.emplace_back([&] {
+      for (int i = 0; i < kPerThread; ++i)
+        ZVGenericRequestManager::instance()->sendRequest(makeRequest(i % 2, kOffersURL),
+                                                         recorder.callback());
+    });
+  for (auto& sender : senders) sender.join();
+  const std::vector<Call> calls = recorder.waitFor(kThreads * kPerThread);
+  EXPECT_EQ(calls.size(), size_t{kThreads * kPerThread});
+  for (const Call& call : calls) EXPECT_EQ(call.error, nullptr);
+  EXPECT_EQ(ZVGenericRequestManager::instance()->requestsInFlight(), 0u);
+}
+
+}  // namespace
