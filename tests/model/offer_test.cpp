@@ -1,0 +1,149 @@
+#include <ZorvaneRewardsKit/ZVOffer.h>
+
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "json_text.h"
+
+namespace {
+
+using zvtest::dict;
+using zvtest::json;
+
+TEST(OfferTest, MugOfferIsConsumedAndLeavesUnknownKeys) {
+  auto input = dict(R"({"id": "42", "name": "Mug", "points": "150", "weight": 3,
+      "featured": "true", "requires_skills_test": 0, "status": "available",
+      "description": "Blue mug", "data": {"sku": 7}, "x": 1})");
+  const ZVDictionaryPtr data = input->find("data")->dictionary();
+  auto offer = ZVOffer::initMutableWithDictionary(input);
+
+  EXPECT_EQ(offer->offerID(), "42");
+  EXPECT_EQ(offer->name(), json(R"("Mug")"));
+  EXPECT_EQ(offer->points(), 150);
+  EXPECT_EQ(offer->weight(), 3);
+  EXPECT_TRUE(offer->isFeatured());
+  EXPECT_FALSE(offer->isSkillChallengeRequired());
+  EXPECT_EQ(offer->status(), ZVOfferStatusAvailable);
+  EXPECT_EQ(offer->details(), offer->descriptionText());
+  EXPECT_EQ(offer->data().dictionary(), data) << "data must be the input's own object";
+  ASSERT_TRUE(offer->options());
+  EXPECT_TRUE(offer->options()->empty());
+  EXPECT_EQ(offer->extras(), input) << "extras is the pruned input itself";
+  EXPECT_EQ(ZVJSONValue(offer->extras()), json(R"({"x": 1})"));
+}
+
+TEST(OfferTest, OptionsAreOffersConsumedInPlace) {
+  auto input = dict(R"({"id": "1", "y": 2, "options": [
+      {"id": "2", "status": "user_required", "z": 9,
+       "options": [{"id": "3", "points": 5}]}]})");
+  auto offer = ZVOffer::initMutableWithDictionary(input);
+
+  ASSERT_EQ(offer->options()->size(), 1u);
+  const auto& option = offer->options()->at(0);
+  EXPECT_EQ(option->offerID(), "2");
+  EXPECT_EQ(option->status(), ZVOfferStatusUserRequired);
+  ASSERT_EQ(option->options()->size(), 1u);
+  EXPECT_EQ(option->options()->at(0)->points(), 5);
+  EXPECT_EQ(ZVJSONValue(offer->extras()),
+            json(R"({"y": 2, "options": [{"z": 9, "options": [{}]}]})"));
+}
+
+TEST(OfferTest, ValueConversions) {
+  struct Case {
+    const char* input;
+    int64_t points, weight;
+    bool featured;
+    int64_t status;
+  } cases[] = {
+      {R"({"points": 4294967298, "weight": 4294967298})", 4294967298, 2, false, 0},
+      {R"({"points": " -12abc", "weight": "99999999999"})", -12, 2147483647, false, 0},
+      {R"({"weight": -1, "featured": "yes"})", 0, -1, true, 0},
+      {R"({"featured": "no"})", 0, 0, false, 0},
+      {R"({"featured": "0"})", 0, 0, false, 0},
+      {R"({"featured": 2, "status": "registration_required"})", 0, 0, true, 6},
+      {R"({"status": "Available"})", 0, 0, false, 0},
+      {R"({"status": null, "points": null})", 0, 0, false, 0},
+      {R"({"status": "verification_required"})", 0, 0, false, 2},
+  };
+  for (const Case& c : cases) {
+    auto offer = ZVOffer::initMutableWithDictionary(dict(c.input));
+    EXPECT_EQ(offer->points(), c.points) << c.input;
+    EXPECT_EQ(offer->weight(), c.weight) << c.input;
+    EXPECT_EQ(offer->isFeatured(), c.featured) << c.input;
+    EXPECT_EQ(offer->status(), c.status) << c.input;
+  }
+}
+
+TEST(OfferTest, StatusStringsRoundTripAndOthersAreUnknown) {
+  for (int64_t status = 1; status <= 6; ++status)
+    EXPECT_EQ(ZVOffer::statusForString(ZVOffer::stringForStatus(status)), status);
+  for (int64_t status : {0, 7, -1}) EXPECT_EQ(ZVOffer::stringForStatus(status), "unknown");
+  EXPECT_EQ(ZVOffer::statusForString(json(R"("unknown")")), 0);
+}
+
+TEST(OfferTest, DescriptionText) {
+  auto offer = ZVOffer::initMutableWithDictionary(
+      dict(R"({"id": "42", "type": "physical", "name": "Mug", "description": "Blue mug",
+               "status": "insufficient_points", "points": 150})"));
+  EXPECT_EQ(offer->description(),
+            "\rOffer ID: 42\rType: physical\rName: Mug\rDetails: Blue mug\r"
+            "Status: insufficient_points\rPoints: 150");
+  EXPECT_EQ(ZVOffer::initMutableWithDictionary(ZVDictionaryPtr())->description(),
+            "\rOffer ID: (null)\rType: (null)\rName: (null)\rDetails: (null)\r"
+            "Status: unknown\rPoints: 0");
+}
+
+TEST(OfferTest, NullOrNonObjectInputGivesEmptyRecordWithoutOptions) {
+  for (const ZVJSONValue& input : {ZVJSONValue(), json("null"), json("[]"), json(R"("x")")}) {
+    auto offer = ZVOffer::initMutableWithDictionary(input);
+    ASSERT_TRUE(offer);
+    EXPECT_FALSE(offer->offerID());
+    EXPECT_FALSE(offer->options());
+    EXPECT_FALSE(offer->extras());
+  }
+}
+
+// Every JSON type under every key: stored or ignored, never a crash.
+TEST(OfferTest, AnyJSONTypeUnderAnyKey) {
+  const char* keys[] = {"id",         "name",     "type",   "description", "points",
+                        "start_time", "end_time", "weight", "featured",    "requires_skills_test",
+                        "tier",       "logo",     "status", "data",        "options"};
+  for (const char* key : keys) {
+    for (const std::string& value : zvtest::everyJSONType()) {
+      const std::string text = zvtest::withKey(key, value);
+      auto offer = ZVOffer::initMutableWithDictionary(dict(text));
+      ASSERT_TRUE(offer->options()) << text;
+      EXPECT_FALSE(offer->description().empty());
+      if (std::string(key) == "status" && !json(value).isString()) {
+        EXPECT_EQ(offer->status(), 0);
+      }
+      if (std::string(key) == "name") {
+        EXPECT_EQ(offer->name(), json(value)) << text;
+      }
+      if (std::string(key) == "options") {
+        const ZVArrayPtr array = json(value).array();
+        EXPECT_EQ(offer->options()->size(), array ? array->count() : 0u) << text;
+        for (const auto& option : *offer->options()) EXPECT_FALSE(option->offerID()) << text;
+      }
+    }
+  }
+}
+
+TEST(OfferTest, OptionsNestedToTheParserLimit) {
+  // Each level adds an object and an array: 255 levels stay within depth 512.
+  constexpr int kLevels = 255;
+  std::string text;
+  for (int i = 0; i < kLevels; ++i) text += R"({"id": 1, "options": [)";
+  text += "{}";
+  for (int i = 0; i < kLevels; ++i) text += "]}";
+  auto offer = ZVOffer::initMutableWithDictionary(dict(text));
+
+  int depth = 0;
+  for (const ZVOffer* level = offer.get(); !level->options()->empty();
+       level = level->options()->at(0).get())
+    ++depth;
+  EXPECT_EQ(depth, kLevels);
+}
+
+}  // namespace

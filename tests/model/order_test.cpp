@@ -1,0 +1,127 @@
+#include <ZorvaneRewardsKit/ZVOrder.h>
+
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "json_text.h"
+
+namespace {
+
+using zvtest::dict;
+using zvtest::json;
+
+TEST(OrderTest, WrappedOrderLeavesItsRemainsInTheOuterExtras) {
+  auto input = dict(R"({"order": {"id": "7", "offer_id": "12", "status": "approved",
+      "quantity": "2"}, "status": "ok"})");
+  auto order = ZVOrder::initMutableWithDictionary(input);
+
+  EXPECT_EQ(order->orderID(), "7");
+  EXPECT_EQ(order->offerID(), "12");
+  EXPECT_EQ(order->status(), ZVOrderStatusApproved);
+  EXPECT_EQ(order->quantity(), 2);
+  EXPECT_EQ(order->extras(), input);
+  EXPECT_EQ(ZVJSONValue(order->extras()), json(R"({"order": {}, "status": "ok"})"));
+}
+
+TEST(OrderTest, UserAndShippingAddressAreReadInPlace) {
+  auto input = dict(R"({"id": "7", "user": {"id": "u1", "available_points": 500, "x": 1},
+      "shipping_address": {"city": "Lyon", "note": "door"}, "data": {"a": 1}})");
+  const ZVDictionaryPtr data = input->find("data")->dictionary();
+  auto order = ZVOrder::initMutableWithDictionary(input);
+
+  ASSERT_TRUE(order->user());
+  EXPECT_EQ(order->user()->userID(), "u1");
+  EXPECT_EQ(order->user()->availablePoints(), 500);
+  EXPECT_EQ(order->user()->testPoints(), 0);
+  ASSERT_TRUE(order->shippingAddress());
+  EXPECT_EQ(order->shippingAddress()->city, "Lyon");
+  EXPECT_EQ(order->data().dictionary(), data);
+  EXPECT_EQ(ZVJSONValue(order->extras()),
+            json(R"({"user": {"x": 1}, "shipping_address": {"note": "door"}})"));
+}
+
+TEST(OrderTest, ValueConversions) {
+  struct Case {
+    const char* input;
+    int64_t quantity, points, status, available, test;
+    bool hasAddress;
+  } cases[] = {
+      {R"({"quantity": 4294967297, "points": -4294967297})", 1, -1, 0, 0, 0, false},
+      {R"({"points": "250", "status": "pending_approval"})", 0, 250, 3, 0, 0, false},
+      {R"({"status": "APPROVED"})", 0, 0, 0, 0, 0, false},
+      {R"({"status": null, "quantity": null})", 0, 0, 0, 0, 0, false},
+      {R"({"status": "redemption_error", "shipping_address": "Lyon"})", 0, 0, 4, 0, 0, false},
+      {R"({"user": {"available_points": 4294967295, "test_points": "-3"}})", 0, 0, 0, -1, -3,
+       false},
+      {R"({"order": null, "shipping_address": {}})", 0, 0, 0, 0, 0, true},
+  };
+  for (const Case& c : cases) {
+    auto order = ZVOrder::initMutableWithDictionary(dict(c.input));
+    EXPECT_EQ(order->quantity(), c.quantity) << c.input;
+    EXPECT_EQ(order->points(), c.points) << c.input;
+    EXPECT_EQ(order->status(), c.status) << c.input;
+    EXPECT_EQ(order->user()->availablePoints(), c.available) << c.input;
+    EXPECT_EQ(order->user()->testPoints(), c.test) << c.input;
+    EXPECT_EQ(order->shippingAddress() != nullptr, c.hasAddress) << c.input;
+  }
+}
+
+TEST(OrderTest, StatusStringsRoundTripAndOthersAreUnknown) {
+  for (int64_t status = 1; status <= 4; ++status)
+    EXPECT_EQ(ZVOrder::statusForString(ZVOrder::stringForStatus(status)), status);
+  for (int64_t status : {0, 5, -1}) EXPECT_EQ(ZVOrder::stringForStatus(status), "unknown");
+}
+
+TEST(OrderTest, DescriptionTexts) {
+  auto order = ZVOrder::initMutableWithDictionary(
+      dict(R"({"offer_id": "12", "id": "7", "name": "Mug", "description": "Blue",
+               "status": "pending_approval", "quantity": 1, "points": 250})"));
+  EXPECT_EQ(order->description(),
+            "Offer ID: 12\rOrder ID: 7 (Offer ID: 12)\rName: Mug\rDetails: Blue\r"
+            "Status: pending_approval\rQuantity: 1\rPoints: 250");
+  EXPECT_EQ(order->stringForCurrentStatus(), "pending_approval");
+  EXPECT_EQ(
+      ZVOrderUser::initMutableWithDictionary(dict(R"({"id": 9, "test_points": 4})"))->description(),
+      "\rUser ID: 9\rAvailable points: 0\rTest points: 4");
+}
+
+TEST(OrderTest, NullOrNonObjectInputGivesEmptyRecord) {
+  for (const ZVJSONValue& input : {ZVJSONValue(), json("null"), json("[{}]"), json("3")}) {
+    auto order = ZVOrder::initMutableWithDictionary(input);
+    ASSERT_TRUE(order);
+    EXPECT_FALSE(order->user());
+    EXPECT_FALSE(order->extras());
+    EXPECT_EQ(order->description(),
+              "Offer ID: (null)\rOrder ID: (null) (Offer ID: (null))\rName: (null)\r"
+              "Details: (null)\rStatus: unknown\rQuantity: 0\rPoints: 0");
+    EXPECT_TRUE(ZVOrderUser::initMutableWithDictionary(input));
+  }
+}
+
+// Every JSON type under every key, bare and wrapped: stored or ignored, never a crash.
+TEST(OrderTest, AnyJSONTypeUnderAnyKey) {
+  const char* keys[] = {"order",       "offer_id",         "id",     "user_id",
+                        "external_id", "offer_type",       "user",   "quantity",
+                        "points",      "created_at",       "name",   "logo",
+                        "description", "shipping_address", "status", "data"};
+  for (const char* key : keys) {
+    for (const std::string& value : zvtest::everyJSONType()) {
+      for (const std::string& text :
+           {zvtest::withKey(key, value), zvtest::withKey("order", zvtest::withKey(key, value))}) {
+        auto order = ZVOrder::initMutableWithDictionary(dict(text));
+        ASSERT_TRUE(order->user()) << text;
+        EXPECT_FALSE(order->description().empty());
+        EXPECT_FALSE(order->user()->description().empty());
+        if (std::string(key) == "status" && !json(value).isString()) {
+          EXPECT_EQ(order->status(), 0);
+        }
+        if (std::string(key) == "name") {
+          EXPECT_EQ(order->name(), json(value)) << text;
+        }
+      }
+    }
+  }
+}
+
+}  // namespace
