@@ -1,0 +1,197 @@
+// Orders, order placement and the skill-testing question, end to end through
+// the libcurl transport to a loopback server.
+#include "RewardsFixture.h"
+
+using namespace zvtest;
+
+namespace {
+
+using ServiceTest = RewardsTest;
+
+ZVJSONValue parsed(const std::string& text) {
+  auto result = ZVJSONParse(text);
+  EXPECT_TRUE(result.ok()) << result.error;
+  return result.value;
+}
+
+TEST_F(ServiceTest, OrdersReplaceTheHistoryWholeOrEmptyIt) {
+  answer(R"({"status":"ok","orders":[{"id":"1","status":"approved"},{"id":"2"}]})");
+  Outcome<const ZVOrderArray> good;
+  manager()->fetchOrdersWithCompletionHandler(good.handler());
+  ASSERT_TRUE(good.wait());
+  EXPECT_EQ(server.requests()[0].path, "/api/v1/apps/app%201/orders");
+  ASSERT_TRUE(good.result);
+  ASSERT_EQ(good.result->size(), 2u);
+  EXPECT_EQ((*good.result)[0]->orderID(), "1");
+  EXPECT_EQ((*good.result)[1]->orderID(), "2");
+  EXPECT_EQ(manager()->orders(), good.result);
+
+  answer(R"({"status":"error","message":"nope"})");
+  Outcome<const ZVOrderArray> bad;
+  manager()->fetchOrdersWithCompletionHandler(bad.handler());
+  ASSERT_TRUE(bad.wait());
+  ASSERT_TRUE(bad.error);
+  EXPECT_EQ(bad.error->message(), "nope");
+  EXPECT_TRUE(manager()->orders()->empty());
+
+  answer(R"({"status":"ok"})");
+  Outcome<const ZVOrderArray> none;
+  manager()->fetchOrdersWithCompletionHandler(none.handler());
+  ASSERT_TRUE(none.wait());
+  EXPECT_TRUE(none.result && none.result->empty());
+  EXPECT_EQ(notifications.count(ZV_REWARDS_MANAGER_DID_FETCH_ORDERS_NOTIFICATION), 2u);
+}
+
+TEST_F(ServiceTest, PlaceOrderSendsTheBodyAndAnnouncesBalances) {
+  answer(R"({"status":"ok","order":{"id":"7","user":{"available_points":1200,"test_points":0}}})");
+  const auto ordersBefore = manager()->orders();
+  Outcome<ZVOrder> outcome;
+  manager()->placeOrder(ZVOrderRequest::initWithOfferID("12", 1), outcome.handler());
+  ASSERT_TRUE(outcome.wait());
+
+  auto request = server.requests().at(0);
+  EXPECT_EQ(request.method, "POST");
+  EXPECT_EQ(request.path, "/api/v1/apps/app%201/offers/12/orders");
+  EXPECT_EQ(parsed(request.body),
+            parsed(R"({"order": {"offer_id": "12", "quantity": 1, "ip": "127.0.0.1"}})"));
+  ASSERT_TRUE(outcome.result);
+  EXPECT_EQ(outcome.result->orderID(), "7");
+  EXPECT_EQ(manager()->orders(), ordersBefore);
+
+  auto notes = notifications.all();
+  ASSERT_EQ(notes.size(), 2u);
+  EXPECT_EQ(notes[0].name, ZV_REWARDS_MANAGER_DID_PLACE_ORDER_NOTIFICATION);
+  EXPECT_EQ(notes[1].name, ZV_USER_MANAGER_DID_UPDATE_USER_INTERNAL);
+  auto points = [&](const char* key) {
+    return std::dynamic_pointer_cast<const ZVNumber>(notes[1].userInfo.at(key))->int64Value();
+  };
+  EXPECT_EQ(points(kUserAvailablePoints), 1200);
+  EXPECT_EQ(points(kUserTestPoints), 0);
+}
+
+TEST_F(ServiceTest, PlaceOrderWithoutOrderObjectStillAnnouncesZeroBalances) {
+  answer(R"({"status":"ok"})");
+  Outcome<ZVOrder> outcome;
+  manager()->placeOrder(ZVOrderRequest::initWithOfferID("12", 1), outcome.handler());
+  ASSERT_TRUE(outcome.wait());
+  ASSERT_TRUE(outcome.result);
+  EXPECT_FALSE(outcome.result->orderID());
+  ASSERT_TRUE(drainUntil(
+      [&] { return notifications.count(ZV_USER_MANAGER_DID_UPDATE_USER_INTERNAL) == 1; }));
+}
+
+TEST_F(ServiceTest, RefusedOrderIsWordedFromTheBody) {
+  struct Case {
+    int status;
+    const char* body;
+    int64_t type;
+    const char* message;
+  } cases[] = {
+      {200, R"({"status":"error","order":{"base":["A","","B"],"user_id":"42"}})",
+       ZVErrorTypeService, "Reward: A, , B\nUser: 42"},
+      {422, R"({"status":"error","message":"Bad"})", ZVErrorTypeHTTP,
+       "{\n  \"status\" : \"error\",\n  \"message\" : \"Bad\"\n}"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.body);
+    answer(c.body, c.status);
+    Outcome<ZVOrder> outcome;
+    manager()->placeOrder(ZVOrderRequest::initWithOfferID("12", 1), outcome.handler());
+    ASSERT_TRUE(outcome.wait());
+    ASSERT_TRUE(outcome.error);
+    EXPECT_EQ(outcome.error->type(), c.type);
+    EXPECT_EQ(outcome.error->message(), c.message);
+  }
+}
+
+TEST_F(ServiceTest, ValidationFailuresSendNothing) {
+  struct Case {
+    const char* name;
+    std::function<void(Outcome<ZVObject>&)> call;
+    const char* code;
+    const char* message;
+  };
+  auto erase = [](Outcome<ZVObject>& o) {
+    return [&o](auto result, ZVErrorPtr error) {
+      o.result = std::const_pointer_cast<ZVObject>(
+          std::static_pointer_cast<const ZVObject>(result));
+      o.error = std::move(error);
+      ++o.calls;
+    };
+  };
+  std::vector<Case> cases = {
+      {"no order", [&](auto& o) { manager()->placeOrder(nullptr, erase(o)); },
+       ZVErrorServerNoRequest, "Missing 'order' parameter"},
+      {"no offer id and no question id",
+       [&](auto& o) {
+         manager()->answerSkillQuestionForOfferID(std::nullopt, std::nullopt, "3", erase(o));
+       },
+       ZVErrorValidationNoOfferID, "Missing 'offerID' parameter for answering skill question"},
+      {"no question id",
+       [&](auto& o) { manager()->answerSkillQuestionForOfferID("1", std::nullopt, "3", erase(o)); },
+       ZVErrorValidationNoQuestionID,
+       "Missing 'questionID' parameter for answering skill question"},
+      {"no answer",
+       [&](auto& o) { manager()->answerSkillQuestionForOfferID("1", "q", ZVJSONValue(), erase(o)); },
+       ZVErrorValidationNoAnswer, "Missing 'answer' parameter for answering skill question"},
+  };
+  std::vector<std::string> lines;
+  ZVLogger::instance()->setSink([&](std::string_view line) { lines.emplace_back(line); });
+  ZVLogger::instance()->setLogCategories(1);
+  ZVLogger::instance()->setLogLevel(1);
+  for (auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    Outcome<ZVObject> outcome;
+    c.call(outcome);
+    ASSERT_TRUE(outcome.wait());
+    EXPECT_FALSE(outcome.result);
+    ASSERT_TRUE(outcome.error);
+    EXPECT_NE(dynamic_cast<ZVRewardsError*>(outcome.error.get()), nullptr);
+    EXPECT_EQ(outcome.error->type(), ZVErrorTypeValidation);
+    EXPECT_EQ(outcome.error->code(), c.code);
+    EXPECT_EQ(outcome.error->message(), c.message);
+    ASSERT_FALSE(lines.empty());
+    EXPECT_EQ(lines.back(), manager()->description() + " " + c.message);
+  }
+  EXPECT_EQ(lines.size(), cases.size());
+  EXPECT_EQ(server.requestCount(), 0u);
+  EXPECT_EQ(notifications.count(ZV_REWARDS_MANAGER_VALIDATION_DID_FAIL_NOTIFICATION),
+            cases.size());
+}
+
+TEST_F(ServiceTest, SkillQuestionFlow) {
+  answer(R"({"status":"ok","challenge":{"skills_test_question":{"id":"q1","question":"2 + 2","x":1}}})");
+  Outcome<ZVSkillQuestion> question;
+  manager()->fetchSkillQuestionWithCompletionHandler(question.handler());
+  ASSERT_TRUE(question.wait());
+  EXPECT_EQ(server.requests()[0].path,
+            "/api/v1/apps/app%201/challenges/skills_test_question");
+  ASSERT_TRUE(question.result);
+  EXPECT_EQ(question.result->questionID(), "q1");
+  EXPECT_EQ(question.result->question(), ZVJSONValue("2 + 2"));
+
+  answer(R"({"status":"ok","challenge":{"id":99,"status":"passed"}})");
+  Outcome<ZVSkillChallenge> challenge;
+  manager()->answerSkillQuestionForOfferID("5", "q1", "", challenge.handler());
+  ASSERT_TRUE(challenge.wait());
+  auto request = server.requests()[1];
+  EXPECT_EQ(request.path, "/api/v1/apps/app%201/offers/5/challenges/skills_test_questions/q1");
+  EXPECT_EQ(parsed(request.body),
+            parsed(R"({"challenge":{"skills_test_question":{"response":""}}})"));
+  ASSERT_TRUE(challenge.result);
+  EXPECT_EQ(challenge.result->challengeID(), "99");
+
+  answer(R"({"status":"Ok"})");
+  Outcome<ZVSkillChallenge> refused;
+  manager()->answerSkillQuestionForOfferID("5", "q1", "4", refused.handler());
+  ASSERT_TRUE(refused.wait());
+  EXPECT_TRUE(refused.error);
+
+  answer(R"({"status":"ok"})");
+  manager()->fetchSkillQuestionWithCompletionHandler(nullptr);
+  ASSERT_TRUE(drainUntil([&] {
+    return notifications.count(ZV_REWARDS_MANAGER_DID_FETCH_SKILL_QUESTION_NOTIFICATION) == 2;
+  }));
+}
+
+}  // namespace
