@@ -109,7 +109,7 @@ class ZV_REWARDS_EXPORT ZVRewardsManager final : public ZVBaseManager {
   /// An answer without "status" "ok" empties `orders`.
   void fetchOrdersWithCompletionHandler(ZVOrdersCompletionHandler completionHandler);
 
-  /// `placeOrder:completionHandler:`: POST .../offers/<offerID>/orders with
+  /// `placeOrder:completionHandler:`: POST `.../offers/<offerID>/orders` with
   /// {"order": order->asDictionary()}. A null order fails validation
   /// (`ZVErrorServerNoRequest`, "Missing 'order' parameter") and sends nothing.
   /// Success: the new order, `ZV_REWARDS_MANAGER_DID_PLACE_ORDER_NOTIFICATION`,
@@ -127,7 +127,7 @@ class ZV_REWARDS_EXPORT ZVRewardsManager final : public ZVBaseManager {
       ZVSkillQuestionCompletionHandler completionHandler);
 
   /// `answerSkillQuestionForOfferID:questionID:answer:completionHandler:`:
-  /// POST .../offers/<offerID>/challenges/skills_test_questions/<questionID>
+  /// POST `.../offers/<offerID>/challenges/skills_test_questions/<questionID>`
   /// with {"challenge": {"skills_test_question": {"response": answer}}}.
   /// Checks, in order, that offerID, questionID and answer are present (nil
   /// answer = absent; an empty string passes) and fails validation on the
