@@ -36,6 +36,19 @@ struct ZVSandboxOptions {
 
 /// Runs the sandbox service on a thread pool of its own.
 ///
+/// Endpoints under "/api/v1/apps/<appID>/": GET "offers?locale=L", GET
+/// "orders", POST "offers/<id>/orders", GET "challenges/skills_test_question",
+/// POST "offers/<id>/challenges/skills_test_questions/<question id>". Every
+/// request needs "Authorization: Bearer <accessToken>" (else 401) and the
+/// configured app id (else 404). Business refusals (unknown offer or
+/// question, bad quantity, tier, balance, missing challenge) answer HTTP 200
+/// with "status" "error", as the service does; malformed bodies answer 400.
+/// The one sandbox user has tier "silver": gold-tier offers show
+/// "not_qualified" and cannot be ordered; offers above the balance show
+/// "insufficient_points". Physical orders are "pending_approval", others
+/// "approved". Each question is answered once; a passed challenge serves one
+/// order of its offer.
+///
 /// @par Thread safety
 /// `start` and `stop` from one thread; the service itself serves concurrent
 /// requests (orders never overspend: balance checks and deductions are one
@@ -57,6 +70,9 @@ class ZVSandbox {
   std::string serviceHost() const;
   /// The PEM certificate the TLS sandbox serves (empty without TLS).
   std::string certificatePath() const;
+  /// The state file in use (`options().statePath`, or the default it stands
+  /// for); empty before `start`.
+  std::string statePath() const;
   const ZVSandboxOptions& options() const;
 
  private:
