@@ -44,14 +44,16 @@ install(FILES ${PROJECT_BINARY_DIR}/ZorvaneRewardsKitConfig.cmake
 # pkg-config files locate the prefix from their own directory, so the tree
 # can be installed anywhere (cmake --install --prefix) and moved.
 file(RELATIVE_PATH ZV_PC_PREFIX_FROM_PCDIR /prefix/${ZV_PKGCONFIG_DIR} /prefix)
+# Static libraries name their private dependencies for `pkg-config --static`;
+# linked as -l, libcurl comes as the system's shared library with its own deps.
 if(BUILD_SHARED_LIBS)
-  set(ZV_PC_CORE_REQUIRES_PRIVATE "")
-  set(ZV_PC_REWARDS_REQUIRES_PRIVATE "")
+  set(ZV_PC_CORE_LIBS_PRIVATE "")
+  set(ZV_PC_REWARDS_LIBS_PRIVATE "")
   set(ZV_PC_CORE_CFLAGS "")
   set(ZV_PC_REWARDS_CFLAGS "")
 else()
-  set(ZV_PC_CORE_REQUIRES_PRIVATE "libcurl simdjson fmt")
-  set(ZV_PC_REWARDS_REQUIRES_PRIVATE "fmt")
+  set(ZV_PC_CORE_LIBS_PRIVATE "-lcurl -lsimdjson -lfmt")
+  set(ZV_PC_REWARDS_LIBS_PRIVATE "-lfmt")
   set(ZV_PC_CORE_CFLAGS "-DZV_CORE_STATIC")
   set(ZV_PC_REWARDS_CFLAGS "-DZV_REWARDS_STATIC")
 endif()
