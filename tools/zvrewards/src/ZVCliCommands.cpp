@@ -233,7 +233,7 @@ int runAnswer(const GlobalOptions& global, const AnswerArgs& args) {
       fmt::print("Order with it: zvrewards order {} --challenge {}\n", args.offerID, id);
   }
   if (status != kPassed)
-    throw CliError(fmt::format("wrong answer to question {}: challenge {} is {}", args.questionID,
+    throw CliError(fmt::format("wrong answer to question {} (challenge {}: {})", args.questionID,
                                id, status.empty() ? "not passed" : status),
                    kExitFailure);
   return kExitSuccess;
@@ -327,6 +327,7 @@ int runDemo(const GlobalOptions& global, const DemoArgs& args, std::FILE* input,
     narrator.say("Answering {} (from --answer).\n", *answer);
   } else if (interactive && !global.json) {
     answer = promptLine(input, "Your answer: ");
+    if (!answer) narrator.say("\n");  // the prompt line met end of input
   }
   if (!answer) {
     const auto value = evaluateArithmetic(questionText(*question));
@@ -335,15 +336,15 @@ int runDemo(const GlobalOptions& global, const DemoArgs& args, std::FILE* input,
                                  questionText(*question)),
                      kExitFailure);
     answer = answerText(*value);
-    narrator.say("No terminal and no --answer: answering {}, worked out from the question.\n",
-                 *answer);
+    narrator.say("{}: answering {}, worked out from the question.\n",
+                 interactive ? "Nothing typed" : "No terminal and no --answer", *answer);
   }
   const auto challenge = client.answerSkillQuestion(offerID, questionID, *answer);
   const std::string status = challengeStatus(*challenge);
   const std::string challengeID = challenge->challengeID().value_or("");
   narrator.say("Challenge {}: {}\n", challengeID, status);
   if (status != kPassed)
-    throw CliError(fmt::format("wrong answer to question {}: challenge {} is {}", questionID,
+    throw CliError(fmt::format("wrong answer to question {} (challenge {}: {})", questionID,
                                challengeID, status.empty() ? "not passed" : status),
                    kExitFailure);
 
