@@ -11,6 +11,15 @@
 #include <fmt/format.h>
 #include <simdjson.h>
 
+// Private access for the parser, which builds containers in place.
+struct ZVJSONAccess {
+  static auto& variant(ZVJSONValue& value) { return value.v_; }
+  static std::vector<ZVMutableDictionary::Entry>& entries(ZVMutableDictionary& d) {
+    return d.entries_;
+  }
+  static size_t& live(ZVMutableDictionary& d) { return d.live_; }
+};
+
 namespace {
 
 // Nesting accepted by the parser whatever the options say, and refused by the
@@ -72,70 +81,87 @@ class Converter {
 
   bool tooDeep() const { return tooDeep_; }
 
+  // Builds straight into `out` (nil on entry) so that nothing is moved twice.
   // Recursion is bounded by maxDepth_, itself at most kHardMaxDepth.
-  ZVJSONValue convert(simdjson::dom::element e, size_t depth) {
+  void convert(simdjson::dom::element e, size_t depth, ZVJSONValue& out) {
     using T = simdjson::dom::element_type;
+    auto& v = ZVJSONAccess::variant(out);
     switch (e.type()) {
       case T::ARRAY:
-        return convertArray(e.get_array().value_unsafe(), depth + 1);
+        convertArray(e.get_array().value_unsafe(), depth + 1, out);
+        return;
       case T::OBJECT:
-        return convertObject(e.get_object().value_unsafe(), depth + 1);
+        convertObject(e.get_object().value_unsafe(), depth + 1, out);
+        return;
       case T::INT64:
-        return ZVJSONValue(static_cast<long long>(e.get_int64().value_unsafe()));
+        v.emplace<int64_t>(e.get_int64().value_unsafe());
+        return;
       case T::UINT64:
         // Above the signed range: kept as the nearest double rather than refused.
-        return ZVJSONValue(static_cast<double>(e.get_uint64().value_unsafe()));
+        v.emplace<double>(static_cast<double>(e.get_uint64().value_unsafe()));
+        return;
       case T::DOUBLE:
-        return ZVJSONValue(e.get_double().value_unsafe());
+        v.emplace<double>(e.get_double().value_unsafe());
+        return;
       case T::STRING:
-        return ZVJSONValue(std::string(e.get_string().value_unsafe()));
+        v.emplace<std::string>(e.get_string().value_unsafe());
+        return;
       case T::BOOL:
-        return ZVJSONValue(e.get_bool().value_unsafe());
+        v.emplace<bool>(e.get_bool().value_unsafe());
+        return;
       case T::NULL_VALUE:
-        return ZVJSONValue::null();
+        v.emplace<ZVNull>();
+        return;
     }
-    return {};
   }
 
  private:
-  ZVJSONValue convertArray(simdjson::dom::array array, size_t depth) {
+  void convertArray(simdjson::dom::array array, size_t depth, ZVJSONValue& out) {
     if (depth > maxDepth_) {
       tooDeep_ = true;
-      return {};
+      return;
     }
     auto result = std::make_shared<ZVMutableArray>();
-    result->reserve(array.size());
+    std::vector<ZVJSONValue>& items = result->items();
+    items.reserve(array.size());
     for (simdjson::dom::element item : array) {
-      result->add(convert(item, depth));
-      if (tooDeep_) return {};
+      convert(item, depth, items.emplace_back());
+      if (tooDeep_) return;
     }
-    return ZVJSONValue(std::move(result));
+    ZVJSONAccess::variant(out).emplace<ZVArrayPtr>(std::move(result));
   }
 
-  ZVJSONValue convertObject(simdjson::dom::object object, size_t depth) {
+  void convertObject(simdjson::dom::object object, size_t depth, ZVJSONValue& out) {
     if (depth > maxDepth_) {
       tooDeep_ = true;
-      return {};
+      return;
     }
     const size_t count = object.size();
     if (!hasDuplicateKeys(object, count)) {
       auto result = std::make_shared<ZVMutableDictionary>();
-      result->reserve(count);
+      std::vector<Entry>& entries = ZVJSONAccess::entries(*result);
+      entries.reserve(count);
       for (simdjson::dom::key_value_pair field : object) {
-        ZVJSONValue value = convert(field.value, depth);
-        if (tooDeep_) return {};
-        result->appendUnchecked(std::string(field.key), std::move(value));
+        Entry& entry = entries.emplace_back(std::piecewise_construct,
+                                            std::forward_as_tuple(field.key), std::tuple<>());
+        convert(field.value, depth, entry.second);
+        if (tooDeep_) return;
       }
-      return ZVJSONValue(std::move(result));
+      ZVJSONAccess::live(*result) = entries.size();
+      ZVJSONAccess::variant(out).emplace<ZVDictionaryPtr>(std::move(result));
+      return;
     }
     // Rare: let the builder merge the duplicates.
     std::vector<Entry> entries;
     entries.reserve(count);
     for (simdjson::dom::key_value_pair field : object) {
-      entries.emplace_back(std::string(field.key), convert(field.value, depth));
-      if (tooDeep_) return {};
+      Entry& entry = entries.emplace_back(std::piecewise_construct,
+                                          std::forward_as_tuple(field.key), std::tuple<>());
+      convert(field.value, depth, entry.second);
+      if (tooDeep_) return;
     }
-    return ZVJSONValue(ZVMutableDictionary::make(std::move(entries)));
+    ZVJSONAccess::variant(out).emplace<ZVDictionaryPtr>(
+        ZVMutableDictionary::make(std::move(entries)));
   }
 
   // Runs before the values are converted, so the shared scratch is free.
@@ -646,7 +672,8 @@ ZVJSONParseResult ZVJSONParse(std::string_view text, const ZVJSONParseOptions& o
       return result;
     }
     Converter converter(limit, tp.keys);
-    ZVJSONValue value = converter.convert(root, 0);
+    ZVJSONValue value;
+    converter.convert(root, 0, value);
     if (tp.keys.capacity() > 4096) std::vector<std::string_view>().swap(tp.keys);
     if (converter.tooDeep()) {
       result.error = depthError(limit);

@@ -92,6 +92,7 @@ class ZV_CORE_EXPORT ZVJSONValue {
   bool operator==(const ZVJSONValue& other) const;
 
  private:
+  friend struct ZVJSONAccess;  // the parser builds values in place
   std::variant<std::monostate, ZVNull, bool, int64_t, double, std::string, ZVArrayPtr,
                ZVDictionaryPtr>
       v_;
@@ -128,6 +129,7 @@ class ZV_CORE_EXPORT ZVMutableArray final : public ZVObject {
   std::string description() const override;
 
  private:
+  friend struct ZVJSONAccess;  // the parser builds values in place
   std::vector<ZVJSONValue> items_;
 };
 
@@ -138,8 +140,9 @@ class ZV_CORE_EXPORT ZVMutableArray final : public ZVObject {
 ///
 /// @par Thread safety
 /// Not synchronised: one writer, or any number of readers, at a time.
-class ZV_CORE_EXPORT ZVMutableDictionary final : public ZVObject,
-                                                 public std::enable_shared_from_this<ZVMutableDictionary> {
+class ZV_CORE_EXPORT ZVMutableDictionary final
+    : public ZVObject,
+      public std::enable_shared_from_this<ZVMutableDictionary> {
  public:
   using Entry = std::pair<std::string, ZVJSONValue>;
 
@@ -189,6 +192,7 @@ class ZV_CORE_EXPORT ZVMutableDictionary final : public ZVObject,
   void reserve(size_t n) { entries_.reserve(n); }
 
  private:
+  friend struct ZVJSONAccess;  // the parser builds values in place
   // Removed entries become nil tombstones so that removal does not shift the
   // vector; they are compacted once they outnumber the live entries.
   void compactIfSparse();
