@@ -224,6 +224,9 @@ class CurlEngine {
     multi_ = curl_multi_init();
     if (multi_ == nullptr) throw std::bad_alloc();
     curl_multi_setopt(multi_, CURLMOPT_MAX_HOST_CONNECTIONS, options_.maxHostConnections);
+    // libcurl's default cache follows the number of transfers under way, so a
+    // lull closes connections that the next burst must open again.
+    curl_multi_setopt(multi_, CURLMOPT_MAXCONNECTS, std::max(options_.maxHostConnections, 16L) * 2);
     curl_multi_setopt(multi_, CURLMOPT_PIPELINING,
                       options_.enableHTTP2 ? CURLPIPE_MULTIPLEX : CURLPIPE_NOTHING);
   }

@@ -79,15 +79,20 @@ std::string formEncode(std::string_view text) {
 std::string encodePath(std::string_view path, const std::string& encodedAppID) {
   std::string out;
   size_t start = 0;
+  // Only the template's own ":appid" is a placeholder: it precedes every path
+  // value, and an id that reads ":appid" must reach the service as it is.
+  bool appIDFilled = false;
   while (true) {
     const size_t slash = path.find('/', start);
     const std::string_view segment = path.substr(start, slash - start);
-    if (segment == "." || segment == "..")
+    if (segment == "." || segment == "..") {
       for (size_t i = 0; i < segment.size(); ++i) out += "%2E";
-    else if (segment == kAppIDSegment)
+    } else if (segment == kAppIDSegment && !appIDFilled) {
       out += encodedAppID;
-    else
+      appIDFilled = true;
+    } else {
       out += percentEncode(segment, ":@!$&'()*+,;=");
+    }
     if (slash == std::string_view::npos) break;
     out += '/';
     start = slash + 1;

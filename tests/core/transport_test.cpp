@@ -285,6 +285,8 @@ TEST(ResolveURLTest, EncodesPathValuesAndRefusesBadConfigurations) {
        "https://r.example.com/o/%C3%A9%09:@!$&'()*+,;=~"},
       {"r.example.com", false, "a", "https://:host/o/../x/./y/...",
        "https://r.example.com/o/%2E%2E/x/%2E/y/..."},
+      {"r.example.com", false, "a", "https://:host/apps/:appid/offers/:appid",
+       "https://r.example.com/apps/a/offers/:appid"},
       {"HTTP://127.0.0.1:8080", true, "a", "https://:host/x", "http://127.0.0.1:8080/x"},
       {"", false, "a", "https://:host/x", "no service host configured"},
       {"http://127.0.0.1:8080", false, "a", "https://:host/x",

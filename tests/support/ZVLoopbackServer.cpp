@@ -73,6 +73,8 @@ ZVLoopbackServer::ZVLoopbackServer() : server_(std::make_unique<httplib::Server>
   server_->Patch(anyPath, handle);
   // Without it, a header written apart from its body waits for a delayed ACK.
   server_->set_tcp_nodelay(true);
+  // Keep connections for as long as a client wants them (the default is 5 requests).
+  server_->set_keep_alive_max_count(1'000'000);
   // Enough workers for every connection a client keeps alive at once.
   server_->new_task_queue = [] { return new httplib::ThreadPool(kWorkers); };
 
