@@ -269,6 +269,7 @@ Outcome interpret(ZVHTTPResult result, const ZVGenericRequest& request, const Re
     }
     Outcome outcome = failed(ZVErrorTypeHTTP, ZVErrorHTTPStatus, std::move(message), raw);
     outcome.error->setHTTPStatus(status);
+    outcome.error->setRaw(raw);
     return outcome;
   }
   if (!parsed.ok())

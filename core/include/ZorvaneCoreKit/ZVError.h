@@ -66,8 +66,10 @@ class ZV_CORE_EXPORT ZVError : public ZVObject {
   /// A human-readable text, or nullopt.
   const std::optional<std::string>& message() const { return message_; }
   void setMessage(std::optional<std::string> message) { message_ = std::move(message); }
-  /// The dictionary given as `result`, or an empty pointer.
+  /// The dictionary given as `result` (or, for an HTTP error, the answer's
+  /// JSON object), or an empty pointer.
   const ZVDictionaryPtr& raw() const { return raw_; }
+  void setRaw(ZVDictionaryPtr raw) { raw_ = std::move(raw); }
   /// The HTTP status of the answer behind the error, or 0.
   int httpStatus() const { return httpStatus_; }
   void setHTTPStatus(int status) { httpStatus_ = status; }
