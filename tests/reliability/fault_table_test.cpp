@@ -1,0 +1,212 @@
+// Every fault of the service and the network, delivered to every public
+// operation through the real transport: one error to each completion handler,
+// saying what went wrong, one failure notification each, and the manager's
+// state left as the contract says for that kind of failure.
+#include <fmt/format.h>
+
+#include <algorithm>
+
+#include "../rewards/RewardsFixture.h"
+#include "ReliabilityFixture.h"
+#include "ZVRawServer.h"
+
+using namespace zvtest;
+using namespace std::chrono_literals;
+
+namespace {
+
+constexpr size_t kBodyCap = 4u << 20;  // the configured cap of the table
+constexpr auto kTimeout = 1500ms;
+
+struct Fault {
+  Fault(std::string name, RawScript script, int64_t type, const char* code, std::string says)
+      : name(std::move(name)),
+        script(std::move(script)),
+        type(type),
+        code(code),
+        says(std::move(says)) {}
+  std::string name;
+  RawScript script;  // unused when `refused`
+  int64_t type;
+  const char* code;
+  std::string says;  // what the message must name
+  bool refused = false;
+  int httpStatus = 0;
+};
+
+void PrintTo(const Fault& fault, std::ostream* out) {
+  *out << fault.name;
+}
+
+RawScript answerWith(int status, std::string_view contentType, std::string_view body) {
+  return {.bytes = ZVRawServer::answer(status, contentType, body)};
+}
+
+std::string head(std::string_view extra) {
+  return fmt::format("HTTP/1.1 200 OK\r\nContent-Type: application/json\r\n{}\r\n", extra);
+}
+
+std::vector<Fault> faults() {
+  const std::string json = "application/json";
+  std::vector<Fault> rows;
+  Fault refused("connection refused", {}, ZVErrorTypeTransport, ZVErrorTransportConnect,
+                "connection refused");
+  refused.refused = true;
+  rows.push_back(refused);
+  rows.push_back({"reset halfway through the body",
+                  {.bytes = head("Content-Length: 4000\r\n") + R"({"status":"ok","offers":[)" +
+                            std::string(1000, ' '),
+                   .end = RawScript::End::Reset},
+                  ZVErrorTypeTransport,
+                  ZVErrorTransportReset,
+                  "closed before the answer was complete"});
+  rows.push_back(
+      {"one byte a second",
+       {ZVRawServer::answer(200, json, R"({"status":"ok"})"), 1000ms, RawScript::End::Hold},
+       ZVErrorTypeTransport,
+       ZVErrorTransportTimeout,
+       fmt::format("timed out after {} ms", kTimeout.count())});
+  for (int status : {401, 404, 500, 502, 503}) {
+    Fault withBody{fmt::format("HTTP {} with a JSON body", status),
+                   answerWith(status, json, R"({"status":"error","message":"token expired"})"),
+                   ZVErrorTypeHTTP, ZVErrorHTTPStatus, "token expired"};
+    withBody.httpStatus = status;
+    rows.push_back(withBody);
+    Fault bare{fmt::format("HTTP {} without a body", status), answerWith(status, "", ""),
+               ZVErrorTypeHTTP, ZVErrorHTTPStatus, fmt::format("HTTP {} from 127.0.0.1", status)};
+    bare.httpStatus = status;
+    rows.push_back(bare);
+  }
+  rows.push_back({"200 with an HTML page",
+                  answerWith(200, "text/html", "<html><body><h1>Maintenance</h1></body></html>"),
+                  ZVErrorTypeInvalidAnswer, ZVErrorAnswerNotJSON, "is not JSON"});
+  rows.push_back({"truncated JSON", answerWith(200, json, R"({"status":"ok","offers":[{"id":"1")"),
+                  ZVErrorTypeInvalidAnswer, ZVErrorAnswerNotJSON, "is not JSON"});
+  for (auto [body, type] : {std::pair{R"([{"status":"ok"}])", "array"},
+                            std::pair{R"("ok")", "string"}, std::pair{"null", "null"}})
+    rows.push_back({fmt::format("top level is {}", body), answerWith(200, json, body),
+                    ZVErrorTypeInvalidAnswer, ZVErrorAnswerNotObject,
+                    fmt::format("is a JSON {}, not an object", type)});
+  rows.push_back({"invalid UTF-8", answerWith(200, json, "{\"status\":\"ok\",\"x\":\"\xff\xfe\"}"),
+                  ZVErrorTypeInvalidAnswer, ZVErrorAnswerNotJSON, "UTF-8"});
+  rows.push_back(
+      {"duplicate keys: the last one counts",
+       answerWith(200, json, R"({"status":"ok","message":"a","status":"error","message":"dup"})"),
+       ZVErrorTypeService, "", "dup"});
+  rows.push_back({"answer not ok", answerWith(200, json, R"({"status":"error","message":"nope"})"),
+                  ZVErrorTypeService, "", "nope"});
+  rows.push_back({"number beyond 64 bits",
+                  answerWith(200, json, R"({"status":"ok","n":123456789012345678901234567890})"),
+                  ZVErrorTypeInvalidAnswer, ZVErrorAnswerNotJSON, "parsing a number"});
+  rows.push_back({"nesting a million levels deep",
+                  answerWith(200, json, std::string(1'000'000, '[') + std::string(1'000'000, ']')),
+                  ZVErrorTypeInvalidAnswer, ZVErrorAnswerNotJSON, "deeper than"});
+  const std::string huge(2 * kBodyCap, ' ');
+  rows.push_back({"body above the cap, announced", answerWith(200, json, huge),
+                  ZVErrorTypeInvalidAnswer, ZVErrorAnswerTooLarge,
+                  fmt::format("larger than the limit of {} bytes", kBodyCap)});
+  rows.push_back({"body above the cap, until the connection closes",
+                  {.bytes = head("Connection: close\r\n") + huge},
+                  ZVErrorTypeInvalidAnswer,
+                  ZVErrorAnswerTooLarge,
+                  fmt::format("larger than the limit of {} bytes", kBodyCap)});
+  return rows;
+}
+
+class FaultTableTest : public ::testing::TestWithParam<Fault> {
+ protected:
+  void TearDown() override {
+    drainUntil([] { return ZVGenericRequestManager::instance()->requestsInFlight() == 0; });
+    ZVMainQueue::shared()->drain();
+  }
+};
+
+TEST_P(FaultTableTest, EveryOperationFailsOnceWithAClearErrorAndTheStateItsContractNames) {
+  const Fault& fault = GetParam();
+  std::unique_ptr<ZVRawServer> server;
+  std::string host;
+  if (fault.refused) {
+    host = fmt::format("http://127.0.0.1:{}", ZVRawServer::closedPort());
+  } else {
+    server = std::make_unique<ZVRawServer>(fault.script);
+    host = server->baseURL();
+  }
+  configureService(host, kTimeout);
+  ZVConfiguration configuration = Zorvane::configuration();
+  configuration.maxResponseBytes = kBodyCap;
+  Zorvane::configure(configuration);
+
+  ZVRewardsManager* manager = ZVRewardsManager::instance();
+  manager->setRefreshInterval(ZVBaseManager::kDefaultRefreshInterval);
+  manager->setOffers(std::make_shared<const ZVOfferArray>(
+      std::vector{ZVOffer::initMutableWithDictionary(ZVJSONValue())}));
+  manager->setOrders(std::make_shared<const ZVOrderArray>(
+      std::vector{ZVOrder::initMutableWithDictionary(ZVJSONValue())}));
+  manager->setLastRefreshTime(1000.0);  // long stale: every offers fetch goes out
+  const auto offersBefore = manager->offers();
+  const auto ordersBefore = manager->orders();
+
+  NotificationLog notifications;
+  LogCapture log(2);
+  const auto& operations = allOperations();
+  std::vector<std::unique_ptr<Completion>> completions;
+  for (const Operation& operation : operations) {
+    completions.push_back(std::make_unique<Completion>());
+    operation.start(manager, *completions.back());
+  }
+  ASSERT_TRUE(waitForAll(completions));
+
+  std::vector<ZVErrorPtr> errors;
+  for (size_t i = 0; i < operations.size(); ++i) {
+    SCOPED_TRACE(operations[i].name);
+    Completion& c = *completions[i];
+    EXPECT_EQ(c.calls.load(), 1);
+    EXPECT_FALSE(c.hadResult.load());
+    const ZVErrorPtr error = c.lastError();
+    ASSERT_TRUE(error);
+    errors.push_back(error);
+    EXPECT_EQ(error->type(), fault.type);
+    EXPECT_EQ(error->code(), fault.code);
+    ASSERT_TRUE(error->message());
+    EXPECT_NE(error->message()->find(fault.says), std::string::npos) << *error->message();
+    EXPECT_EQ(error->description().find(kSecretToken), std::string::npos);
+    if (fault.httpStatus) {
+      EXPECT_EQ(error->httpStatus(), fault.httpStatus);
+    }
+  }
+
+  // One failure notification per operation, carrying the error it delivered.
+  size_t failures = 0;
+  for (const ZVNotification& note : notifications.all()) {
+    EXPECT_EQ(note.name, ZV_REWARDS_MANAGER_REQUEST_DID_FAIL_NOTIFICATION);
+    auto carried = note.userInfo.find(ZV_MANAGER_NOTIFICATION_ERROR_KEY);
+    ASSERT_NE(carried, note.userInfo.end());
+    EXPECT_TRUE(std::ranges::any_of(
+        errors, [&](const ZVErrorPtr& e) { return e.get() == carried->second.get(); }));
+    ++failures;
+  }
+  EXPECT_EQ(failures, operations.size());
+  for (const std::string& line : log.lines()) EXPECT_EQ(line.find(kSecretToken), std::string::npos);
+
+  // A failure below the service leaves the state alone; an answer that is not
+  // "ok" empties the offers (and forgets when they came) and the orders.
+  if (fault.type == ZVErrorTypeService) {
+    EXPECT_TRUE(manager->offers()->empty());
+    EXPECT_EQ(manager->lastRefreshTime(), 0.0);
+    EXPECT_TRUE(manager->orders()->empty());
+  } else {
+    EXPECT_EQ(manager->offers(), offersBefore);
+    EXPECT_EQ(manager->lastRefreshTime(), 1000.0);
+    EXPECT_EQ(manager->orders(), ordersBefore);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Faults, FaultTableTest, ::testing::ValuesIn(faults()),
+                         [](const ::testing::TestParamInfo<Fault>& info) {
+                           std::string name;
+                           for (char c : info.param.name)
+                             if (std::isalnum(static_cast<unsigned char>(c))) name += c;
+                           return name;
+                         });
+
+}  // namespace

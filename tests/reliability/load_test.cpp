@@ -1,0 +1,239 @@
+// Load: many threads on every operation at once, a keep-alive soak that must
+// leave no descriptor or thread behind, and concurrent orders that must never
+// spend more points than the user has.
+#include <httplib.h>
+
+#include <ZVSandbox.h>
+#include <fmt/format.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <set>
+#include <thread>
+
+#include "../rewards/RewardsFixture.h"
+#include "ReliabilityFixture.h"
+
+using namespace zvtest;
+using namespace std::chrono_literals;
+
+namespace {
+
+size_t entriesIn(const char* directory) {
+  size_t count = 0;
+  for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator(directory)) ++count;
+  return count;
+}
+
+size_t envOr(const char* name, size_t fallback) {
+  const char* value = std::getenv(name);
+  return value && *value ? std::strtoull(value, nullptr, 10) : fallback;
+}
+
+struct Resources {
+  size_t descriptors;
+  size_t threads;
+  bool operator==(const Resources&) const = default;
+};
+
+Resources resourcesNow() {
+  return {entriesIn("/proc/self/fd"), entriesIn("/proc/self/task")};
+}
+
+// Answers every endpoint well, except every fifth request, which is refused.
+LoopbackResponse serviceAnswer(const LoopbackRequest& request, std::atomic<size_t>& counter) {
+  if (++counter % 5 == 0) return {200, R"({"status":"error","message":"busy"})"};
+  const std::string& path = request.path;
+  if (path.ends_with("/offers")) return {200, R"({"status":"ok","offers":[{"id":"1"}]})"};
+  if (path.ends_with("/orders") && request.method == "GET")
+    return {200, R"({"status":"ok","orders":[{"id":"1"}]})"};
+  if (path.ends_with("/orders"))
+    return {200, R"({"status":"ok","order":{"id":"9","user":{"available_points":10}}})"};
+  if (path.ends_with("/skills_test_question"))
+    return {200,
+            R"({"status":"ok","challenge":{"skills_test_question":{"id":"q","question":"?"}}})"};
+  return {200, R"({"status":"ok","challenge":{"id":"c","status":"passed"}})"};
+}
+
+TEST(LoadTest, ThreadsCallEveryOperationWhileUserStateIsClearedAndEachHandlerRunsOnce) {
+  ZVLoopbackServer server;
+  CloseConnectionsFirst closeFirst;
+  std::atomic<size_t> served{0};
+  server.setHandler([&](const LoopbackRequest& r) { return serviceAnswer(r, served); });
+  configureService(server.baseURL());
+  ZVRewardsManager* manager = ZVRewardsManager::instance();
+  manager->setRefreshInterval(0.05);  // a mix of cache hits and requests
+
+  // The operations, plus the validation failures that send nothing.
+  std::vector<Operation> operations = allOperations();
+  operations.push_back({"placeOrder without order", kKindPlaceOrder, [](auto* m, Completion& c) {
+                          m->placeOrder(nullptr, [&c](auto r, ZVErrorPtr e) {
+                            c.record(r != nullptr, std::move(e));
+                          });
+                        }});
+  operations.push_back(
+      {"answer without question id", kKindAnswerSkillQuestion, [](auto* m, Completion& c) {
+         m->answerSkillQuestionForOfferID(
+             "1", std::nullopt, ZVJSONValue("x"),
+             [&c](auto r, ZVErrorPtr e) { c.record(r != nullptr, std::move(e)); });
+       }});
+
+  constexpr size_t kThreads = 6;
+  const size_t perThread = envOr("ZV_LOAD_CALLS", 60);
+  std::vector<std::unique_ptr<Completion>> completions;
+  for (size_t i = 0; i < kThreads * perThread; ++i)
+    completions.push_back(std::make_unique<Completion>());
+
+  std::atomic<bool> running{true};
+  std::thread clearer([&] {
+    while (running) {
+      manager->clearUserState(nullptr);
+      EXPECT_TRUE(manager->offers() && manager->orders());
+      std::this_thread::sleep_for(1ms);
+    }
+  });
+  std::vector<std::thread> callers;
+  for (size_t t = 0; t < kThreads; ++t)
+    callers.emplace_back([&, t] {
+      for (size_t i = 0; i < perThread; ++i)
+        operations[(t + i) % operations.size()].start(manager, *completions[t * perThread + i]);
+    });
+  // The test thread is the host's main loop meanwhile.
+  ASSERT_TRUE(waitForAll(completions, 60s));
+  for (auto& caller : callers) caller.join();
+  running = false;
+  clearer.join();
+  ASSERT_TRUE(waitForAll(completions, 60s));
+
+  for (size_t i = 0; i < completions.size(); ++i) {
+    SCOPED_TRACE(i);
+    EXPECT_EQ(completions[i]->calls.load(), 1);
+    EXPECT_NE(completions[i]->hadResult.load(), completions[i]->lastError() != nullptr);
+  }
+  manager->setRefreshInterval(ZVBaseManager::kDefaultRefreshInterval);
+}
+
+TEST(LoadTest, KeepAliveSoakLeavesNoDescriptorOrThreadBehind) {
+  httplib::Server server;
+  std::mutex mutex;
+  std::set<int> clientPorts;  // guarded by mutex
+  std::atomic<size_t> served{0};
+  server.Get(R"([\s\S]*)", [&](const httplib::Request& request, httplib::Response& response) {
+    ++served;
+    {
+      std::lock_guard lock(mutex);
+      clientPorts.insert(request.remote_port);
+    }
+    response.set_content(R"({"status":"ok","orders":[{"id":"1","status":"approved"}]})",
+                         "application/json");
+  });
+  server.set_tcp_nodelay(true);
+  server.set_keep_alive_max_count(1'000'000);
+  server.new_task_queue = [] { return new httplib::ThreadPool(24); };
+  const int port = server.bind_to_any_port("127.0.0.1");
+  ASSERT_GT(port, 0);
+  std::thread listener([&] { server.listen_after_bind(); });
+  while (!server.is_running()) std::this_thread::sleep_for(1ms);
+  configureService(fmt::format("http://127.0.0.1:{}", port));
+
+  ZVGenericRequestManager* requests = ZVGenericRequestManager::instance();
+  requests->setTransport(nullptr);  // the next request starts a fresh transport
+  const Resources before = resourcesNow();
+
+  const size_t total = envOr("ZV_SOAK_REQUESTS", 20000);
+  constexpr size_t kWindow = 16;  // requests kept in flight
+  size_t sent = 0;
+  size_t answered = 0;
+  size_t failed = 0;
+  ZVRewardsManager* manager = ZVRewardsManager::instance();
+  // Handlers run on the test thread (it drains the main queue), so plain counters do.
+  std::function<void()> sendOne = [&] {
+    ++sent;
+    manager->fetchOrdersWithCompletionHandler([&](ZVOrderArrayPtr orders, ZVErrorPtr error) {
+      ++answered;
+      if (!orders || error) ++failed;
+      if (sent < total) sendOne();
+    });
+  };
+  const auto start = std::chrono::steady_clock::now();
+  for (size_t i = 0; i < std::min(kWindow, total); ++i) sendOne();
+  ASSERT_TRUE(drainUntil([&] { return answered == total; }, std::chrono::minutes(30)));
+  const double seconds =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  EXPECT_EQ(failed, 0u);
+  EXPECT_EQ(served.load(), total);
+  {
+    std::lock_guard lock(mutex);
+    // Kept alive: a handful of connections for thousands of requests.
+    EXPECT_LE(clientPorts.size(), 2 * kWindow);
+    std::printf("soak: %zu requests in %.1f s over %zu connections\n", total, seconds,
+                clientPorts.size());
+  }
+
+  // Dropping the transport closes its connections and ends its thread; the
+  // server's side of each connection closes once it sees that.
+  requests->setTransport(nullptr);
+  EXPECT_TRUE(drainUntil([&] { return resourcesNow() == before; }, 10s));
+  const Resources after = resourcesNow();
+  EXPECT_EQ(after.descriptors, before.descriptors);
+  EXPECT_EQ(after.threads, before.threads);
+  server.stop();
+  listener.join();
+}
+
+TEST(LoadTest, ConcurrentOrdersNeverSpendMorePointsThanTheUserHas) {
+  ZVSandboxOptions options;
+  options.statePath = ":memory:";
+  options.reset = true;
+  options.initialPoints = 5000;
+  ZVSandbox sandbox(options);
+  CloseConnectionsFirst closeFirst;
+  std::string problem;
+  ASSERT_TRUE(sandbox.start(problem)) << problem;
+  ZVConfiguration configuration;
+  configuration.serviceHost = sandbox.serviceHost();
+  configuration.appID = options.appID;
+  configuration.accessToken = options.accessToken;
+  configuration.allowInsecureHTTP = true;
+  Zorvane::configure(configuration);
+
+  // Offer 102 costs 400 points: at most 12 of 40 orders fit in 5000.
+  constexpr int kOrders = 40;
+  constexpr int64_t kCost = 400;
+  std::vector<std::unique_ptr<Completion>> completions;
+  std::mutex mutex;
+  std::vector<int64_t> balances;  // guarded by mutex
+  for (int i = 0; i < kOrders; ++i) completions.push_back(std::make_unique<Completion>());
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 8; ++t)
+    threads.emplace_back([&, t] {
+      for (int i = t; i < kOrders; i += 8)
+        ZVRewardsManager::instance()->placeOrder(
+            ZVOrderRequest::initWithOfferID("102", 1),
+            [&, i](std::shared_ptr<ZVOrder> order, ZVErrorPtr error) {
+              if (order && order->user()) {
+                std::lock_guard lock(mutex);
+                balances.push_back(order->user()->availablePoints());
+              }
+              completions[i]->record(order != nullptr, std::move(error));
+            });
+    });
+  for (auto& thread : threads) thread.join();
+  ASSERT_TRUE(waitForAll(completions, 60s));
+
+  int64_t placed = 0;
+  for (const auto& c : completions) {
+    EXPECT_EQ(c->calls.load(), 1);
+    placed += c->hadResult ? 1 : 0;
+    if (!c->hadResult) {
+      EXPECT_EQ(c->lastError()->type(), ZVErrorTypeService);
+    }
+  }
+  EXPECT_EQ(placed, 5000 / kCost);
+  std::lock_guard lock(mutex);
+  ASSERT_EQ(static_cast<int64_t>(balances.size()), placed);
+  EXPECT_EQ(*std::ranges::min_element(balances), 5000 - placed * kCost);
+  EXPECT_GE(*std::ranges::min_element(balances), 0);
+}
+
+}  // namespace

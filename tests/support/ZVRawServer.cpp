@@ -1,0 +1,157 @@
+#include "ZVRawServer.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <strings.h>
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <stdexcept>
+
+namespace zvtest {
+
+namespace {
+
+// How often blocked loops look at the stop flag.
+constexpr int kPollMs = 20;
+
+int listenOnLoopback(int& port) {
+  const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) throw std::runtime_error("raw server: no socket");
+  const int one = 1;
+  ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  address.sin_port = 0;
+  socklen_t length = sizeof address;
+  if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+      ::listen(fd, 128) != 0 ||
+      ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+    ::close(fd);
+    throw std::runtime_error("raw server: cannot listen on 127.0.0.1");
+  }
+  port = ntohs(address.sin_port);
+  return fd;
+}
+
+// Where the head ends and how long the body is, once the head is complete.
+bool requestComplete(const std::string& data) {
+  const size_t headEnd = data.find("\r\n\r\n");
+  if (headEnd == std::string::npos) return false;
+  size_t bodyLength = 0;
+  size_t line = data.find("\r\n") + 2;
+  while (line < headEnd) {
+    const size_t next = data.find("\r\n", line);
+    const std::string_view header(data.data() + line, next - line);
+    constexpr std::string_view kLength = "content-length:";
+    if (header.size() > kLength.size() &&
+        ::strncasecmp(header.data(), kLength.data(), kLength.size()) == 0)
+      bodyLength = std::strtoul(std::string(header.substr(kLength.size())).c_str(), nullptr, 10);
+    line = next + 2;
+  }
+  return data.size() >= headEnd + 4 + bodyLength;
+}
+
+}  // namespace
+
+ZVRawServer::ZVRawServer(RawScript script) : script_(std::move(script)) {
+  listener_ = listenOnLoopback(port_);
+  acceptor_ = std::thread([this] { acceptLoop(); });
+}
+
+ZVRawServer::~ZVRawServer() {
+  stopping_ = true;
+  acceptor_.join();
+  std::vector<std::thread> workers;
+  {
+    std::lock_guard lock(mutex_);
+    workers.swap(workers_);
+  }
+  for (std::thread& worker : workers) worker.join();
+  ::close(listener_);
+}
+
+std::string ZVRawServer::baseURL() const {
+  return "http://127.0.0.1:" + std::to_string(port_);
+}
+
+std::string ZVRawServer::answer(int status, std::string_view contentType, std::string_view body) {
+  const std::string code = std::to_string(status);
+  std::string head = "HTTP/1.1 " + code + " Status " + code + "\r\n";
+  if (!contentType.empty()) head += "Content-Type: " + std::string(contentType) + "\r\n";
+  head += "Content-Length: " + std::to_string(body.size()) + "\r\nConnection: close\r\n\r\n";
+  return head + std::string(body);
+}
+
+int ZVRawServer::closedPort() {
+  int port = 0;
+  ::close(listenOnLoopback(port));
+  return port;
+}
+
+bool ZVRawServer::waitReadable(int socket) {
+  pollfd entry{socket, POLLIN, 0};
+  while (!stopping_) {
+    const int ready = ::poll(&entry, 1, kPollMs);
+    if (ready > 0) return true;
+    if (ready < 0 && errno != EINTR) return false;
+  }
+  return false;
+}
+
+void ZVRawServer::acceptLoop() {
+  while (waitReadable(listener_)) {
+    const int socket = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
+    if (socket < 0) continue;
+    ++connections_;
+    std::lock_guard lock(mutex_);
+    workers_.emplace_back([this, socket] { serve(socket); });
+  }
+}
+
+void ZVRawServer::serve(int socket) {
+  const int one = 1;
+  ::setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+  std::string request;
+  char buffer[4096];
+  while (!requestComplete(request)) {
+    if (!waitReadable(socket)) break;
+    const ssize_t got = ::recv(socket, buffer, sizeof buffer, 0);
+    if (got <= 0) break;
+    request.append(buffer, static_cast<size_t>(got));
+  }
+
+  bool peerGone = !requestComplete(request);
+  const std::string& bytes = script_.bytes;
+  const size_t step = script_.byteInterval.count() > 0 ? 1 : bytes.size();
+  for (size_t at = 0; !peerGone && at < bytes.size() && !stopping_; at += step) {
+    const size_t length = std::min(step, bytes.size() - at);
+    if (::send(socket, bytes.data() + at, length, MSG_NOSIGNAL) != static_cast<ssize_t>(length))
+      peerGone = true;
+    // Sleep in short steps so that a stop or a vanished client ends it promptly.
+    for (auto waited = std::chrono::milliseconds(0);
+         !peerGone && !stopping_ && waited < script_.byteInterval;
+         waited += std::chrono::milliseconds(kPollMs)) {
+      pollfd entry{socket, POLLIN, 0};
+      if (::poll(&entry, 1, kPollMs) > 0 && ::recv(socket, buffer, sizeof buffer, 0) <= 0)
+        peerGone = true;
+    }
+  }
+
+  if (script_.end == RawScript::End::Reset) {
+    const linger abort{1, 0};
+    ::setsockopt(socket, SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
+  } else if (script_.end == RawScript::End::Hold) {
+    while (!peerGone && waitReadable(socket))
+      if (::recv(socket, buffer, sizeof buffer, 0) <= 0) peerGone = true;
+  }
+  ::close(socket);
+}
+
+}  // namespace zvtest

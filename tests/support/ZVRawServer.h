@@ -1,0 +1,70 @@
+// A misbehaving HTTP server on 127.0.0.1 that writes raw bytes: for faults an
+// HTTP library will not produce (a reset halfway through a body, one byte a
+// second, a head that lies about its length).
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstddef>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+namespace zvtest {
+
+/// What the server does with every connection once it has read one request.
+struct RawScript {
+  /// How the connection ends after the bytes are written.
+  enum class End {
+    Close,  ///< an orderly close (FIN)
+    Reset,  ///< an abortive close (RST)
+    Hold,   ///< stays open until the client gives up or the server stops
+  };
+  std::string bytes;  ///< written as they stand
+  /// Above zero: the bytes go out one at a time, this far apart.
+  std::chrono::milliseconds byteInterval{0};
+  End end = End::Close;
+};
+
+/// Serves `script` to every connection, each on a thread of its own, from
+/// construction until destruction (which closes every connection and joins).
+///
+/// @par Thread safety
+/// Every member is safe from any thread.
+class ZVRawServer {
+ public:
+  explicit ZVRawServer(RawScript script);
+  ~ZVRawServer();
+  ZVRawServer(const ZVRawServer&) = delete;
+  ZVRawServer& operator=(const ZVRawServer&) = delete;
+
+  int port() const { return port_; }
+  /// "http://127.0.0.1:<port>".
+  std::string baseURL() const;
+  /// Connections accepted so far.
+  size_t connections() const { return connections_.load(); }
+
+  /// A complete HTTP/1.1 answer with a Content-Length and "Connection: close";
+  /// an empty `contentType` sends none.
+  static std::string answer(int status, std::string_view contentType, std::string_view body);
+  /// A port on 127.0.0.1 on which nothing listens (bound, then released).
+  static int closedPort();
+
+ private:
+  void acceptLoop();
+  void serve(int socket);
+  bool waitReadable(int socket);
+
+  const RawScript script_;
+  int listener_ = -1;
+  int port_ = 0;
+  std::atomic<bool> stopping_{false};
+  std::atomic<size_t> connections_{0};
+  std::thread acceptor_;
+  std::mutex mutex_;
+  std::vector<std::thread> workers_;  // guarded by mutex_
+};
+
+}  // namespace zvtest
