@@ -6,8 +6,10 @@
 #include <memory>
 #include <string>
 
-/// Fault injection, off by default. Faults are drawn from a generator seeded
-/// with `seed`, so runs repeat.
+/// Fault injection, off by default. One draw per request to an endpoint,
+/// before the token and app checks, from a generator seeded with `seed`, so
+/// runs repeat. A request answered 500 or dropped changes no state; a
+/// truncated answer is cut after the request took effect.
 struct ZVSandboxFaults {
   int latencyMs = 0;            ///< added before every answer
   double http500Share = 0.0;    ///< share of requests answered with HTTP 500
