@@ -74,6 +74,9 @@ class RewardsTest : public ::testing::Test {
     // Let every delivery of the test run before the next test starts.
     drainUntil([] { return ZVGenericRequestManager::instance()->requestsInFlight() == 0; });
     ZVMainQueue::shared()->drain();
+    // A fresh transport closes the kept-alive connections, so the server's
+    // workers need not wait out their keep-alive timeout when it stops.
+    ZVGenericRequestManager::instance()->setTransport(ZVMakeCurlTransport());
     ZVClock::setSource({});
     ZVLogger::instance()->setSink({});
     ZVLogger::instance()->setLogLevel(0);
