@@ -192,14 +192,51 @@ class Converter {
 // Writing
 
 // Replaces each byte that does not start a valid UTF-8 sequence by U+FFFD.
+// Length of the well-formed UTF-8 sequence at the start of `s` (no overlong
+// forms, surrogates or code points above U+10FFFF), or 0. Scalar on purpose:
+// simdjson's validator dispatches through a static object that the exit
+// sequence destroys while other threads may still be writing JSON.
+size_t utf8SequenceLength(std::string_view s) {
+  const auto byte = [&](size_t i) { return static_cast<unsigned char>(s[i]); };
+  const unsigned char c = byte(0);
+  if (c < 0x80) return 1;
+  size_t length = 0;
+  unsigned char low = 0x80;
+  unsigned char high = 0xBF;
+  if (c >= 0xC2 && c <= 0xDF) {
+    length = 2;
+  } else if (c >= 0xE0 && c <= 0xEF) {
+    length = 3;
+    if (c == 0xE0) low = 0xA0;
+    if (c == 0xED) high = 0x9F;
+  } else if (c >= 0xF0 && c <= 0xF4) {
+    length = 4;
+    if (c == 0xF0) low = 0x90;
+    if (c == 0xF4) high = 0x8F;
+  } else {
+    return 0;
+  }
+  if (s.size() < length || byte(1) < low || byte(1) > high) return 0;
+  for (size_t i = 2; i < length; ++i)
+    if (byte(i) < 0x80 || byte(i) > 0xBF) return 0;
+  return length;
+}
+
+bool validUTF8(std::string_view s) {
+  while (!s.empty()) {
+    const size_t length = utf8SequenceLength(s);
+    if (length == 0) return false;
+    s.remove_prefix(length);
+  }
+  return true;
+}
+
 std::string sanitizeUTF8(std::string_view s) {
   std::string out;
   out.reserve(s.size());
   size_t i = 0;
   while (i < s.size()) {
-    const auto c = static_cast<unsigned char>(s[i]);
-    size_t len = c < 0x80 ? 1 : c >= 0xF0 ? 4 : c >= 0xE0 ? 3 : 2;
-    if (len <= s.size() - i && simdjson::validate_utf8(s.data() + i, len)) {
+    if (const size_t len = utf8SequenceLength(s.substr(i)); len != 0) {
       out.append(s.data() + i, len);
       i += len;
     } else {
@@ -311,7 +348,7 @@ class Writer {
   }
 
   bool writeString(std::string_view s) {
-    if (!simdjson::validate_utf8(s.data(), s.size())) {
+    if (!validUTF8(s)) {
       if (!lenient_) return false;
       writeEscaped(sanitizeUTF8(s));
       return true;
