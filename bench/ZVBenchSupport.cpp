@@ -1,0 +1,105 @@
+#include "ZVBenchSupport.h"
+
+#include <cstdio>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <sstream>
+
+#include <simdjson.h>
+#include <nlohmann/json.hpp>
+
+#include <ZorvaneCoreKit/ZVGenericRequest.h>
+#include <ZorvaneCoreKit/ZVJSON.h>
+#include <ZorvaneCoreKit/ZVLogger.h>
+#include <ZorvaneCoreKit/ZVMainQueue.h>
+#include <ZorvaneRewardsKit/ZVRewardsConstants.h>
+#include <ZorvaneRewardsKit/ZVRewardsManager.h>
+
+namespace zvbench {
+
+ZVOfferArrayPtr decodeOffers(std::string_view body) {
+  // What the request manager does with an answer body...
+  ZVJSONParseResult parsed = ZVJSONParse(body);
+  ZVDictionaryPtr dict = parsed.value.dictionary();
+  if (!dict) return nullptr;
+  // ...and what the manager's routing does with the response.
+  auto response = std::make_shared<ZVGenericResponse>(
+      200, "https://127.0.0.1/api/v1/apps/bench/offers", std::move(dict));
+  ZVOfferArrayPtr delivered;
+  bool called = false;
+  ZVRewardsManager::instance()->requestKind(
+      kKindFetchRewardOffers, std::move(response), nullptr,
+      [&](std::shared_ptr<const ZVObject> result, ZVErrorPtr) {
+        called = true;
+        delivered = std::dynamic_pointer_cast<const ZVOfferArray>(result);
+      });
+  while (!called && ZVMainQueue::shared()->drain() != 0) {
+  }
+  return delivered;
+}
+
+void forgetCatalogue() {
+  ZVRewardsManager::instance()->resetData();
+}
+
+size_t simdjsonDOMParse(std::string_view body) {
+  thread_local simdjson::dom::parser parser;
+  simdjson::dom::element root;
+  if (parser.parse(body.data(), body.size(), true).get(root) != simdjson::SUCCESS) return 0;
+  simdjson::dom::array offers;
+  if (root["offers"].get_array().get(offers) != simdjson::SUCCESS) return 0;
+  return offers.size();
+}
+
+size_t nlohmannParse(std::string_view body) {
+  const nlohmann::json document = nlohmann::json::parse(body, nullptr, /*allow_exceptions=*/false);
+  const auto offers = document.find("offers");
+  return offers == document.end() ? 0 : offers->size();
+}
+
+namespace {
+
+size_t statusField(const char* name) {
+  std::ifstream status("/proc/self/status");
+  std::string line;
+  const std::string prefix = std::string(name) + ":";
+  while (std::getline(status, line)) {
+    if (line.rfind(prefix, 0) == 0) return std::stoull(line.substr(prefix.size())) * 1024;
+  }
+  return 0;
+}
+
+}  // namespace
+
+size_t peakResidentBytes() {
+  return statusField("VmHWM");
+}
+size_t residentBytes() {
+  return statusField("VmRSS");
+}
+
+bool resetPeakResident() {
+  std::ofstream clear("/proc/self/clear_refs");
+  clear << "5";
+  clear.flush();
+  return static_cast<bool>(clear);
+}
+
+std::string readFile(const std::string& path, std::string& error) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) {
+    error = "cannot open " + path;
+    return {};
+  }
+  std::ostringstream buffer;
+  buffer << in.rdbuf();
+  return std::move(buffer).str();
+}
+
+void quietSDK() {
+  ZVLogger::instance()->setLogLevel(0);
+  ZVLogger::instance()->setLogCategories(0);
+}
+
+}  // namespace zvbench

@@ -1,0 +1,45 @@
+// What the benchmark programs share: the handler's decode path and the
+// baselines it is held against.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+#include <ZorvaneRewardsKit/ZVOffer.h>
+
+namespace zvbench {
+
+/// Turns answer bytes into the offers array that the offers handler
+/// delivers, through the same code: the request manager's parse, the
+/// manager's routing and handler, and the delivery on the main queue. The
+/// manager keeps the catalogue as its cache; call `forgetCatalogue` to
+/// release it. Returns null when the body is not an offers answer.
+ZVOfferArrayPtr decodeOffers(std::string_view body);
+
+/// Drops the catalogue that the manager keeps as its cache.
+void forgetCatalogue();
+
+/// simdjson's DOM parse of `body` with a reused parser; returns an element
+/// count so that the work cannot be optimised away.
+size_t simdjsonDOMParse(std::string_view body);
+
+/// nlohmann::json's parse of `body` alone, the result dropped outside the
+/// measured region by the caller; returns the offer count.
+size_t nlohmannParse(std::string_view body);
+
+/// Peak resident set size of this process in bytes (VmHWM), or 0.
+size_t peakResidentBytes();
+/// Current resident set size in bytes (VmRSS), or 0.
+size_t residentBytes();
+/// Lowers the recorded peak to the current resident size (Linux clear_refs);
+/// false when the kernel refuses.
+bool resetPeakResident();
+
+/// The whole file, or an empty string with a message in `error`.
+std::string readFile(const std::string& path, std::string& error);
+
+/// Keeps the SDK's logger silent and its main queue driven by the caller.
+void quietSDK();
+
+}  // namespace zvbench

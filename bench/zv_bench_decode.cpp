@@ -1,0 +1,132 @@
+// zv_bench_decode [benchmark flags] [FILE...]
+//
+// Decodes each answer body (an offers answer) through the offers handler's
+// path many times and prints, per file, one line:
+//   FILE decode_mbps=X simdjson_dom_mbps=Y nlohmann_mbps=Z ratio_dom=R ratio_nlohmann=Q
+// Without files it decodes generated catalogues of 100, 1,000, 10,000 and
+// 100,000 offers. The benchmark table and the drop timings go to stderr.
+#include <chrono>
+#include <cstdio>
+#include <iostream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <benchmark/benchmark.h>
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+#include "ZVBenchCatalogue.h"
+#include "ZVBenchReport.h"
+#include "ZVBenchSupport.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+struct Input {
+  std::string label;
+  std::string body;
+};
+
+double seconds(Clock::duration d) {
+  return std::chrono::duration<double>(d).count();
+}
+
+void decodeBench(benchmark::State& state, const Input* input) {
+  double dropSeconds = 0;
+  size_t offers = 0;
+  for (auto _ : state) {
+    const auto start = Clock::now();
+    ZVOfferArrayPtr result = zvbench::decodeOffers(input->body);
+    const auto decoded = Clock::now();
+    if (!result) {
+      state.SkipWithError("not an offers answer");
+      return;
+    }
+    offers = result->size();
+    zvbench::forgetCatalogue();
+    result.reset();
+    dropSeconds += seconds(Clock::now() - decoded);
+    state.SetIterationTime(seconds(decoded - start));
+  }
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * input->body.size()));
+  state.counters["offers"] = static_cast<double>(offers);
+  state.counters["drop_s"] = dropSeconds / static_cast<double>(state.iterations());
+}
+
+void simdjsonBench(benchmark::State& state, const Input* input) {
+  for (auto _ : state) benchmark::DoNotOptimize(zvbench::simdjsonDOMParse(input->body));
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * input->body.size()));
+}
+
+void nlohmannBench(benchmark::State& state, const Input* input) {
+  for (auto _ : state) {
+    const auto start = Clock::now();
+    auto document = nlohmann::json::parse(input->body, nullptr, false);
+    state.SetIterationTime(seconds(Clock::now() - start));
+    benchmark::DoNotOptimize(document.size());
+  }  // the document is freed outside the timed region
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * input->body.size()));
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  benchmark::Initialize(&argc, argv);
+  zvbench::quietSDK();
+
+  std::vector<Input> inputs;
+  for (int i = 1; i < argc; ++i) {
+    std::string error;
+    std::string body = zvbench::readFile(argv[i], error);
+    if (!error.empty()) {
+      fmt::print(stderr, "zv_bench_decode: {}\n", error);
+      return 2;
+    }
+    inputs.push_back({argv[i], std::move(body)});
+  }
+  if (inputs.empty()) {
+    for (size_t n : {100, 1000, 10000, 100000})
+      inputs.push_back({fmt::format("generated-{}", n), zvbench::makeCatalogue(n)});
+  }
+
+  for (const Input& input : inputs) {
+    benchmark::RegisterBenchmark(("decode/" + input.label).c_str(), decodeBench, &input)
+        ->UseManualTime()
+        ->Unit(benchmark::kMillisecond);
+    benchmark::RegisterBenchmark(("simdjson_dom/" + input.label).c_str(), simdjsonBench, &input)
+        ->UseRealTime()
+        ->Unit(benchmark::kMillisecond);
+    benchmark::RegisterBenchmark(("nlohmann/" + input.label).c_str(), nlohmannBench, &input)
+        ->UseManualTime()
+        ->Unit(benchmark::kMillisecond);
+  }
+
+  zvbench::CollectingReporter reporter;
+  reporter.SetOutputStream(&std::cerr);
+  reporter.SetErrorStream(&std::cerr);
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+  benchmark::Shutdown();
+
+  for (const Input& input : inputs) {
+    const std::string suffix = input.label + "/manual_time";
+    const double decode = reporter.counter("decode/" + suffix, "bytes_per_second") / 1e6;
+    const double dom =
+        reporter.counter("simdjson_dom/" + input.label + "/real_time", "bytes_per_second") / 1e6;
+    const double nlohmann = reporter.counter("nlohmann/" + suffix, "bytes_per_second") / 1e6;
+    fmt::print(
+        "{} decode_mbps={:.1f} simdjson_dom_mbps={:.1f} nlohmann_mbps={:.1f} "
+        "ratio_dom={:.3f} ratio_nlohmann={:.2f}\n",
+        input.label, decode, dom, nlohmann, dom > 0 ? decode / dom : 0.0,
+        nlohmann > 0 ? decode / nlohmann : 0.0);
+    if (const zvbench::Figure* f = reporter.find("decode/" + suffix)) {
+      const double drop = f->counters.count("drop_s") ? f->counters.at("drop_s") : 0.0;
+      fmt::print(stderr, "{} decode_ms={:.3f} drop_ms={:.3f} drop_over_decode={:.3f}\n",
+                 input.label, f->realSeconds * 1e3, drop * 1e3,
+                 f->realSeconds > 0 ? drop / f->realSeconds : 0.0);
+    }
+  }
+  std::fflush(stdout);
+  return 0;
+}

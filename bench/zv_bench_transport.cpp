@@ -1,0 +1,323 @@
+// zv_bench_transport: request rate through ZVGenericRequestManager against a
+// loopback server, beside raw libcurl against the same server in the same
+// run: a multi loop with 16 requests in flight, and one reused easy handle
+// for sequential requests. Plain HTTP/1.1 against a minimal server, and
+// HTTPS (HTTP/1.1) against a TLS server with a self-signed certificate.
+// Prints one line per pair with the ratio and how many connections the
+// server saw (reuse keeps it near the number in flight).
+#include <atomic>
+#include <condition_variable>
+#include <cstdio>
+#include <filesystem>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <benchmark/benchmark.h>
+#include <curl/curl.h>
+#include <fmt/format.h>
+#include <httplib.h>
+
+#include <ZorvaneCoreKit/ZVGenericRequest.h>
+#include <ZorvaneCoreKit/ZVGenericRequestManager.h>
+#include <ZorvaneCoreKit/Zorvane.h>
+
+#include "ZVBenchReport.h"
+#include "ZVBenchSupport.h"
+
+namespace {
+
+constexpr int kInFlight = 16;
+constexpr int kBatch = 512;  // requests per benchmark iteration
+constexpr const char* kBody = R"({"status":"ok","offers":[]})";
+constexpr const char* kPath = "/api/v1/apps/bench/offers";
+
+// A loopback server that answers every offers request with a small body and
+// counts the connections it was reached on.
+class Server {
+ public:
+  Server(bool tls, const std::string& certFile, const std::string& keyFile) {
+    if (tls)
+      server_ = std::make_unique<httplib::SSLServer>(certFile.c_str(), keyFile.c_str());
+    else
+      server_ = std::make_unique<httplib::Server>();
+    // One worker per kept-alive connection: the default pool of 8 would leave
+    // half of 16 clients waiting for an idle connection to time out.
+    server_->new_task_queue = [] { return new httplib::ThreadPool(64); };
+    server_->set_keep_alive_max_count(1000000);
+    server_->set_tcp_nodelay(true);  // else headers and body wait on delayed ACKs
+    server_->Get(kPath, [this](const httplib::Request& request, httplib::Response& response) {
+      {
+        std::lock_guard lock(mutex_);
+        ports_.insert(request.remote_port);
+      }
+      response.set_content(kBody, "application/json");
+    });
+    port_ = server_->bind_to_any_port("127.0.0.1");
+    // Bound and listening already: connections queue until the loop accepts them.
+    thread_ = std::thread([this] { server_->listen_after_bind(); });
+  }
+  ~Server() {
+    server_->stop();
+    thread_.join();
+  }
+  int port() const { return port_; }
+  size_t takeConnections() {
+    std::lock_guard lock(mutex_);
+    const size_t n = ports_.size();
+    ports_.clear();
+    return n;
+  }
+
+ private:
+  std::unique_ptr<httplib::Server> server_;
+  std::thread thread_;
+  int port_ = 0;
+  std::mutex mutex_;
+  std::set<int> ports_;  // guarded by mutex_
+};
+
+struct Target {
+  Server* server;
+  std::string scheme;
+  std::string caFile;
+  std::string url() const {
+    return fmt::format("{}://127.0.0.1:{}{}?locale=en_CA", scheme, server->port(), kPath);
+  }
+};
+
+size_t discard(char*, size_t size, size_t count, void*) {
+  return size * count;
+}
+
+void setUp(CURL* easy, const Target& target, const std::string& url) {
+  curl_easy_setopt(easy, CURLOPT_URL, url.c_str());
+  curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, discard);
+  curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
+  curl_easy_setopt(easy, CURLOPT_HTTP_VERSION, CURL_HTTP_VERSION_1_1);
+  if (!target.caFile.empty()) curl_easy_setopt(easy, CURLOPT_CAINFO, target.caFile.c_str());
+}
+
+void rawMulti(benchmark::State& state, const Target* target) {
+  const std::string url = target->url();
+  CURLM* multi = curl_multi_init();
+  curl_multi_setopt(multi, CURLMOPT_MAX_HOST_CONNECTIONS, static_cast<long>(kInFlight));
+  // Keeps the connections while no handle is attached between iterations.
+  curl_multi_setopt(multi, CURLMOPT_MAXCONNECTS, static_cast<long>(2 * kInFlight));
+  std::vector<CURL*> handles(kInFlight);
+  for (CURL*& easy : handles) {
+    easy = curl_easy_init();
+    setUp(easy, *target, url);
+  }
+  int64_t failures = 0;
+  for (auto _ : state) {
+    int started = 0;
+    int finished = 0;
+    for (CURL* easy : handles) {
+      curl_multi_add_handle(multi, easy);
+      ++started;
+    }
+    while (finished < kBatch) {
+      int running = 0;
+      curl_multi_perform(multi, &running);
+      int left = 0;
+      while (CURLMsg* message = curl_multi_info_read(multi, &left)) {
+        if (message->msg != CURLMSG_DONE) continue;
+        CURL* easy = message->easy_handle;
+        if (message->data.result != CURLE_OK) ++failures;
+        curl_multi_remove_handle(multi, easy);
+        ++finished;
+        if (started < kBatch) {
+          curl_multi_add_handle(multi, easy);
+          ++started;
+        }
+      }
+      if (finished < kBatch) curl_multi_poll(multi, nullptr, 0, 1000, nullptr);
+    }
+  }
+  for (CURL* easy : handles) curl_easy_cleanup(easy);
+  curl_multi_cleanup(multi);
+  state.SetItemsProcessed(state.iterations() * kBatch);
+  state.counters["connections"] = static_cast<double>(target->server->takeConnections());
+  if (failures != 0) state.SkipWithError("requests failed");
+}
+
+void rawEasy(benchmark::State& state, const Target* target) {
+  const std::string url = target->url();
+  CURL* easy = curl_easy_init();
+  setUp(easy, *target, url);
+  if (state.range(0) == 0) curl_easy_setopt(easy, CURLOPT_FORBID_REUSE, 1L);
+  int64_t failures = 0;
+  for (auto _ : state)
+    if (curl_easy_perform(easy) != CURLE_OK) ++failures;
+  curl_easy_cleanup(easy);
+  state.SetItemsProcessed(state.iterations());
+  state.counters["connections"] = static_cast<double>(target->server->takeConnections());
+  if (failures != 0) state.SkipWithError("requests failed");
+}
+
+// Completion counting shared with the transport's thread.
+struct Tally {
+  std::mutex mutex;
+  std::condition_variable cv;
+  int done = 0;      // guarded by mutex
+  int failures = 0;  // guarded by mutex
+};
+
+void configure(const Target& target) {
+  ZVConfiguration config;
+  config.serviceHost = fmt::format("{}://127.0.0.1:{}", target.scheme, target.server->port());
+  config.allowInsecureHTTP = true;
+  config.appID = "bench";
+  config.accessToken = "bench-token";
+  config.caFile = target.caFile;
+  Zorvane::configure(config);
+}
+
+std::shared_ptr<ZVGenericRequest> offersRequest() {
+  auto builder =
+      ZVGenericRequestBuilder::requestBuilderWithMethod(ZVRequestMethodRead, "kind.bench.offers");
+  builder->setBaseURL("https://:host/api/v1/apps/:appid/offers");
+  builder->params().setObject("locale", "en_CA");
+  return builder->build();
+}
+
+void sdkInFlight(benchmark::State& state, const Target* target) {
+  configure(*target);
+  ZVGenericRequestManager* manager = ZVGenericRequestManager::instance();
+  const auto request = offersRequest();
+  Tally tally;
+  for (auto _ : state) {
+    std::atomic<int> sent{0};
+    {
+      std::lock_guard lock(tally.mutex);
+      tally.done = 0;
+    }
+    // Each answer sends the next request from the transport's thread, as the
+    // raw loop re-adds a handle as soon as one finishes.
+    std::function<void()> sendOne;
+    sendOne = [&] {
+      manager->sendRequest(request, [&](const std::string&, std::shared_ptr<ZVGenericResponse>,
+                                        ZVErrorPtr error, ZVDictionaryPtr) {
+        if (sent.fetch_add(1) + kInFlight < kBatch) sendOne();
+        std::lock_guard lock(tally.mutex);
+        if (error) ++tally.failures;
+        if (++tally.done == kBatch) tally.cv.notify_one();
+      });
+    };
+    for (int i = 0; i < kInFlight; ++i) sendOne();
+    std::unique_lock lock(tally.mutex);
+    tally.cv.wait(lock, [&] { return tally.done == kBatch; });
+  }
+  state.SetItemsProcessed(state.iterations() * kBatch);
+  state.counters["connections"] = static_cast<double>(target->server->takeConnections());
+  if (tally.failures != 0) state.SkipWithError("requests failed");
+}
+
+void sdkSequential(benchmark::State& state, const Target* target) {
+  configure(*target);
+  ZVGenericRequestManager* manager = ZVGenericRequestManager::instance();
+  const auto request = offersRequest();
+  Tally tally;
+  for (auto _ : state) {
+    manager->sendRequest(request, [&](const std::string&, std::shared_ptr<ZVGenericResponse>,
+                                      ZVErrorPtr error, ZVDictionaryPtr) {
+      std::lock_guard lock(tally.mutex);
+      if (error) ++tally.failures;
+      ++tally.done;
+      tally.cv.notify_one();
+    });
+    std::unique_lock lock(tally.mutex);
+    tally.cv.wait(lock, [&] { return tally.done > 0; });
+    tally.done = 0;
+  }
+  state.SetItemsProcessed(state.iterations());
+  state.counters["connections"] = static_cast<double>(target->server->takeConnections());
+  if (tally.failures != 0) state.SkipWithError("requests failed");
+}
+
+// A self-signed certificate for 127.0.0.1, made with the openssl tool.
+bool makeCertificate(const std::string& dir, std::string& cert, std::string& key) {
+  cert = dir + "/cert.pem";
+  key = dir + "/key.pem";
+  const std::string command = fmt::format(
+      "openssl req -x509 -newkey rsa:2048 -nodes -days 1 -subj /CN=127.0.0.1 "
+      "-addext subjectAltName=IP:127.0.0.1 -keyout {} -out {} >/dev/null 2>&1",
+      key, cert);
+  return std::system(command.c_str()) == 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  benchmark::Initialize(&argc, argv);
+  zvbench::quietSDK();
+  curl_global_init(CURL_GLOBAL_DEFAULT);
+
+  Server plain(false, "", "");
+  Target http{&plain, "http", ""};
+
+  std::error_code ec;
+  const auto dir = std::filesystem::temp_directory_path() / fmt::format("zv-bench-{}", getpid());
+  std::filesystem::create_directories(dir, ec);
+  std::string cert, key;
+  std::unique_ptr<Server> secure;
+  Target https{nullptr, "https", ""};
+  if (makeCertificate(dir.string(), cert, key)) {
+    secure = std::make_unique<Server>(true, cert, key);
+    https = {secure.get(), "https", cert};
+  } else {
+    fmt::print(stderr, "zv_bench_transport: no openssl tool; HTTPS not measured\n");
+  }
+
+  std::vector<std::pair<std::string, const Target*>> targets = {{"http1", &http}};
+  if (secure) targets.emplace_back("https1", &https);
+  for (const auto& [name, target] : targets) {
+    benchmark::RegisterBenchmark(("raw_multi16/" + name).c_str(), rawMulti, target)->UseRealTime();
+    benchmark::RegisterBenchmark(("sdk_inflight16/" + name).c_str(), sdkInFlight, target)
+        ->UseRealTime();
+    benchmark::RegisterBenchmark(("raw_easy_reused/" + name).c_str(), rawEasy, target)
+        ->Arg(1)
+        ->UseRealTime();
+    benchmark::RegisterBenchmark(("sdk_sequential/" + name).c_str(), sdkSequential, target)
+        ->UseRealTime();
+  }
+  if (secure)
+    benchmark::RegisterBenchmark("raw_easy_new_connection/https1", rawEasy, &https)
+        ->Arg(0)
+        ->UseRealTime();
+
+  zvbench::CollectingReporter reporter;
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+  benchmark::Shutdown();
+
+  auto rate = [&](const std::string& name) {
+    return reporter.counter(name + "/real_time", "items_per_second");
+  };
+  auto connections = [&](const std::string& name) {
+    return reporter.counter(name + "/real_time", "connections");
+  };
+  for (const auto& [name, target] : targets) {
+    const double multi = rate("raw_multi16/" + name), ours = rate("sdk_inflight16/" + name);
+    fmt::print(
+        "transport {} inflight=16 sdk_rps={:.0f} raw_multi_rps={:.0f} ratio={:.3f} "
+        "sdk_connections={:.0f} raw_connections={:.0f}\n",
+        name, ours, multi, multi > 0 ? ours / multi : 0.0, connections("sdk_inflight16/" + name),
+        connections("raw_multi16/" + name));
+    const double easy = rate("raw_easy_reused/" + name + "/1"),
+                 seq = rate("sdk_sequential/" + name);
+    fmt::print(
+        "transport {} sequential sdk_rps={:.0f} raw_easy_rps={:.0f} ratio={:.3f} "
+        "sdk_connections={:.0f} raw_connections={:.0f}\n",
+        name, seq, easy, easy > 0 ? seq / easy : 0.0, connections("sdk_sequential/" + name),
+        connections("raw_easy_reused/" + name + "/1"));
+  }
+  if (secure)
+    fmt::print("transport https1 new_connection_per_request raw_easy_rps={:.0f}\n",
+               rate("raw_easy_new_connection/https1/0"));
+  std::filesystem::remove_all(dir, ec);
+  return 0;
+}
