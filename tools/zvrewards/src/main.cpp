@@ -44,8 +44,10 @@ int main(int argc, char** argv) {
   app.add_option("--state", global.statePath,
                  "Sandbox state file (default: ~/.local/state/zvrewards/sandbox.sqlite)");
   app.add_flag("--reset", global.reset, "Start the sandbox from its initial state");
-  app.add_option("--timeout", global.timeoutSeconds, "Seconds allowed per request (default 30)")
-      ->check(CLI::PositiveNumber);
+  // Bounded so that the value always converts to milliseconds.
+  app.add_option("--timeout", global.timeoutSeconds,
+                 "Seconds allowed per request (default 30, at most 86400)")
+      ->check(CLI::Range(0.001, 86400.0));
   app.add_flag("-v,--verbose", verbosity, "Log the SDK's work to stderr (-vv: with source lines)");
   app.add_flag("--json", global.json, "Machine-readable JSON instead of tables");
 
