@@ -169,7 +169,10 @@ ResolvedURL resolve(const ZVConfiguration& config, const ZVGenericRequest& reque
   }
 
   ResolvedURL resolved;
-  const std::string path = encodePath(rest, percentEncode(config.appID));
+  // An app id of "." or ".." would be a dot segment: encode it like one.
+  std::string appID = percentEncode(config.appID);
+  if (appID == "." || appID == "..") appID = encodePath(appID, "");
+  const std::string path = encodePath(rest, appID);
   resolved.hostAndPath = fmt::format("{}{}", host, path);
   resolved.url = fmt::format("{}://{}", scheme, resolved.hostAndPath);
   if (request.method() != ZVRequestMethodSubmit && !request.params().empty()) {

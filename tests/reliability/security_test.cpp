@@ -223,3 +223,25 @@ TEST(SecurityTest, HostileIdsStayInTheirSlotOfTheirEndpoint) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(SecurityTest, AppIDOfDotsStaysOneSegment) {
+  ZVLoopbackServer server;
+  CloseConnectionsFirst closeFirst;
+  server.setHandler([](const LoopbackRequest&) { return reply(200, R"({"status":"ok"})"); });
+  for (const char* appID : {"..", ".", "a/../b"}) {
+    configureService(server.baseURL(), std::chrono::seconds(5), appID);
+    Outcome<const ZVOrderArray> orders;
+    ZVRewardsManager::instance()->fetchOrdersWithCompletionHandler(orders.handler());
+    ASSERT_TRUE(orders.wait());
+    EXPECT_TRUE(orders.result);
+  }
+  const auto requests = server.requests();
+  ASSERT_EQ(requests.size(), 3u);
+  EXPECT_EQ(requests[0].path, "/api/v1/apps/%2E%2E/orders");
+  EXPECT_EQ(requests[1].path, "/api/v1/apps/%2E/orders");
+  EXPECT_EQ(requests[2].path, "/api/v1/apps/a%2F..%2Fb/orders");
+}
+
+}  // namespace
