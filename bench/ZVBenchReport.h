@@ -22,7 +22,7 @@ class CollectingReporter : public benchmark::ConsoleReporter {
     ConsoleReporter::ReportRuns(runs);
     for (const Run& run : runs) {
       if (run.error_occurred || run.run_type != Run::RT_Iteration) continue;
-      Figure& f = figures_[run.benchmark_name()];
+      Figure& f = figures_[plainName(run.benchmark_name())];
       const double n = static_cast<double>(run.iterations);
       f.realSeconds = run.real_accumulated_time / n;
       f.cpuSeconds = run.cpu_accumulated_time / n;
@@ -30,7 +30,8 @@ class CollectingReporter : public benchmark::ConsoleReporter {
     }
   }
 
-  /// The figures of the run named `name` (as Google Benchmark prints it), or null.
+  /// The figures of the run named `name` (as Google Benchmark prints it,
+  /// without its warm-up setting), or null.
   const Figure* find(const std::string& name) const {
     auto it = figures_.find(name);
     return it == figures_.end() ? nullptr : &it->second;
@@ -43,6 +44,14 @@ class CollectingReporter : public benchmark::ConsoleReporter {
   }
 
  private:
+  static std::string plainName(std::string name) {
+    const std::string tag = "/min_warmup_time:";
+    if (const size_t at = name.find(tag); at != std::string::npos) {
+      const size_t end = name.find('/', at + 1);
+      name.erase(at, end == std::string::npos ? std::string::npos : end - at);
+    }
+    return name;
+  }
   std::map<std::string, Figure> figures_;
 };
 

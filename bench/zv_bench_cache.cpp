@@ -61,7 +61,10 @@ BENCHMARK(mainQueueFloor)->Unit(benchmark::kNanosecond);
 int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);
   zvbench::quietSDK();
+  // The table goes to stderr so that stdout holds only the result lines.
   zvbench::CollectingReporter reporter;
+  reporter.SetOutputStream(&std::cerr);
+  reporter.SetErrorStream(&std::cerr);
   benchmark::RunSpecifiedBenchmarks(&reporter);
   benchmark::Shutdown();
   const zvbench::Figure* floor = reporter.find("mainQueueFloor");

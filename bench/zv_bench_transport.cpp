@@ -9,6 +9,8 @@
 #include <condition_variable>
 #include <cstdio>
 #include <filesystem>
+#include <iostream>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -101,59 +103,88 @@ void setUp(CURL* easy, const Target& target, const std::string& url) {
   if (!target.caFile.empty()) curl_easy_setopt(easy, CURLOPT_CAINFO, target.caFile.c_str());
 }
 
-void rawMulti(benchmark::State& state, const Target* target) {
-  const std::string url = target->url();
-  CURLM* multi = curl_multi_init();
-  curl_multi_setopt(multi, CURLMOPT_MAX_HOST_CONNECTIONS, static_cast<long>(kInFlight));
-  // Keeps the connections while no handle is attached between iterations.
-  curl_multi_setopt(multi, CURLMOPT_MAXCONNECTS, static_cast<long>(2 * kInFlight));
-  std::vector<CURL*> handles(kInFlight);
-  for (CURL*& easy : handles) {
-    easy = curl_easy_init();
-    setUp(easy, *target, url);
+// Raw libcurl handles kept for the whole program, as the SDK keeps its
+// transport: warm-up and every run reuse the same connections.
+struct RawMulti {
+  CURLM* multi = nullptr;
+  std::vector<CURL*> handles;
+};
+struct RawEasy {
+  CURL* easy = nullptr;
+};
+
+int64_t rawBatch(RawMulti& raw, int width, int total);
+
+RawMulti& rawMultiFor(const Target& target) {
+  static std::map<const Target*, RawMulti> all;
+  RawMulti& raw = all[&target];
+  if (raw.multi == nullptr) {
+    raw.multi = curl_multi_init();
+    curl_multi_setopt(raw.multi, CURLMOPT_MAX_HOST_CONNECTIONS, static_cast<long>(kInFlight));
+    // Keeps the connections while no handle is attached between iterations.
+    curl_multi_setopt(raw.multi, CURLMOPT_MAXCONNECTS, static_cast<long>(2 * kInFlight));
+    raw.handles.resize(kInFlight);
+    for (CURL*& easy : raw.handles) {
+      easy = curl_easy_init();
+      setUp(easy, target, target.url());
+    }
+    // Opens the connections a few at a time: the server's listen backlog is
+    // small, and a burst of 16 connects loses SYNs to a one-second retry.
+    for (int width = 4; width <= kInFlight; width += 4) rawBatch(raw, width, width);
   }
+  return raw;
+}
+
+// Runs `total` requests with `width` in flight; returns the failures.
+int64_t rawBatch(RawMulti& raw, int width, int total) {
   int64_t failures = 0;
-  for (auto _ : state) {
-    int started = 0;
-    int finished = 0;
-    for (CURL* easy : handles) {
-      curl_multi_add_handle(multi, easy);
-      ++started;
-    }
-    while (finished < kBatch) {
-      int running = 0;
-      curl_multi_perform(multi, &running);
-      int left = 0;
-      while (CURLMsg* message = curl_multi_info_read(multi, &left)) {
-        if (message->msg != CURLMSG_DONE) continue;
-        CURL* easy = message->easy_handle;
-        if (message->data.result != CURLE_OK) ++failures;
-        curl_multi_remove_handle(multi, easy);
-        ++finished;
-        if (started < kBatch) {
-          curl_multi_add_handle(multi, easy);
-          ++started;
-        }
-      }
-      if (finished < kBatch) curl_multi_poll(multi, nullptr, 0, 1000, nullptr);
-    }
+  int started = 0;
+  int finished = 0;
+  for (int i = 0; i < width; ++i) {
+    curl_multi_add_handle(raw.multi, raw.handles[i]);
+    ++started;
   }
-  for (CURL* easy : handles) curl_easy_cleanup(easy);
-  curl_multi_cleanup(multi);
+  while (finished < total) {
+    int running = 0;
+    curl_multi_perform(raw.multi, &running);
+    int left = 0;
+    while (CURLMsg* message = curl_multi_info_read(raw.multi, &left)) {
+      if (message->msg != CURLMSG_DONE) continue;
+      CURL* easy = message->easy_handle;
+      if (message->data.result != CURLE_OK) ++failures;
+      curl_multi_remove_handle(raw.multi, easy);
+      ++finished;
+      if (started < total) {
+        curl_multi_add_handle(raw.multi, easy);
+        ++started;
+      }
+    }
+    if (finished < total) curl_multi_poll(raw.multi, nullptr, 0, 1000, nullptr);
+  }
+  return failures;
+}
+
+void rawMulti(benchmark::State& state, const Target* target) {
+  RawMulti& raw = rawMultiFor(*target);
+  int64_t failures = 0;
+  for (auto _ : state) failures += rawBatch(raw, kInFlight, kBatch);
   state.SetItemsProcessed(state.iterations() * kBatch);
   state.counters["connections"] = static_cast<double>(target->server->takeConnections());
   if (failures != 0) state.SkipWithError("requests failed");
 }
 
 void rawEasy(benchmark::State& state, const Target* target) {
-  const std::string url = target->url();
-  CURL* easy = curl_easy_init();
-  setUp(easy, *target, url);
-  if (state.range(0) == 0) curl_easy_setopt(easy, CURLOPT_FORBID_REUSE, 1L);
+  const bool reuse = state.range(0) != 0;
+  static std::map<std::pair<const Target*, bool>, RawEasy> all;
+  RawEasy& raw = all[{target, reuse}];
+  if (raw.easy == nullptr) {
+    raw.easy = curl_easy_init();
+    setUp(raw.easy, *target, target->url());
+    if (!reuse) curl_easy_setopt(raw.easy, CURLOPT_FORBID_REUSE, 1L);
+  }
   int64_t failures = 0;
   for (auto _ : state)
-    if (curl_easy_perform(easy) != CURLE_OK) ++failures;
-  curl_easy_cleanup(easy);
+    if (curl_easy_perform(raw.easy) != CURLE_OK) ++failures;
   state.SetItemsProcessed(state.iterations());
   state.counters["connections"] = static_cast<double>(target->server->takeConnections());
   if (failures != 0) state.SkipWithError("requests failed");
@@ -185,8 +216,29 @@ std::shared_ptr<ZVGenericRequest> offersRequest() {
   return builder->build();
 }
 
+// Opens the SDK's connections a few at a time, as for the raw loop.
+void primeSDK(const Target& target) {
+  static std::set<const Target*> primed;
+  if (!primed.insert(&target).second) return;
+  ZVGenericRequestManager* manager = ZVGenericRequestManager::instance();
+  const auto request = offersRequest();
+  for (int width = 4; width <= kInFlight; width += 4) {
+    Tally tally;
+    for (int i = 0; i < width; ++i)
+      manager->sendRequest(request, [&](const std::string&, std::shared_ptr<ZVGenericResponse>,
+                                        ZVErrorPtr, ZVDictionaryPtr) {
+        std::lock_guard lock(tally.mutex);
+        ++tally.done;
+        tally.cv.notify_one();
+      });
+    std::unique_lock lock(tally.mutex);
+    tally.cv.wait(lock, [&] { return tally.done == width; });
+  }
+}
+
 void sdkInFlight(benchmark::State& state, const Target* target) {
   configure(*target);
+  primeSDK(*target);
   ZVGenericRequestManager* manager = ZVGenericRequestManager::instance();
   const auto request = offersRequest();
   Tally tally;
@@ -276,13 +328,18 @@ int main(int argc, char** argv) {
   std::vector<std::pair<std::string, const Target*>> targets = {{"http1", &http}};
   if (secure) targets.emplace_back("https1", &https);
   for (const auto& [name, target] : targets) {
-    benchmark::RegisterBenchmark(("raw_multi16/" + name).c_str(), rawMulti, target)->UseRealTime();
+    benchmark::RegisterBenchmark(("raw_multi16/" + name).c_str(), rawMulti, target)
+        ->MinWarmUpTime(0.3)
+        ->UseRealTime();
     benchmark::RegisterBenchmark(("sdk_inflight16/" + name).c_str(), sdkInFlight, target)
+        ->MinWarmUpTime(0.3)
         ->UseRealTime();
     benchmark::RegisterBenchmark(("raw_easy_reused/" + name).c_str(), rawEasy, target)
         ->Arg(1)
+        ->MinWarmUpTime(0.3)
         ->UseRealTime();
     benchmark::RegisterBenchmark(("sdk_sequential/" + name).c_str(), sdkSequential, target)
+        ->MinWarmUpTime(0.3)
         ->UseRealTime();
   }
   if (secure)
@@ -290,7 +347,10 @@ int main(int argc, char** argv) {
         ->Arg(0)
         ->UseRealTime();
 
+  // The table goes to stderr so that stdout holds only the result lines.
   zvbench::CollectingReporter reporter;
+  reporter.SetOutputStream(&std::cerr);
+  reporter.SetErrorStream(&std::cerr);
   benchmark::RunSpecifiedBenchmarks(&reporter);
   benchmark::Shutdown();
 
