@@ -173,8 +173,9 @@ TEST(LoadTest, KeepAliveSoakLeavesNoDescriptorOrThreadBehind) {
   EXPECT_EQ(served.load(), total + 1);  // and the warm-up
   {
     std::lock_guard lock(mutex);
-    // Kept alive: a handful of connections for thousands of requests.
-    EXPECT_LE(clientPorts.size(), 2 * kWindow);
+    // Kept alive: hundreds of requests per connection on average (about one
+    // connection per request in flight; a slow scheduler adds a few).
+    EXPECT_GE(total / clientPorts.size(), 100u) << clientPorts.size() << " connections";
     std::printf("soak: %zu requests in %.1f s over %zu connections\n", total, seconds,
                 clientPorts.size());
   }
