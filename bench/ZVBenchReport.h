@@ -3,6 +3,7 @@
 #pragma once
 
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -16,13 +17,23 @@ struct Figure {
   std::map<std::string, double> counters;
 };
 
+/// With repetitions, the median of the repetitions is kept.
 class CollectingReporter : public benchmark::ConsoleReporter {
  public:
+  CollectingReporter() : ConsoleReporter(OO_Tabular) {}
+
   void ReportRuns(const std::vector<Run>& runs) override {
     ConsoleReporter::ReportRuns(runs);
     for (const Run& run : runs) {
-      if (run.error_occurred || run.run_type != Run::RT_Iteration) continue;
-      Figure& f = figures_[plainName(run.benchmark_name())];
+      if (run.error_occurred) continue;
+      std::string name = plainName(run.run_name.str());
+      if (run.run_type == Run::RT_Aggregate) {
+        if (run.aggregate_name != "median") continue;
+      } else if (figures_.count(name) && medians_.count(name)) {
+        continue;
+      }
+      if (run.run_type == Run::RT_Aggregate) medians_.insert(name);
+      Figure& f = figures_[name];
       const double n = static_cast<double>(run.iterations);
       f.realSeconds = run.real_accumulated_time / n;
       f.cpuSeconds = run.cpu_accumulated_time / n;
@@ -31,7 +42,7 @@ class CollectingReporter : public benchmark::ConsoleReporter {
   }
 
   /// The figures of the run named `name` (as Google Benchmark prints it,
-  /// without its warm-up setting), or null.
+  /// without its run settings such as warm-up and repetitions), or null.
   const Figure* find(const std::string& name) const {
     auto it = figures_.find(name);
     return it == figures_.end() ? nullptr : &it->second;
@@ -44,15 +55,23 @@ class CollectingReporter : public benchmark::ConsoleReporter {
   }
 
  private:
-  static std::string plainName(std::string name) {
-    const std::string tag = "/min_warmup_time:";
-    if (const size_t at = name.find(tag); at != std::string::npos) {
-      const size_t end = name.find('/', at + 1);
-      name.erase(at, end == std::string::npos ? std::string::npos : end - at);
+  // Drops the run settings from a name: "x/repeats:3/real_time" -> "x/real_time".
+  static std::string plainName(const std::string& name) {
+    std::string out;
+    size_t start = 0;
+    while (start <= name.size()) {
+      size_t end = name.find('/', start);
+      if (end == std::string::npos) end = name.size();
+      const std::string part = name.substr(start, end - start);
+      const bool setting = part.rfind("min_warmup_time:", 0) == 0 ||
+                           part.rfind("repeats:", 0) == 0 || part.rfind("min_time:", 0) == 0;
+      if (!setting) out += (out.empty() ? "" : "/") + part;
+      start = end + 1;
     }
-    return name;
+    return out;
   }
   std::map<std::string, Figure> figures_;
+  std::set<std::string> medians_;
 };
 
 }  // namespace zvbench

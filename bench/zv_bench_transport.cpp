@@ -330,16 +330,24 @@ int main(int argc, char** argv) {
   for (const auto& [name, target] : targets) {
     benchmark::RegisterBenchmark(("raw_multi16/" + name).c_str(), rawMulti, target)
         ->MinWarmUpTime(0.3)
+        ->Repetitions(3)
+        ->ReportAggregatesOnly(true)
         ->UseRealTime();
     benchmark::RegisterBenchmark(("sdk_inflight16/" + name).c_str(), sdkInFlight, target)
         ->MinWarmUpTime(0.3)
+        ->Repetitions(3)
+        ->ReportAggregatesOnly(true)
         ->UseRealTime();
     benchmark::RegisterBenchmark(("raw_easy_reused/" + name).c_str(), rawEasy, target)
         ->Arg(1)
         ->MinWarmUpTime(0.3)
+        ->Repetitions(3)
+        ->ReportAggregatesOnly(true)
         ->UseRealTime();
     benchmark::RegisterBenchmark(("sdk_sequential/" + name).c_str(), sdkSequential, target)
         ->MinWarmUpTime(0.3)
+        ->Repetitions(3)
+        ->ReportAggregatesOnly(true)
         ->UseRealTime();
   }
   if (secure)
