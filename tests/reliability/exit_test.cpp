@@ -2,41 +2,15 @@
 // without a crash or a hang: each scenario runs in a child process that must
 // end with status 0 within a time limit.
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <sys/wait.h>
-#include <unistd.h>
-
-#include <chrono>
-#include <string>
-#include <thread>
 
 #include "ZVLoopbackServer.h"
+#include "ZVProcess.h"
 #include "ZVRawServer.h"
 
 using namespace zvtest;
-using namespace std::chrono_literals;
 
 namespace {
-
-// Runs the child; returns its wait status, or -1 when it had to be killed.
-int runChild(const std::string& mode, const std::string& host, std::chrono::seconds limit) {
-  const pid_t pid = fork();
-  if (pid == 0) {
-    execl(ZV_EXIT_CHILD, ZV_EXIT_CHILD, mode.c_str(), host.c_str(), static_cast<char*>(nullptr));
-    _exit(127);
-  }
-  const auto deadline = std::chrono::steady_clock::now() + limit;
-  int status = 0;
-  while (waitpid(pid, &status, WNOHANG) == 0) {
-    if (std::chrono::steady_clock::now() > deadline) {
-      kill(pid, SIGKILL);
-      waitpid(pid, &status, 0);
-      return -1;
-    }
-    std::this_thread::sleep_for(10ms);
-  }
-  return status;
-}
 
 struct Scenario {
   const char* mode;
@@ -50,16 +24,14 @@ TEST_P(ExitTest, ChildEndsCleanlyAndInTime) {
   // once (deliveries keep arriving on the main queue).
   ZVRawServer silent({.bytes = "", .end = RawScript::End::Hold});
   ZVLoopbackServer answering;
-  answering.setHandler([](const LoopbackRequest&) {
-    LoopbackResponse response;
-    response.body = R"({"status":"ok"})";
-    return response;
-  });
+  answering.setHandler(
+      [](const LoopbackRequest&) { return LoopbackResponse{.body = R"({"status":"ok"})"}; });
   const std::string host = GetParam().answering ? answering.baseURL() : silent.baseURL();
-  const int status = runChild(GetParam().mode, host, 30s);
-  ASSERT_NE(status, -1) << "the child hung";
-  ASSERT_TRUE(WIFEXITED(status)) << "killed by signal " << WTERMSIG(status);
-  EXPECT_EQ(WEXITSTATUS(status), 0);
+  const ProcessResult child =
+      waitProcess(spawnProcess({ZV_EXIT_CHILD, GetParam().mode, host}), std::chrono::seconds(30));
+  ASSERT_FALSE(child.hung);
+  ASSERT_TRUE(WIFEXITED(child.status)) << "killed by signal " << WTERMSIG(child.status);
+  EXPECT_EQ(child.exitCode(), 0);
 }
 
 INSTANTIATE_TEST_SUITE_P(Hosts, ExitTest,

@@ -6,9 +6,8 @@
 
 #include <algorithm>
 
-#include "../rewards/RewardsFixture.h"
-#include "ReliabilityFixture.h"
 #include "ZVRawServer.h"
+#include "ZVRewardsFixture.h"
 
 using namespace zvtest;
 using namespace std::chrono_literals;
@@ -149,11 +148,7 @@ TEST_P(FaultTableTest, EveryOperationFailsOnceWithAClearErrorAndTheStateItsContr
   NotificationLog notifications;
   LogCapture log(2);
   const auto& operations = allOperations();
-  std::vector<std::unique_ptr<Completion>> completions;
-  for (const Operation& operation : operations) {
-    completions.push_back(std::make_unique<Completion>());
-    operation.start(manager, *completions.back());
-  }
+  Completions completions = startAll(operations);
   ASSERT_TRUE(waitForAll(completions));
 
   std::vector<ZVErrorPtr> errors;

@@ -11,8 +11,7 @@
 #include <set>
 #include <thread>
 
-#include "../rewards/RewardsFixture.h"
-#include "ReliabilityFixture.h"
+#include "ZVRewardsFixture.h"
 
 using namespace zvtest;
 using namespace std::chrono_literals;
@@ -40,47 +39,23 @@ Resources resourcesNow() {
   return {entriesIn("/proc/self/fd"), entriesIn("/proc/self/task")};
 }
 
-// Answers every endpoint well, except every fifth request, which is refused.
-LoopbackResponse serviceAnswer(const LoopbackRequest& request, std::atomic<size_t>& counter) {
-  if (++counter % 5 == 0) return {200, R"({"status":"error","message":"busy"})"};
-  const std::string& path = request.path;
-  if (path.ends_with("/offers")) return {200, R"({"status":"ok","offers":[{"id":"1"}]})"};
-  if (path.ends_with("/orders") && request.method == "GET")
-    return {200, R"({"status":"ok","orders":[{"id":"1"}]})"};
-  if (path.ends_with("/orders"))
-    return {200, R"({"status":"ok","order":{"id":"9","user":{"available_points":10}}})"};
-  if (path.ends_with("/skills_test_question"))
-    return {200,
-            R"({"status":"ok","challenge":{"skills_test_question":{"id":"q","question":"?"}}})"};
-  return {200, R"({"status":"ok","challenge":{"id":"c","status":"passed"}})"};
-}
-
 TEST(LoadTest, ThreadsCallEveryOperationWhileUserStateIsClearedAndEachHandlerRunsOnce) {
   ZVLoopbackServer server;
   CloseConnectionsFirst closeFirst;
+  // Every fifth request is refused by the service.
   std::atomic<size_t> served{0};
-  server.setHandler([&](const LoopbackRequest& r) { return serviceAnswer(r, served); });
+  server.setHandler([&](const LoopbackRequest& request) {
+    return ++served % 5 == 0 ? LoopbackResponse{.body = R"({"status":"error","message":"busy"})"}
+                             : serviceAnswer(request);
+  });
   configureService(server.baseURL());
   ZVRewardsManager* manager = ZVRewardsManager::instance();
   manager->setRefreshInterval(0.05);  // a mix of cache hits and requests
-
-  // The operations, plus the validation failures that send nothing.
-  std::vector<Operation> operations = allOperations();
-  operations.push_back({"placeOrder without order", kKindPlaceOrder, [](auto* m, Completion& c) {
-                          m->placeOrder(nullptr, [&c](auto r, ZVErrorPtr e) {
-                            c.record(r != nullptr, std::move(e));
-                          });
-                        }});
-  operations.push_back(
-      {"answer without question id", kKindAnswerSkillQuestion, [](auto* m, Completion& c) {
-         m->answerSkillQuestionForOfferID(
-             "1", std::nullopt, ZVJSONValue("x"),
-             [&c](auto r, ZVErrorPtr e) { c.record(r != nullptr, std::move(e)); });
-       }});
+  const std::vector<Operation> operations = allOperationsAndRefusals();
 
   constexpr size_t kThreads = 6;
   const size_t perThread = envOr("ZV_LOAD_CALLS", 60);
-  std::vector<std::unique_ptr<Completion>> completions;
+  Completions completions;
   for (size_t i = 0; i < kThreads * perThread; ++i)
     completions.push_back(std::make_unique<Completion>());
 
@@ -192,25 +167,22 @@ TEST(LoadTest, KeepAliveSoakLeavesNoDescriptorOrThreadBehind) {
 }
 
 TEST(LoadTest, ConcurrentOrdersNeverSpendMorePointsThanTheUserHas) {
-  ZVSandboxOptions options;
-  options.statePath = ":memory:";
-  options.reset = true;
-  options.initialPoints = 5000;
-  ZVSandbox sandbox(options);
+  ZVSandbox sandbox({.statePath = ":memory:",
+                     .reset = true,
+                     .certDir = "",
+                     .appID = "app",
+                     .accessToken = kSecretToken,
+                     .initialPoints = 5000,
+                     .faults = {}});
   CloseConnectionsFirst closeFirst;
   std::string problem;
   ASSERT_TRUE(sandbox.start(problem)) << problem;
-  ZVConfiguration configuration;
-  configuration.serviceHost = sandbox.serviceHost();
-  configuration.appID = options.appID;
-  configuration.accessToken = options.accessToken;
-  configuration.allowInsecureHTTP = true;
-  Zorvane::configure(configuration);
+  configureService(sandbox.serviceHost());
 
   // Offer 102 costs 400 points: at most 12 of 40 orders fit in 5000.
   constexpr int kOrders = 40;
   constexpr int64_t kCost = 400;
-  std::vector<std::unique_ptr<Completion>> completions;
+  Completions completions;
   std::mutex mutex;
   std::vector<int64_t> balances;  // guarded by mutex
   for (int i = 0; i < kOrders; ++i) completions.push_back(std::make_unique<Completion>());
@@ -225,7 +197,7 @@ TEST(LoadTest, ConcurrentOrdersNeverSpendMorePointsThanTheUserHas) {
                 std::lock_guard lock(mutex);
                 balances.push_back(order->user()->availablePoints());
               }
-              completions[i]->record(order != nullptr, std::move(error));
+              completions[i]->handler()(order, std::move(error));
             });
     });
   for (auto& thread : threads) thread.join();

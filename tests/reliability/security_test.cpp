@@ -3,45 +3,36 @@
 // or smuggle in a header: checked on what the server actually receives.
 #include <fmt/format.h>
 
-#include <algorithm>
-#include <cstdio>
+#include <fmt/ranges.h>
+
 #include <filesystem>
 
-#include "../rewards/RewardsFixture.h"
-#include "ReliabilityFixture.h"
+#include "ZVProcess.h"
 #include "ZVRawServer.h"
+#include "ZVRewardsFixture.h"
 
 using namespace zvtest;
 
 namespace {
 
 LoopbackResponse reply(int status, std::string body) {
-  LoopbackResponse response;
-  response.status = status;
-  response.body = std::move(body);
-  return response;
+  return {.status = status, .body = std::move(body)};
 }
 
-// Good answers for every endpoint, or failures of every kind, by turns.
-LoopbackResponse answerFor(const LoopbackRequest& request, bool fail) {
-  const std::string& path = request.path;
-  if (fail) {
-    if (path.ends_with("/offers")) return reply(401, R"({"status":"error","message":"expired"})");
-    if (path.ends_with("/orders")) return reply(200, R"({"status":"error","message":"no"})");
-    return reply(500, "oops");
-  }
-  if (path.ends_with("/offers")) return reply(200, R"({"status":"ok","offers":[{"id":"1"}]})");
-  if (path.ends_with("/orders") && request.method == "GET")
-    return reply(200, R"({"status":"ok","orders":[{"id":"1"}]})");
-  if (path.ends_with("/orders")) return reply(200, R"({"status":"ok","order":{"id":"2"}})");
-  return reply(200, R"({"status":"ok","challenge":{"id":"c"}})");
+// Failures of every kind, by endpoint.
+LoopbackResponse failureFor(const LoopbackRequest& request) {
+  if (request.path.ends_with("/offers"))
+    return reply(401, R"({"status":"error","message":"expired"})");
+  if (request.path.ends_with("/orders")) return reply(200, R"({"status":"error","message":"no"})");
+  return reply(500, "oops");
 }
 
 TEST(SecurityTest, TokenNeverReachesALogLineAtAnyLevelOrCategory) {
   ZVLoopbackServer server;
   CloseConnectionsFirst closeFirst;
   std::atomic<bool> fail{false};
-  server.setHandler([&](const LoopbackRequest& r) { return answerFor(r, fail.load()); });
+  server.setHandler(
+      [&](const LoopbackRequest& r) { return fail ? failureFor(r) : serviceAnswer(r); });
   configureService(server.baseURL());
   ZVRewardsManager* manager = ZVRewardsManager::instance();
   for (int64_t level : {0, 1, 2, 3}) {
@@ -50,20 +41,8 @@ TEST(SecurityTest, TokenNeverReachesALogLineAtAnyLevelOrCategory) {
     for (bool failing : {false, true}) {
       fail = failing;
       manager->resetData();
-      std::vector<std::unique_ptr<Completion>> completions;
-      for (const Operation& operation : allOperations()) {
-        completions.push_back(std::make_unique<Completion>());
-        operation.start(manager, *completions.back());
-      }
-      // A cache hit and the two validation failures log as well.
-      completions.push_back(std::make_unique<Completion>());
-      manager->placeOrder(nullptr, [c = completions.back().get()](auto, ZVErrorPtr e) {
-        c->record(false, std::move(e));
-      });
-      completions.push_back(std::make_unique<Completion>());
-      manager->answerSkillQuestionForOfferID(
-          std::nullopt, "q", ZVJSONValue("a"),
-          [c = completions.back().get()](auto, ZVErrorPtr e) { c->record(false, std::move(e)); });
+      // A cache hit and the validation failures log as well.
+      Completions completions = startAll(allOperationsAndRefusals());
       ASSERT_TRUE(waitForAll(completions));
       for (const auto& c : completions) {
         if (ZVErrorPtr error = c->lastError()) {
@@ -81,17 +60,6 @@ TEST(SecurityTest, TokenNeverReachesALogLineAtAnyLevelOrCategory) {
 }
 
 #ifdef ZVREWARDS_BIN
-std::string runClient(const std::string& arguments) {
-  const std::string command = fmt::format("{} {} 2>&1", ZVREWARDS_BIN, arguments);
-  std::string output;
-  if (FILE* pipe = ::popen(command.c_str(), "r")) {
-    char buffer[4096];
-    while (size_t got = std::fread(buffer, 1, sizeof buffer, pipe)) output.append(buffer, got);
-    ::pclose(pipe);
-  }
-  return output;
-}
-
 TEST(SecurityTest, CommandLineClientNeverPrintsTheToken) {
   if (!std::filesystem::exists(ZVREWARDS_BIN)) GTEST_SKIP() << ZVREWARDS_BIN << " is not built";
   // This service even quotes the token back in its refusals.
@@ -102,22 +70,24 @@ TEST(SecurityTest, CommandLineClientNeverPrintsTheToken) {
     return reply(request.path.ends_with("/offers") ? 200 : 403,
                  fmt::format(R"({{"status":"error","message":"{}"}})", message));
   });
-  const std::string common =
-      fmt::format("--token {} --app app --insecure-http -vv --timeout 5", kSecretToken);
+  const std::string url = server.baseURL();
   const std::string closed = fmt::format("http://127.0.0.1:{}", ZVRawServer::closedPort());
-  for (const std::string& arguments :
-       {fmt::format("--service {} {} offers --force", server.baseURL(), common),
-        fmt::format("--service {} {} orders", server.baseURL(), common),
-        fmt::format("--service {} {} --json order 101", server.baseURL(), common),
-        fmt::format("--service {} {} answer 1 q 42", server.baseURL(), common),
-        fmt::format("--service {} {} offers", closed, common),
-        fmt::format("--service {} --token {} offers", server.baseURL(), kSecretToken),
-        fmt::format("--service {} {} no-such-command", server.baseURL(), common)}) {
-    const std::string output = runClient(arguments);
-    SCOPED_TRACE(arguments);
-    EXPECT_FALSE(output.empty());
-    EXPECT_EQ(output.find(kSecretToken), std::string::npos) << output;
+  const std::vector<std::string> cases[] = {
+      {url, "offers", "--force"},      {url, "orders"},    {url, "--json", "order", "101"},
+      {url, "answer", "1", "q", "42"}, {closed, "offers"}, {url, "no-such-command"}};
+  for (std::vector<std::string> args : cases) {
+    SCOPED_TRACE(fmt::format("{}", fmt::join(args, " ")));
+    args.insert(args.begin(), {ZVREWARDS_BIN, "--token", kSecretToken, "--app", "app",
+                               "--insecure-http", "-vv", "--timeout", "5", "--service"});
+    const ProcessResult run = runProcess(args, std::chrono::seconds(60));
+    EXPECT_FALSE(run.out.empty() && run.err.empty());
+    EXPECT_EQ((run.out + run.err).find(kSecretToken), std::string::npos) << run.out << run.err;
   }
+  // Without --insecure-http the client refuses, still without printing the token.
+  const ProcessResult refused =
+      runProcess({ZVREWARDS_BIN, "--service", url, "--token", kSecretToken, "offers"},
+                 std::chrono::seconds(60));
+  EXPECT_EQ((refused.out + refused.err).find(kSecretToken), std::string::npos) << refused.err;
   EXPECT_GE(server.requestCount(), 4u);
 }
 #endif
@@ -141,107 +111,65 @@ TEST(SecurityTest, HostileIdsStayInTheirSlotOfTheirEndpoint) {
   CloseConnectionsFirst closeFirst;
   server.setHandler([](const LoopbackRequest&) { return reply(200, R"({"status":"ok"})"); });
   configureService(server.baseURL());
-  const std::vector<std::string> ids = {"a/b",
-                                        "a b",
-                                        "..",
-                                        "../../orders",
-                                        "./.",
-                                        "%2e%2e%2f",
-                                        "%00",
-                                        "50%",
-                                        std::string("a\0b", 3),
-                                        "a\r\nX-Injected: 1",
-                                        "a\nb",
-                                        "\t",
-                                        "?locale=xx",
-                                        "#top",
-                                        "a\x01\x7f",
-                                        "\xc3\xa9\xff",
-                                        "a;b=c,d&e=f",
-                                        ":appid",
-                                        ":host"};
+  const std::string ids[] = {"a/b",
+                             "a b",
+                             "..",
+                             "../../orders",
+                             "./.",
+                             "%2e%2e%2f",
+                             "%00",
+                             "50%",
+                             std::string("a\0b", 3),
+                             "a\r\nX-Injected: 1",
+                             "a\nb",
+                             "\t",
+                             "?locale=xx",
+                             "#top",
+                             "a\x01\x7f",
+                             "\xc3\xa9\xff",
+                             "a;b=c,d&e=f",
+                             ":appid",
+                             ":host"};
   ZVRewardsManager* manager = ZVRewardsManager::instance();
   const std::string root = "/api/v1/apps/app/offers/";
   for (const std::string& id : ids) {
-    SCOPED_TRACE(::testing::PrintToString(id));
-    const size_t before = server.requestCount();
-    std::vector<std::unique_ptr<Completion>> completions;
-    completions.push_back(std::make_unique<Completion>());
-    manager->placeOrder(ZVOrderRequest::initWithOfferID(id, 1),
-                        [c = completions.back().get()](auto r, ZVErrorPtr e) {
-                          c->record(r != nullptr, std::move(e));
-                        });
-    completions.push_back(std::make_unique<Completion>());
-    manager->answerSkillQuestionForOfferID(id, id, ZVJSONValue("x"),
-                                           [c = completions.back().get()](auto r, ZVErrorPtr e) {
-                                             c->record(r != nullptr, std::move(e));
-                                           });
-    ASSERT_TRUE(waitForAll(completions));
-
-    // Each call reached its endpoint, or was refused before anything was
-    // sent (an order body cannot carry text that is not UTF-8).
-    const auto requests = server.requests();
-    std::vector<size_t> sent;
-    for (size_t i = 0; i < 2; ++i) {
-      if (completions[i]->hadResult) {
-        sent.push_back(i);
-      } else {
-        ASSERT_TRUE(completions[i]->lastError());
-        EXPECT_EQ(completions[i]->lastError()->type(), ZVErrorTypeValidation);
+    for (const bool order : {true, false}) {
+      SCOPED_TRACE(::testing::PrintToString(id) + (order ? " in an order" : " in an answer"));
+      const size_t before = server.requestCount();
+      Completions completion;
+      completion.push_back(std::make_unique<Completion>());
+      if (order)
+        manager->placeOrder(ZVOrderRequest::initWithOfferID(id, 1), completion[0]->handler());
+      else
+        manager->answerSkillQuestionForOfferID(id, id, ZVJSONValue("x"), completion[0]->handler());
+      ASSERT_TRUE(waitForAll(completion));
+      if (!completion[0]->hadResult) {
+        // Refused before anything was sent: an order body cannot carry text that is not UTF-8.
+        ASSERT_TRUE(completion[0]->lastError());
+        EXPECT_EQ(completion[0]->lastError()->type(), ZVErrorTypeValidation);
+        EXPECT_EQ(server.requestCount(), before);
+        continue;
       }
-    }
-    // Exactly those requests, nothing smuggled in after them.
-    ASSERT_EQ(requests.size(), before + sent.size());
-    const std::string suffixes[] = {"/orders", "/challenges/skills_test_questions/"};
-    std::vector<size_t> arrived;
-    for (size_t n = 0; n < sent.size(); ++n) {
-      // The two requests race each other: tell them apart by their path.
-      const LoopbackRequest& request = requests[before + n];
-      const size_t i = request.path.find(suffixes[1]) == std::string::npos ? 0 : 1;
-      arrived.push_back(i);
+      // Exactly one request, nothing smuggled in after it.
+      ASSERT_EQ(server.requestCount(), before + 1);
+      const LoopbackRequest request = server.requests().back();
       EXPECT_EQ(request.method, "POST");
-      EXPECT_TRUE(request.query.empty()) << request.target;
-      EXPECT_EQ(request.target.find_first_of("#?"), std::string::npos);
-      ASSERT_TRUE(request.path.starts_with(root)) << request.path;
+      EXPECT_EQ(request.target.find_first_of("#?"), std::string::npos) << request.target;
+      EXPECT_FALSE(request.hasHeader("X-Injected"));
+      EXPECT_EQ(request.header("Authorization"), fmt::format("Bearer {}", kSecretToken));
       // No segment a server or proxy would fold into a parent directory.
       for (const std::string_view dots : {"/../", "/./"})
         EXPECT_EQ((request.path + "/").find(dots), std::string::npos) << request.path;
-      // The id comes back intact from its slot.
+      // The id comes back intact from its slot (both slots of an answer).
+      const std::string tail = order ? "/orders" : "/challenges/skills_test_questions/";
+      ASSERT_TRUE(request.path.starts_with(root)) << request.path;
       const std::string rest = request.path.substr(root.size());
-      const size_t suffix = rest.rfind(suffixes[i]);
-      ASSERT_NE(suffix, std::string::npos) << request.path;
-      EXPECT_EQ(decoded(rest.substr(0, suffix)), id);
-      if (i == 1) {
-        EXPECT_EQ(decoded(rest.substr(suffix + suffixes[i].size())), id);
-      }
-      EXPECT_FALSE(request.hasHeader("X-Injected"));
-      EXPECT_EQ(request.header("Authorization"), fmt::format("Bearer {}", kSecretToken));
+      const size_t at = rest.rfind(tail);
+      ASSERT_NE(at, std::string::npos) << request.path;
+      EXPECT_EQ(decoded(rest.substr(0, at)), id);
+      EXPECT_EQ(decoded(rest.substr(at + tail.size())), order ? "" : id);
     }
-    std::ranges::sort(arrived);
-    EXPECT_EQ(arrived, sent);
   }
-}
-
-}  // namespace
-
-namespace {
-
-TEST(SecurityTest, AppIDOfDotsStaysOneSegment) {
-  ZVLoopbackServer server;
-  CloseConnectionsFirst closeFirst;
-  server.setHandler([](const LoopbackRequest&) { return reply(200, R"({"status":"ok"})"); });
-  for (const char* appID : {"..", ".", "a/../b"}) {
-    configureService(server.baseURL(), std::chrono::seconds(5), appID);
-    Outcome<const ZVOrderArray> orders;
-    ZVRewardsManager::instance()->fetchOrdersWithCompletionHandler(orders.handler());
-    ASSERT_TRUE(orders.wait());
-    EXPECT_TRUE(orders.result);
-  }
-  const auto requests = server.requests();
-  ASSERT_EQ(requests.size(), 3u);
-  EXPECT_EQ(requests[0].path, "/api/v1/apps/%2E%2E/orders");
-  EXPECT_EQ(requests[1].path, "/api/v1/apps/%2E/orders");
-  EXPECT_EQ(requests[2].path, "/api/v1/apps/a%2F..%2Fb/orders");
 }
 
 }  // namespace

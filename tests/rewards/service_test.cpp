@@ -1,6 +1,6 @@
 // Orders, order placement and the skill-testing question, end to end through
 // the libcurl transport to a loopback server.
-#include "RewardsFixture.h"
+#include "ZVRewardsFixture.h"
 
 using namespace zvtest;
 
@@ -67,17 +67,16 @@ TEST_F(ServiceTest, PlaceOrderSendsTheBodyAndAnnouncesBalances) {
   };
   EXPECT_EQ(points(kUserAvailablePoints), 1200);
   EXPECT_EQ(points(kUserTestPoints), 0);
-}
 
-TEST_F(ServiceTest, PlaceOrderWithoutOrderObjectStillAnnouncesZeroBalances) {
+  // Without an order object, the balances are still announced (as zero).
   answer(R"({"status":"ok"})");
-  Outcome<ZVOrder> outcome;
-  manager()->placeOrder(ZVOrderRequest::initWithOfferID("12", 1), outcome.handler());
-  ASSERT_TRUE(outcome.wait());
-  ASSERT_TRUE(outcome.result);
-  EXPECT_FALSE(outcome.result->orderID());
+  Outcome<ZVOrder> bare;
+  manager()->placeOrder(ZVOrderRequest::initWithOfferID("12", 1), bare.handler());
+  ASSERT_TRUE(bare.wait());
+  ASSERT_TRUE(bare.result);
+  EXPECT_FALSE(bare.result->orderID());
   ASSERT_TRUE(drainUntil(
-      [&] { return notifications.count(ZV_USER_MANAGER_DID_UPDATE_USER_INTERNAL) == 1; }));
+      [&] { return notifications.count(ZV_USER_MANAGER_DID_UPDATE_USER_INTERNAL) == 2; }));
 }
 
 TEST_F(ServiceTest, RefusedOrderIsWordedFromTheBody) {
@@ -107,65 +106,59 @@ TEST_F(ServiceTest, RefusedOrderIsWordedFromTheBody) {
 TEST_F(ServiceTest, ValidationFailuresSendNothing) {
   struct Case {
     const char* name;
-    std::function<void(Outcome<ZVObject>&)> call;
+    std::function<void(Completion&)> call;
     const char* code;
     const char* message;
   };
-  auto erase = [](Outcome<ZVObject>& o) {
-    return [&o](auto result, ZVErrorPtr error) {
-      o.result = std::const_pointer_cast<ZVObject>(
-          std::static_pointer_cast<const ZVObject>(result));
-      o.error = std::move(error);
-      ++o.calls;
-    };
-  };
-  std::vector<Case> cases = {
-      {"no order", [&](auto& o) { manager()->placeOrder(nullptr, erase(o)); },
+  const std::vector<Case> cases = {
+      {"no order", [](Completion& c) { manager()->placeOrder(nullptr, c.handler()); },
        ZVErrorServerNoRequest, "Missing 'order' parameter"},
       {"no offer id and no question id",
-       [&](auto& o) {
-         manager()->answerSkillQuestionForOfferID(std::nullopt, std::nullopt, "3", erase(o));
+       [](Completion& c) {
+         manager()->answerSkillQuestionForOfferID(std::nullopt, std::nullopt, "3", c.handler());
        },
        ZVErrorValidationNoOfferID, "Missing 'offerID' parameter for answering skill question"},
       {"no question id",
-       [&](auto& o) { manager()->answerSkillQuestionForOfferID("1", std::nullopt, "3", erase(o)); },
+       [](Completion& c) {
+         manager()->answerSkillQuestionForOfferID("1", std::nullopt, "3", c.handler());
+       },
        ZVErrorValidationNoQuestionID,
        "Missing 'questionID' parameter for answering skill question"},
       {"no answer",
-       [&](auto& o) { manager()->answerSkillQuestionForOfferID("1", "q", ZVJSONValue(), erase(o)); },
+       [](Completion& c) {
+         manager()->answerSkillQuestionForOfferID("1", "q", ZVJSONValue(), c.handler());
+       },
        ZVErrorValidationNoAnswer, "Missing 'answer' parameter for answering skill question"},
   };
-  std::vector<std::string> lines;
-  ZVLogger::instance()->setSink([&](std::string_view line) { lines.emplace_back(line); });
-  ZVLogger::instance()->setLogCategories(1);
-  ZVLogger::instance()->setLogLevel(1);
-  for (auto& c : cases) {
+  LogCapture log(1, 1);
+  for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    Outcome<ZVObject> outcome;
-    c.call(outcome);
-    ASSERT_TRUE(outcome.wait());
-    EXPECT_FALSE(outcome.result);
-    ASSERT_TRUE(outcome.error);
-    EXPECT_NE(dynamic_cast<ZVRewardsError*>(outcome.error.get()), nullptr);
-    EXPECT_EQ(outcome.error->type(), ZVErrorTypeValidation);
-    EXPECT_EQ(outcome.error->code(), c.code);
-    EXPECT_EQ(outcome.error->message(), c.message);
-    ASSERT_FALSE(lines.empty());
-    EXPECT_EQ(lines.back(), manager()->description() + " " + c.message);
+    Completions completion;
+    completion.push_back(std::make_unique<Completion>());
+    c.call(*completion[0]);
+    ASSERT_TRUE(waitForAll(completion));
+    EXPECT_FALSE(completion[0]->hadResult);
+    const ZVErrorPtr error = completion[0]->lastError();
+    ASSERT_TRUE(error);
+    EXPECT_NE(dynamic_cast<ZVRewardsError*>(error.get()), nullptr);
+    EXPECT_EQ(error->type(), ZVErrorTypeValidation);
+    EXPECT_EQ(error->code(), c.code);
+    EXPECT_EQ(error->message(), c.message);
+    ASSERT_FALSE(log.lines().empty());
+    EXPECT_EQ(log.lines().back(), manager()->description() + " " + c.message);
   }
-  EXPECT_EQ(lines.size(), cases.size());
+  EXPECT_EQ(log.lines().size(), cases.size());
   EXPECT_EQ(server.requestCount(), 0u);
-  EXPECT_EQ(notifications.count(ZV_REWARDS_MANAGER_VALIDATION_DID_FAIL_NOTIFICATION),
-            cases.size());
+  EXPECT_EQ(notifications.count(ZV_REWARDS_MANAGER_VALIDATION_DID_FAIL_NOTIFICATION), cases.size());
 }
 
 TEST_F(ServiceTest, SkillQuestionFlow) {
-  answer(R"({"status":"ok","challenge":{"skills_test_question":{"id":"q1","question":"2 + 2","x":1}}})");
+  answer(
+      R"({"status":"ok","challenge":{"skills_test_question":{"id":"q1","question":"2 + 2","x":1}}})");
   Outcome<ZVSkillQuestion> question;
   manager()->fetchSkillQuestionWithCompletionHandler(question.handler());
   ASSERT_TRUE(question.wait());
-  EXPECT_EQ(server.requests()[0].path,
-            "/api/v1/apps/app%201/challenges/skills_test_question");
+  EXPECT_EQ(server.requests()[0].path, "/api/v1/apps/app%201/challenges/skills_test_question");
   ASSERT_TRUE(question.result);
   EXPECT_EQ(question.result->questionID(), "q1");
   EXPECT_EQ(question.result->question(), ZVJSONValue("2 + 2"));

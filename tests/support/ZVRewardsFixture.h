@@ -1,0 +1,271 @@
+// Shared by the manager's and the reliability tests: the SDK pointed at a
+// loopback service, every public operation behind one signature, and
+// recorders of what the manager delivers, notifies and logs.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <ZorvaneRewardsKit/ZorvaneRewardsKit.h>
+
+#include "ZVLoopbackServer.h"
+#include "ZVTestSupport.h"
+
+namespace zvtest {
+
+/// A token that must never show up in a log line, message or output.
+inline constexpr const char* kSecretToken = "tok-7f3a9c-never-print-me";
+
+/// Points the SDK at `serviceHost` with the secret token and a short timeout.
+inline void configureService(const std::string& serviceHost,
+                             std::chrono::milliseconds timeout = std::chrono::seconds(5),
+                             const std::string& appID = "app") {
+  ZVConfiguration configuration;
+  configuration.serviceHost = serviceHost;
+  configuration.appID = appID;
+  configuration.accessToken = kSecretToken;
+  configuration.allowInsecureHTTP = true;
+  configuration.connectTimeout = timeout;
+  configuration.requestTimeout = timeout;
+  Zorvane::configure(configuration);
+}
+
+/// A good answer from every endpoint of the service.
+inline LoopbackResponse serviceAnswer(const LoopbackRequest& request) {
+  auto ok = [](const char* rest) {
+    return LoopbackResponse{.body = std::string(R"({"status":"ok",)") + rest + "}"};
+  };
+  const std::string& path = request.path;
+  if (path.ends_with("/offers")) return ok(R"("offers":[{"id":"1"},{"id":"2"}])");
+  if (path.ends_with("/orders") && request.method == "GET") return ok(R"("orders":[{"id":"1"}])");
+  if (path.ends_with("/orders")) return ok(R"("order":{"id":"9","user":{"available_points":10}})");
+  if (path.ends_with("/skills_test_question"))
+    return ok(R"("challenge":{"skills_test_question":{"id":"q","question":"?"}})");
+  return ok(R"("challenge":{"id":"c","status":"passed"})");
+}
+
+/// Every notification posted while it lives, in order.
+class NotificationLog {
+ public:
+  NotificationLog() {
+    token_ = ZVNotificationCenter::defaultCenter()->addObserver("", nullptr,
+                                                                [this](const ZVNotification& note) {
+                                                                  std::lock_guard lock(mutex_);
+                                                                  notes_.push_back(note);
+                                                                });
+  }
+  ~NotificationLog() { ZVNotificationCenter::defaultCenter()->removeObserver(token_); }
+
+  std::vector<ZVNotification> all() const {
+    std::lock_guard lock(mutex_);
+    return notes_;
+  }
+  size_t count(const std::string& name) const {
+    size_t n = 0;
+    for (const auto& note : all()) n += note.name == name;
+    return n;
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::vector<ZVNotification> notes_;
+  ZVObserverToken token_;
+};
+
+/// Every line the logger writes, at the level and categories set here.
+class LogCapture {
+ public:
+  explicit LogCapture(int64_t level, int64_t categories = ~int64_t{0}) {
+    ZVLogger::instance()->setLogCategories(categories);
+    ZVLogger::instance()->setLogLevel(level);
+    ZVLogger::instance()->setSink([this](std::string_view line) {
+      std::lock_guard lock(mutex_);
+      lines_.emplace_back(line);
+    });
+  }
+  ~LogCapture() {
+    ZVLogger::instance()->setSink({});
+    ZVLogger::instance()->setLogLevel(0);
+    ZVLogger::instance()->setLogCategories(0);
+  }
+  std::vector<std::string> lines() const {
+    std::lock_guard lock(mutex_);
+    return lines_;
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::vector<std::string> lines_;
+};
+
+/// What one completion handler received, typed, and how often it ran; read
+/// it once `wait` returned.
+template <class Result>
+struct Outcome {
+  std::shared_ptr<Result> result;
+  ZVErrorPtr error;
+  std::atomic<int> calls{0};
+
+  auto handler() {
+    return [this](std::shared_ptr<Result> r, ZVErrorPtr e) {
+      result = std::move(r);
+      error = std::move(e);
+      ++calls;
+    };
+  }
+  bool wait() {
+    return drainUntil([this] { return calls.load() > 0; });
+  }
+};
+
+/// What one completion handler of any operation received, and how often it ran.
+struct Completion {
+  std::atomic<int> calls{0};
+  std::atomic<bool> hadResult{false};
+
+  auto handler() {
+    return [this](auto result, ZVErrorPtr e) {
+      {
+        std::lock_guard lock(mutex_);
+        error_ = std::move(e);
+      }
+      hadResult = result != nullptr;
+      ++calls;
+    };
+  }
+  ZVErrorPtr lastError() {
+    std::lock_guard lock(mutex_);
+    return error_;
+  }
+
+ private:
+  std::mutex mutex_;
+  ZVErrorPtr error_;  // guarded by mutex_
+};
+
+/// One public operation, started with a handler that reports into a Completion.
+struct Operation {
+  const char* name;
+  std::function<void(ZVRewardsManager*, Completion&)> start;
+};
+
+/// Every public operation of the manager, each sending one request (the
+/// offers cache must be stale for the cached variants).
+inline const std::vector<Operation>& allOperations() {
+  static const std::vector<Operation> operations = {
+      {"fetchOffers",
+       [](auto* m, Completion& c) { m->fetchOffersWithCompletionHandler(c.handler()); }},
+      {"fetchOffersWithLocale",
+       [](auto* m, Completion& c) { m->fetchOffersWithLocale(ZVLocale("fr_CA"), c.handler()); }},
+      {"forceFetchOffers",
+       [](auto* m, Completion& c) {
+         m->forceFetchOffersWithLocale(ZVLocale("en_US"), c.handler());
+       }},
+      {"fetchOrders",
+       [](auto* m, Completion& c) { m->fetchOrdersWithCompletionHandler(c.handler()); }},
+      {"placeOrder",
+       [](auto* m, Completion& c) {
+         m->placeOrder(ZVOrderRequest::initWithOfferID("101", 1), c.handler());
+       }},
+      {"fetchSkillQuestion",
+       [](auto* m, Completion& c) { m->fetchSkillQuestionWithCompletionHandler(c.handler()); }},
+      {"answerSkillQuestion",
+       [](auto* m, Completion& c) {
+         m->answerSkillQuestionForOfferID("101", "q1", ZVJSONValue("42"), c.handler());
+       }},
+  };
+  return operations;
+}
+
+/// Every operation, plus calls that fail validation and send nothing.
+inline std::vector<Operation> allOperationsAndRefusals() {
+  std::vector<Operation> operations = allOperations();
+  operations.push_back({"placeOrder without order",
+                        [](auto* m, Completion& c) { m->placeOrder(nullptr, c.handler()); }});
+  operations.push_back({"answer without offer id", [](auto* m, Completion& c) {
+                          m->answerSkillQuestionForOfferID(std::nullopt, "q", ZVJSONValue("a"),
+                                                           c.handler());
+                        }});
+  return operations;
+}
+
+using Completions = std::vector<std::unique_ptr<Completion>>;
+
+/// Starts each of `operations` once; the completions follow their order.
+inline Completions startAll(const std::vector<Operation>& operations) {
+  Completions completions;
+  for (const Operation& operation : operations) {
+    completions.push_back(std::make_unique<Completion>());
+    operation.start(ZVRewardsManager::instance(), *completions.back());
+  }
+  return completions;
+}
+
+/// Waits, draining the main queue, until no request is in flight and every
+/// completion has run at least once; then runs whatever is still queued.
+inline bool waitForAll(Completions& completions,
+                       std::chrono::milliseconds timeout = std::chrono::seconds(20)) {
+  const bool done = drainUntil(
+      [&] {
+        if (ZVGenericRequestManager::instance()->requestsInFlight() != 0) return false;
+        for (const auto& c : completions)
+          if (c->calls.load() == 0) return false;
+        return true;
+      },
+      timeout);
+  // A second, wrong call would have been queued by now.
+  ZVMainQueue::shared()->drain();
+  return done;
+}
+
+/// Declared after a loopback server, closes the SDK's kept-alive connections
+/// first, so that the server does not wait out their keep-alive on its way down.
+struct CloseConnectionsFirst {
+  ~CloseConnectionsFirst() { ZVGenericRequestManager::instance()->setTransport(nullptr); }
+};
+
+/// Base fixture of the manager's tests: a fresh loopback server, the SDK
+/// pointed at it, the manager reset, the system clock and a silent logger.
+class RewardsTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    configureService(server.baseURL(), std::chrono::seconds(5), "app 1");
+    Zorvane::setCustomLocale(std::nullopt);
+    ZVClock::setSource({});
+    ZVLogger::instance()->setLogCategories(0);
+    ZVLogger::instance()->setLogLevel(0);
+    manager()->setRefreshInterval(ZVBaseManager::kDefaultRefreshInterval);
+    manager()->resetData();
+    ZVMainQueue::shared()->drain();
+  }
+  void TearDown() override {
+    // Let every delivery of the test run before the next test starts.
+    drainUntil([] { return ZVGenericRequestManager::instance()->requestsInFlight() == 0; });
+    ZVMainQueue::shared()->drain();
+    // A fresh transport closes the kept-alive connections, so the server's
+    // workers need not wait out their keep-alive timeout when it stops.
+    ZVGenericRequestManager::instance()->setTransport(ZVMakeCurlTransport());
+    ZVClock::setSource({});
+    ZVLogger::instance()->setSink({});
+    ZVLogger::instance()->setLogLevel(0);
+  }
+
+  static ZVRewardsManager* manager() { return ZVRewardsManager::instance(); }
+
+  /// Answers the next request with `body` and `status`.
+  void answer(std::string body, int status = 200) {
+    server.enqueue({.status = status, .body = std::move(body)});
+  }
+
+  ZVLoopbackServer server;
+  NotificationLog notifications;
+};
+
+}  // namespace zvtest
