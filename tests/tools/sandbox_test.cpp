@@ -3,20 +3,19 @@
 
 #include <unistd.h>
 
-#include <atomic>
-#include <cctype>
 #include <filesystem>
 #include <memory>
 #include <optional>
 #include <set>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <fmt/core.h>
 #include <gtest/gtest.h>
 #include <httplib.h>
 #include <nlohmann/json.hpp>
+
+#include "ZVCliArithmetic.h"
 
 namespace {
 
@@ -29,51 +28,6 @@ struct Answer {
   int status = 0;  ///< 0: no answer at all
   std::string text;
   json body;
-};
-
-// Evaluates a question of digits, "+", "-", "x" and parentheses.
-class Arithmetic {
- public:
-  explicit Arithmetic(std::string text) : text_(std::move(text)) {}
-  long long value() {
-    long long result = term();
-    while (skip(), pos_ < text_.size() && (text_[pos_] == '+' || text_[pos_] == '-')) {
-      const char op = text_[pos_++];
-      const long long next = term();
-      result = op == '+' ? result + next : result - next;
-    }
-    return result;
-  }
-
- private:
-  long long term() {
-    long long result = factor();
-    while (skip(), pos_ < text_.size() && text_[pos_] == 'x') {
-      ++pos_;
-      result *= factor();
-    }
-    return result;
-  }
-  long long factor() {
-    skip();
-    if (text_[pos_] == '(') {
-      ++pos_;
-      const long long inner = value();
-      skip();
-      ++pos_;  // ')'
-      return inner;
-    }
-    long long number = 0;
-    while (pos_ < text_.size() && std::isdigit(static_cast<unsigned char>(text_[pos_]))) {
-      number = number * 10 + (text_[pos_++] - '0');
-    }
-    return number;
-  }
-  void skip() {
-    while (pos_ < text_.size() && text_[pos_] == ' ') ++pos_;
-  }
-  std::string text_;
-  size_t pos_ = 0;
 };
 
 class SandboxTest : public ::testing::Test {
@@ -128,13 +82,12 @@ class SandboxTest : public ::testing::Test {
   json answerQuestion(const std::string& offerID, bool correctly) const {
     const auto question = get("challenges/skills_test_question").body["challenge"];
     const auto& inner = question["skills_test_question"];
-    const long long expected = Arithmetic(inner["question"].get<std::string>()).value();
-    const auto answer =
-        post(fmt::format("offers/{}/challenges/skills_test_questions/{}", offerID,
-                         inner["id"].get<std::string>()),
-             {{"challenge",
-               {{"skills_test_question",
-                 {{"response", std::to_string(correctly ? expected : expected + 1)}}}}}});
+    const auto expected = zvcli::evaluateArithmetic(inner["question"].get<std::string>());
+    EXPECT_TRUE(expected) << inner["question"];
+    const std::string response = zvcli::answerText(expected.value_or(0) + (correctly ? 0 : 1));
+    const auto answer = post(fmt::format("offers/{}/challenges/skills_test_questions/{}", offerID,
+                                         inner["id"].get<std::string>()),
+                             {{"challenge", {{"skills_test_question", {{"response", response}}}}}});
     return answer.body["challenge"];
   }
   json userOf(const Answer& answer) const { return answer.body["order"]["user"]; }
@@ -150,40 +103,27 @@ const json* findOffer(const json& offers, const std::string& id) {
   return nullptr;
 }
 
+// (Listing and a French catalogue are the client's tests.)
 TEST_F(SandboxTest, OffersFollowLocaleBalanceAndTier) {
   start(defaults());
-  const struct {
-    const char* locale;
-    const char* mugName;
-  } cases[] = {{"en-US", "Coffee mug"},
-               {"fr-FR", "Tasse à café"},
-               {"fr", "Tasse à café"},
-               {"de-DE", "Coffee mug"},
-               {"", "Coffee mug"}};
-  for (const auto& c : cases) {
-    const auto answer = get(fmt::format("offers?locale={}", c.locale));
-    ASSERT_EQ(answer.status, 200) << c.locale;
-    ASSERT_EQ(answer.body["status"], "ok");
+  for (const auto& [locale, mugName] :
+       {std::pair{"fr", "Tasse à café"}, {"de-DE", "Coffee mug"}, {"", "Coffee mug"}}) {
+    const auto answer = get(fmt::format("offers?locale={}", locale));
+    ASSERT_EQ(answer.body["status"], "ok") << answer.text;
     const auto* mug = findOffer(answer.body["offers"], "101");
     ASSERT_NE(mug, nullptr);
-    EXPECT_EQ((*mug)["name"], c.mugName) << c.locale;
+    EXPECT_EQ((*mug)["name"], mugName) << locale;
   }
 
   const auto offers = get("offers?locale=en-US").body["offers"];
-  EXPECT_GE(offers.size(), 12u);
   std::set<std::string> types;
   for (const auto& offer : offers) types.insert(offer["type"].get<std::string>());
   EXPECT_EQ(types, (std::set<std::string>{"coupon", "digital", "physical", "sweepstakes"}));
-  EXPECT_EQ((*findOffer(offers, "101"))["status"], "available");
   EXPECT_EQ((*findOffer(offers, "101"))["points"], "150");
-  EXPECT_TRUE(findOffer(offers, "101")->contains("terms_url"));
   EXPECT_FALSE(findOffer(offers, "101")->contains("translations"));
   EXPECT_EQ((*findOffer(offers, "105"))["status"], "not_qualified");
   EXPECT_EQ((*findOffer(offers, "111"))["status"], "insufficient_points");
-  const auto& shirtColours = (*findOffer(offers, "106"))["options"];
-  ASSERT_FALSE(shirtColours.empty());
-  EXPECT_FALSE(shirtColours[0]["options"].empty());
-  EXPECT_EQ(shirtColours[0]["options"][0]["status"], "available");
+  EXPECT_EQ((*findOffer(offers, "106"))["options"][0]["options"][0]["status"], "available");
 }
 
 TEST_F(SandboxTest, GateChecksTokenAppAndPath) {
@@ -211,20 +151,15 @@ TEST_F(SandboxTest, GateChecksTokenAppAndPath) {
   }
 }
 
-TEST_F(SandboxTest, OrdersDeductAndListNewestFirst) {
+TEST_F(SandboxTest, OrdersKeepTheirAddressAndListNewestFirst) {
   start(defaults());
-  const auto ebook = order("107", {{"quantity", 2}, {"ip", "10.0.0.5"}, {"email", "a@b.example"}});
-  ASSERT_EQ(ebook.body["status"], "ok") << ebook.text;
-  EXPECT_EQ(ebook.body["order"]["status"], "approved");
-  EXPECT_EQ(ebook.body["order"]["points"], 500);
-  EXPECT_EQ(userOf(ebook)["available_points"], 4500);
-
+  const auto ebook = order("107", {{"quantity", 2}, {"email", "a@b.example"}});
+  EXPECT_EQ(ebook.body["order"]["status"], "approved") << ebook.text;
   const json address = {{"name", "Ada"}, {"city", "Montréal"}, {"postal_code", "H2X 1Y4"}};
   const auto mug = order("101", {{"quantity", 1}, {"shippingAddress", address}});
-  ASSERT_EQ(mug.body["status"], "ok") << mug.text;
-  EXPECT_EQ(mug.body["order"]["status"], "pending_approval");
+  EXPECT_EQ(mug.body["order"]["status"], "pending_approval") << mug.text;
   EXPECT_EQ(mug.body["order"]["shipping_address"], address);
-  EXPECT_EQ(userOf(mug)["available_points"], 4350);
+  EXPECT_EQ(userOf(mug)["available_points"], 5000 - 500 - 150);
   EXPECT_EQ(userOf(mug)["id"], "sandbox-user");
 
   const auto orders = get("orders").body["orders"];
@@ -242,13 +177,10 @@ TEST_F(SandboxTest, RefusalsExplainThemselves) {
     int status;
     const char* message;
   } cases[] = {
-      {"999", R"({"order":{}})", 200, "Unknown offer '999'"},
       {"107", R"({"order":{"quantity":0}})", 200, "Quantity must be a whole number from 1 to 1000"},
       {"107", R"({"order":{"quantity":1.5}})", 200,
        "Quantity must be a whole number from 1 to 1000"},
       {"105", R"({"order":{}})", 200, "Offer '105' is not available at the user's tier"},
-      {"103", R"({"order":{}})", 200,
-       "A passed skill-testing challenge is required for offer '103'"},
       {"103", R"({"order":{"challenge":{"id":"c-made-up"}}})", 200,
        "A passed skill-testing challenge is required for offer '103'"},
       {"107", R"({"order":{"quantity":"2"}})", 400, "\"quantity\" must be a number"},
@@ -314,43 +246,6 @@ TEST_F(SandboxTest, StatePersistsAcrossRestartsUntilReset) {
   start(options);
   EXPECT_TRUE(get("orders").body["orders"].empty());
   EXPECT_EQ(userOf(order("107"))["available_points"], 50);
-}
-
-TEST_F(SandboxTest, ConcurrentOrdersNeverOverspend) {
-  auto options = defaults();
-  options.initialPoints = 1000;  // four e-books of 250
-  start(options);
-  std::atomic<int> placed{0}, refused{0};
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 8; ++t) {
-    threads.emplace_back([&] {
-      for (int i = 0; i < 5; ++i) {
-        const auto status = order("107").body.value("status", "");
-        (status == "ok" ? placed : refused)++;
-      }
-    });
-  }
-  for (auto& thread : threads) thread.join();
-  EXPECT_EQ(placed.load(), 4);
-  EXPECT_EQ(refused.load(), 36);
-  EXPECT_EQ(get("orders").body["orders"].size(), 4u);
-  EXPECT_EQ(order("110").body["order"]["base"][0], "Insufficient points: needs 30, has 0");
-}
-
-TEST_F(SandboxTest, TLSServesWithItsOwnCertificate) {
-  auto options = defaults();
-  options.tls = true;
-  start(options);
-  EXPECT_EQ(sandbox_->serviceHost(), fmt::format("https://127.0.0.1:{}", sandbox_->port()));
-  ASSERT_TRUE(fs::exists(sandbox_->certificatePath()));
-  httplib::SSLClient client("127.0.0.1", sandbox_->port());
-  client.set_ca_cert_path(sandbox_->certificatePath().c_str());
-  client.enable_server_certificate_verification(true);
-  client.set_read_timeout(std::chrono::seconds(5));
-  const auto result =
-      client.Get("/api/v1/apps/sandbox-app/orders", {{"Authorization", "Bearer sandbox-token"}});
-  ASSERT_TRUE(result) << httplib::to_string(result.error());
-  EXPECT_EQ(result->status, 200);
 }
 
 TEST_F(SandboxTest, FaultsAreInjectedAndRepeatable) {

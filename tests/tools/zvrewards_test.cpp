@@ -3,18 +3,13 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <cstdlib>
+#include <algorithm>
 #include <filesystem>
-#include <fstream>
 #include <optional>
 #include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -23,6 +18,7 @@
 
 #include "ZVCliArithmetic.h"
 #include "ZVCliFormat.h"
+#include "ZVProcess.h"
 
 extern char** environ;
 
@@ -30,19 +26,13 @@ namespace {
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
+using zvtest::ProcessResult;
 
-struct Outcome {
-  int status = -1;  // exit status, or -1 when killed
-  std::string out;
-  std::string err;
-};
-
-std::string readFile(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
+// The sandbox's catalogue: an offer anyone can afford, one above the balance,
+// and one that needs a passed skill-testing challenge.
+constexpr const char* kCheapOffer = "110";
+constexpr const char* kExpensiveOffer = "111";
+constexpr const char* kSkillOffer = "103";
 
 // Our environment without the client's variables, with the sandbox's default
 // files (certificates, state) kept in `stateHome`.
@@ -57,50 +47,9 @@ std::vector<std::string> childEnvironment(const fs::path& stateHome) {
   return env;
 }
 
-// Starts zvrewards with stdin from /dev/null (so never a terminal) and the
-// given descriptors as stdout and stderr.
-pid_t spawnClient(const std::vector<std::string>& args, const fs::path& stateHome, int outFd,
-                  int errFd) {
-  std::vector<std::string> argStrings{ZVREWARDS_BIN};
-  argStrings.insert(argStrings.end(), args.begin(), args.end());
-  const auto envStrings = childEnvironment(stateHome);
-  std::vector<char*> argv, envp;
-  for (const auto& a : argStrings) argv.push_back(const_cast<char*>(a.c_str()));
-  for (const auto& e : envStrings) envp.push_back(const_cast<char*>(e.c_str()));
-  argv.push_back(nullptr);
-  envp.push_back(nullptr);
-
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-  posix_spawn_file_actions_adddup2(&actions, outFd, STDOUT_FILENO);
-  posix_spawn_file_actions_adddup2(&actions, errFd, STDERR_FILENO);
-  pid_t pid = -1;
-  const int rc = posix_spawn(&pid, ZVREWARDS_BIN, &actions, nullptr, argv.data(), envp.data());
-  posix_spawn_file_actions_destroy(&actions);
-  return rc == 0 ? pid : -1;
-}
-
-// Waits for `pid` until `limit`, then kills it. Returns the exit status, -1 if killed.
-int waitFor(pid_t pid, std::chrono::milliseconds limit) {
-  const auto deadline = std::chrono::steady_clock::now() + limit;
-  int status = 0;
-  while (waitpid(pid, &status, WNOHANG) == 0) {
-    if (std::chrono::steady_clock::now() > deadline) {
-      kill(pid, SIGKILL);
-      waitpid(pid, &status, 0);
-      ADD_FAILURE() << "zvrewards did not finish in time";
-      return -1;
-    }
-    std::this_thread::sleep_for(20ms);
-  }
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
-std::optional<ZVJSONValue> parseJSON(const std::string& text) {
+ZVDictionaryPtr parseObject(const std::string& text) {
   auto parsed = ZVJSONParse(text);
-  if (!parsed.ok()) return std::nullopt;
-  return parsed.value;
+  return parsed.ok() ? parsed.value.dictionary() : nullptr;
 }
 
 std::string stringAt(const ZVDictionaryPtr& d, std::string_view key) {
@@ -121,27 +70,14 @@ class ZvrewardsTest : public ::testing::Test {
   }
 
   // Runs zvrewards with `args` as they stand.
-  Outcome runRaw(const std::vector<std::string>& args, std::chrono::milliseconds limit = 60s) {
-    const auto outPath = dir_ / "stdout", errPath = dir_ / "stderr";
-    const int outFd = open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    const int errFd = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    Outcome result;
-    const pid_t pid = spawnClient(args, dir_, outFd, errFd);
-    close(outFd);
-    close(errFd);
-    if (pid < 0) {
-      ADD_FAILURE() << "could not start " << ZVREWARDS_BIN;
-      return result;
-    }
-    result.status = waitFor(pid, limit);
-    result.out = readFile(outPath);
-    result.err = readFile(errPath);
-    return result;
+  ProcessResult runRaw(std::vector<std::string> args) {
+    args.insert(args.begin(), ZVREWARDS_BIN);
+    return zvtest::runProcess(args, 60s, childEnvironment(dir_));
   }
 
   // Runs zvrewards against the built-in sandbox with this test's state file;
   // the first run of a test starts it afresh.
-  Outcome run(std::vector<std::string> args) {
+  ProcessResult run(std::vector<std::string> args) {
     std::vector<std::string> full{"--state", (dir_ / "state.sqlite").string()};
     if (!started_) full.push_back("--reset");
     started_ = true;
@@ -149,49 +85,22 @@ class ZvrewardsTest : public ::testing::Test {
     return runRaw(full);
   }
 
-  // The catalogue as the client's JSON output gives it.
-  ZVArrayPtr offers() {
-    const Outcome listing = run({"--json", "offers"});
-    EXPECT_EQ(listing.status, 0) << listing.err;
-    auto parsed = parseJSON(listing.out);
-    EXPECT_TRUE(parsed && parsed->isArray()) << listing.out;
-    return parsed ? parsed->array() : ZVMutableArray::make();
-  }
-
-  // The cheapest top-level offer matching `wanted`, or "".
-  template <class Predicate>
-  std::string cheapestOffer(const ZVArrayPtr& catalogue, Predicate wanted) {
-    std::string best;
-    int64_t bestPoints = 0;
-    for (const auto& item : *catalogue) {
-      const auto offer = item.dictionary();
-      if (!offer || !wanted(offer)) continue;
-      const int64_t points = offer->objectForKey("points").integerValue();
-      if (best.empty() || points < bestPoints) {
-        best = stringAt(offer, "id");
-        bestPoints = points;
-      }
-    }
-    return best;
-  }
-
   fs::path dir_;
   bool started_ = false;
 };
 
-bool skillTest(const ZVDictionaryPtr& offer) {
-  return offer->objectForKey("requires_skills_test").boolValue();
-}
-
 TEST_F(ZvrewardsTest, ListsOffersAsTableTreeAndJSON) {
-  const Outcome table = run({"offers"});
-  ASSERT_EQ(table.status, 0) << table.err;
+  const ProcessResult table = run({"offers"});
+  ASSERT_EQ(table.exitCode(), 0) << table.err;
   EXPECT_TRUE(table.err.empty()) << table.err;
   EXPECT_NE(table.out.find("POINTS"), std::string::npos);
   EXPECT_NE(table.out.find("└─ "), std::string::npos) << "options are drawn under their offer";
 
-  const auto catalogue = offers();
-  ASSERT_FALSE(catalogue->empty());
+  const ProcessResult listing = run({"--json", "offers"});
+  ASSERT_EQ(listing.exitCode(), 0) << listing.err;
+  const auto parsed = ZVJSONParse(listing.out);
+  const ZVArrayPtr catalogue = parsed.ok() ? parsed.value.array() : nullptr;
+  ASSERT_TRUE(catalogue && !catalogue->empty()) << listing.out;
   bool someOptions = false;
   for (const auto& item : *catalogue) {
     const auto offer = item.dictionary();
@@ -204,66 +113,50 @@ TEST_F(ZvrewardsTest, ListsOffersAsTableTreeAndJSON) {
   }
   EXPECT_TRUE(someOptions);
 
-  const Outcome french = run({"offers", "--locale", "fr_CA"});
-  ASSERT_EQ(french.status, 0) << french.err;
+  const ProcessResult french = run({"offers", "--locale", "fr_CA"});
+  ASSERT_EQ(french.exitCode(), 0) << french.err;
   EXPECT_NE(french.out.find("Tasse à café"), std::string::npos) << french.out;
 }
 
 TEST_F(ZvrewardsTest, OrderDeductsItsPointsAndIsListed) {
-  const auto catalogue = offers();
-  const std::string offerID = cheapestOffer(catalogue, [](const ZVDictionaryPtr& offer) {
-    return !skillTest(offer) && stringAt(offer, "status") == "available";
-  });
-  ASSERT_FALSE(offerID.empty());
-
-  const Outcome placed = run({"--json", "order", offerID, "--quantity", "2", "--ship-to",
-                              "Ada Byron, 12 Main Street, Toronto, ON, M5V 2T6, CA"});
-  ASSERT_EQ(placed.status, 0) << placed.err;
-  auto order = parseJSON(placed.out);
-  ASSERT_TRUE(order && order->isDictionary()) << placed.out;
-  const auto orderDict = order->dictionary();
-  const int64_t points = orderDict->objectForKey("points").integerValue();
-  EXPECT_EQ(orderDict->objectForKey("quantity").integerValue(), 2);
-  const auto user = orderDict->objectForKey("user").dictionary();
+  const ProcessResult placed = run({"--json", "order", kCheapOffer, "--quantity", "2", "--ship-to",
+                                    "Ada Byron, 12 Main Street, Toronto, ON, M5V 2T6, CA"});
+  ASSERT_EQ(placed.exitCode(), 0) << placed.err;
+  const ZVDictionaryPtr order = parseObject(placed.out);
+  ASSERT_TRUE(order) << placed.out;
+  EXPECT_EQ(order->objectForKey("quantity").integerValue(), 2);
+  const auto user = order->objectForKey("user").dictionary();
   ASSERT_TRUE(user);
-  const int64_t balance = user->objectForKey("available_points").integerValue();
-  EXPECT_EQ(balance, 5000 - points);
+  EXPECT_EQ(user->objectForKey("available_points").integerValue(),
+            5000 - order->objectForKey("points").integerValue());
 
-  const Outcome again = run({"order", offerID});
-  ASSERT_EQ(again.status, 0) << again.err;
+  const ProcessResult again = run({"order", kCheapOffer});
+  ASSERT_EQ(again.exitCode(), 0) << again.err;
   EXPECT_NE(again.out.find("Balance:"), std::string::npos) << again.out;
 
-  const Outcome history = run({"orders"});
-  ASSERT_EQ(history.status, 0) << history.err;
-  EXPECT_NE(history.out.find(stringAt(orderDict, "id")), std::string::npos) << history.out;
+  const ProcessResult history = run({"orders"});
+  ASSERT_EQ(history.exitCode(), 0) << history.err;
+  EXPECT_NE(history.out.find(stringAt(order, "id")), std::string::npos) << history.out;
 }
 
 TEST_F(ZvrewardsTest, DemoRunsWithoutATerminalAgainAndAgain) {
   for (int round = 0; round < 2; ++round) {
-    const Outcome demo = run({"demo"});
-    ASSERT_EQ(demo.status, 0) << "round " << round << ": " << demo.err << demo.out;
+    const ProcessResult demo = run({"demo"});
+    ASSERT_EQ(demo.exitCode(), 0) << "round " << round << ": " << demo.err << demo.out;
     for (const char* expected : {"worked out from the question", ": passed",
                                  "Balance:", "user-update notification", "CREATED"})
       EXPECT_NE(demo.out.find(expected), std::string::npos) << expected << "\n" << demo.out;
   }
-  const Outcome wrong = run({"demo", "--answer", "not a number"});
-  EXPECT_EQ(wrong.status, 1);
+  const ProcessResult wrong = run({"demo", "--answer", "not a number"});
+  EXPECT_EQ(wrong.exitCode(), 1);
   EXPECT_NE(wrong.err.find("wrong answer"), std::string::npos) << wrong.err;
 }
 
 TEST_F(ZvrewardsTest, FailuresPrintOneLineAndTheirExitStatus) {
-  const auto catalogue = offers();
-  const std::string expensive = cheapestOffer(catalogue, [](const ZVDictionaryPtr& offer) {
-    return stringAt(offer, "status") == "insufficient_points";
-  });
-  const std::string skillOffer = cheapestOffer(catalogue, skillTest);
-  ASSERT_FALSE(expensive.empty());
-  ASSERT_FALSE(skillOffer.empty());
-  const Outcome question = run({"--json", "question"});
-  ASSERT_EQ(question.status, 0) << question.err;
-  const auto questionRecord = parseJSON(question.out);
-  ASSERT_TRUE(questionRecord && questionRecord->isDictionary());
-  const std::string questionID = stringAt(questionRecord->dictionary(), "id");
+  const ProcessResult question = run({"--json", "question"});
+  ASSERT_EQ(question.exitCode(), 0) << question.err;
+  const std::string questionID = stringAt(parseObject(question.out), "id");
+  ASSERT_FALSE(questionID.empty()) << question.out;
 
   struct Case {
     const char* name;
@@ -273,10 +166,10 @@ TEST_F(ZvrewardsTest, FailuresPrintOneLineAndTheirExitStatus) {
   };
   const Case cases[] = {
       {"unknown offer", {"order", "no-such-offer"}, 1, "Unknown offer 'no-such-offer'"},
-      {"insufficient points", {"order", expensive}, 1, "Insufficient points: needs"},
-      {"skill test missing", {"order", skillOffer}, 1, "skill-testing challenge is required"},
-      {"wrong answer", {"answer", skillOffer, questionID, "not-a-number"}, 1, "wrong answer"},
-      {"unknown question", {"answer", skillOffer, "q-none", "3"}, 1, "Unknown question"},
+      {"insufficient points", {"order", kExpensiveOffer}, 1, "Insufficient points: needs"},
+      {"skill test missing", {"order", kSkillOffer}, 1, "skill-testing challenge is required"},
+      {"wrong answer", {"answer", kSkillOffer, questionID, "not-a-number"}, 1, "wrong answer"},
+      {"unknown question", {"answer", kSkillOffer, "q-none", "3"}, 1, "Unknown question"},
       {"unreachable",
        {"--service", "http://127.0.0.1:1", "--app", "a", "--insecure-http", "--timeout", "5",
         "offers"},
@@ -291,8 +184,8 @@ TEST_F(ZvrewardsTest, FailuresPrintOneLineAndTheirExitStatus) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
-    const Outcome failed = run(c.args);
-    EXPECT_EQ(failed.status, c.status) << failed.err;
+    const ProcessResult failed = run(c.args);
+    EXPECT_EQ(failed.exitCode(), c.status) << failed.err;
     EXPECT_TRUE(failed.err.starts_with("zvrewards: ")) << failed.err;
     EXPECT_EQ(std::count(failed.err.begin(), failed.err.end(), '\n'), 1) << failed.err;
     EXPECT_NE(failed.err.find(c.message), std::string::npos) << failed.err;
@@ -305,9 +198,9 @@ TEST_F(ZvrewardsTest, SandboxCommandServesOtherClients) {
   int pipeFds[2];
   ASSERT_EQ(pipe(pipeFds), 0);
   const int errFd = open((dir_ / "sandbox.err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-  const pid_t server =
-      spawnClient({"--state", (dir_ / "served.sqlite").string(), "--reset", "sandbox"}, dir_,
-                  pipeFds[1], errFd);
+  const pid_t server = zvtest::spawnProcess(
+      {ZVREWARDS_BIN, "--state", (dir_ / "served.sqlite").string(), "--reset", "sandbox"},
+      pipeFds[1], errFd, childEnvironment(dir_));
   close(pipeFds[1]);
   close(errFd);
   ASSERT_GT(server, 0);
@@ -340,12 +233,12 @@ TEST_F(ZvrewardsTest, SandboxCommandServesOtherClients) {
       args.insert(args.begin(), service.begin(), service.end());
       return args;
     };
-    const Outcome good = runRaw(with({"--token", "sandbox-token", "orders"}));
-    EXPECT_EQ(good.status, 0) << good.err;
+    const ProcessResult good = runRaw(with({"--token", "sandbox-token", "orders"}));
+    EXPECT_EQ(good.exitCode(), 0) << good.err;
     EXPECT_NE(good.out.find("No orders yet."), std::string::npos) << good.out;
 
-    const Outcome bad = runRaw(with({"--token", "wrong-secret-4711", "offers"}));
-    EXPECT_EQ(bad.status, 1);
+    const ProcessResult bad = runRaw(with({"--token", "wrong-secret-4711", "offers"}));
+    EXPECT_EQ(bad.exitCode(), 1);
     EXPECT_NE(bad.err.find("invalid access token"), std::string::npos) << bad.err;
     EXPECT_EQ(bad.err.find("wrong-secret-4711"), std::string::npos) << bad.err;
   } else {
@@ -353,7 +246,7 @@ TEST_F(ZvrewardsTest, SandboxCommandServesOtherClients) {
   }
 
   kill(server, SIGTERM);
-  EXPECT_EQ(waitFor(server, 10s), 0);
+  EXPECT_EQ(zvtest::waitProcess(server, 10s).exitCode(), 0);
 }
 
 TEST(ZvrewardsArithmetic, SolvesTheSandboxQuestions) {
