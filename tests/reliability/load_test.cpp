@@ -83,7 +83,7 @@ TEST(LoadTest, ThreadsCallEveryOperationWhileUserStateIsClearedAndEachHandlerRun
   for (size_t i = 0; i < completions.size(); ++i) {
     SCOPED_TRACE(i);
     EXPECT_EQ(completions[i]->calls.load(), 1);
-    EXPECT_NE(completions[i]->hadResult.load(), completions[i]->lastError() != nullptr);
+    EXPECT_NE(completions[i]->result != nullptr, completions[i]->error != nullptr);
   }
   manager->setRefreshInterval(ZVBaseManager::kDefaultRefreshInterval);
 }
@@ -206,9 +206,9 @@ TEST(LoadTest, ConcurrentOrdersNeverSpendMorePointsThanTheUserHas) {
   int64_t placed = 0;
   for (const auto& c : completions) {
     EXPECT_EQ(c->calls.load(), 1);
-    placed += c->hadResult ? 1 : 0;
-    if (!c->hadResult) {
-      EXPECT_EQ(c->lastError()->type(), ZVErrorTypeService);
+    placed += c->result ? 1 : 0;
+    if (!c->result) {
+      EXPECT_EQ(c->error->type(), ZVErrorTypeService);
     }
   }
   EXPECT_EQ(placed, 5000 / kCost);

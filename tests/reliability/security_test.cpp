@@ -45,7 +45,7 @@ TEST(SecurityTest, TokenNeverReachesALogLineAtAnyLevelOrCategory) {
       Completions completions = startAll(allOperationsAndRefusals());
       ASSERT_TRUE(waitForAll(completions));
       for (const auto& c : completions) {
-        if (ZVErrorPtr error = c->lastError()) {
+        if (ZVErrorPtr error = c->error) {
           EXPECT_EQ(error->description().find(kSecretToken), std::string::npos);
         }
       }
@@ -143,10 +143,10 @@ TEST(SecurityTest, HostileIdsStayInTheirSlotOfTheirEndpoint) {
       else
         manager->answerSkillQuestionForOfferID(id, id, ZVJSONValue("x"), completion[0]->handler());
       ASSERT_TRUE(waitForAll(completion));
-      if (!completion[0]->hadResult) {
+      if (!completion[0]->result) {
         // Refused before anything was sent: an order body cannot carry text that is not UTF-8.
-        ASSERT_TRUE(completion[0]->lastError());
-        EXPECT_EQ(completion[0]->lastError()->type(), ZVErrorTypeValidation);
+        ASSERT_TRUE(completion[0]->error);
+        EXPECT_EQ(completion[0]->error->type(), ZVErrorTypeValidation);
         EXPECT_EQ(server.requestCount(), before);
         continue;
       }

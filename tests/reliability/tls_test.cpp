@@ -58,9 +58,9 @@ TEST_F(TLSTest, CertificateMustChainToTheCAFileAndNameTheHost) {
 
     Completions completions = startAll(allOperations());
     ASSERT_TRUE(waitForAll(completions));
-    EXPECT_EQ(completions[0]->hadResult, !c.refusal);
+    EXPECT_EQ(completions[0]->result != nullptr, !c.refusal);
     for (const auto& completion : completions) {
-      const ZVErrorPtr error = completion->lastError();
+      const ZVErrorPtr error = completion->error;
       if (!c.refusal) {
         // Through to the service, which may still refuse (an unknown question).
         EXPECT_TRUE(!error || error->type() == ZVErrorTypeService) << error->description();
@@ -84,7 +84,7 @@ TEST_F(TLSTest, PlainHTTPIsRefusedUnlessTheHostAllowsIt) {
   Completions refused = startAll(allOperations());
   ASSERT_TRUE(waitForAll(refused));
   for (const auto& c : refused) {
-    const ZVErrorPtr error = c->lastError();
+    const ZVErrorPtr error = c->error;
     ASSERT_TRUE(error);
     EXPECT_EQ(error->code(), ZVErrorNotConfigured);
     EXPECT_EQ(*error->message(),
@@ -97,7 +97,7 @@ TEST_F(TLSTest, PlainHTTPIsRefusedUnlessTheHostAllowsIt) {
   Zorvane::configure(configuration);
   Completions allowed = startAll(allOperations());
   ASSERT_TRUE(waitForAll(allowed));
-  for (const auto& c : allowed) EXPECT_TRUE(c->hadResult.load());
+  for (const auto& c : allowed) EXPECT_TRUE(c->result);
 }
 
 }  // namespace

@@ -137,8 +137,8 @@ TEST_F(ServiceTest, ValidationFailuresSendNothing) {
     completion.push_back(std::make_unique<Completion>());
     c.call(*completion[0]);
     ASSERT_TRUE(waitForAll(completion));
-    EXPECT_FALSE(completion[0]->hadResult);
-    const ZVErrorPtr error = completion[0]->lastError();
+    EXPECT_FALSE(completion[0]->result);
+    const ZVErrorPtr error = completion[0]->error;
     ASSERT_TRUE(error);
     EXPECT_NE(dynamic_cast<ZVRewardsError*>(error.get()), nullptr);
     EXPECT_EQ(error->type(), ZVErrorTypeValidation);

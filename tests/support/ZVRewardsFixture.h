@@ -105,16 +105,17 @@ class LogCapture {
   std::vector<std::string> lines_;
 };
 
-/// What one completion handler received, typed, and how often it ran; read
-/// it once `wait` returned.
-template <class Result>
+/// What one completion handler received, and how often it ran. Handlers run
+/// on the main queue, which the test thread drains: read it once `wait` or
+/// `waitForAll` returned.
+template <class Result = const ZVObject>
 struct Outcome {
   std::shared_ptr<Result> result;
   ZVErrorPtr error;
   std::atomic<int> calls{0};
 
   auto handler() {
-    return [this](std::shared_ptr<Result> r, ZVErrorPtr e) {
+    return [this](auto r, ZVErrorPtr e) {
       result = std::move(r);
       error = std::move(e);
       ++calls;
@@ -125,30 +126,8 @@ struct Outcome {
   }
 };
 
-/// What one completion handler of any operation received, and how often it ran.
-struct Completion {
-  std::atomic<int> calls{0};
-  std::atomic<bool> hadResult{false};
-
-  auto handler() {
-    return [this](auto result, ZVErrorPtr e) {
-      {
-        std::lock_guard lock(mutex_);
-        error_ = std::move(e);
-      }
-      hadResult = result != nullptr;
-      ++calls;
-    };
-  }
-  ZVErrorPtr lastError() {
-    std::lock_guard lock(mutex_);
-    return error_;
-  }
-
- private:
-  std::mutex mutex_;
-  ZVErrorPtr error_;  // guarded by mutex_
-};
+/// The outcome of any operation.
+using Completion = Outcome<>;
 
 /// One public operation, started with a handler that reports into a Completion.
 struct Operation {
