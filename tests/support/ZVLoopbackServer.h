@@ -26,7 +26,6 @@ struct LoopbackRequest {
   std::string target;  ///< path and query exactly as sent (still percent-encoded)
   std::string path;    ///< `target` up to the '?', still percent-encoded
   std::string query;   ///< after the '?', or empty
-  std::vector<std::pair<std::string, std::string>> params;   ///< decoded query, in order
   std::vector<std::pair<std::string, std::string>> headers;  ///< names as sent
   std::string body;
   int remotePort = 0;  ///< the client's port: equal ports mean a reused connection
@@ -41,12 +40,8 @@ struct LoopbackRequest {
 struct LoopbackResponse {
   int status = 200;
   std::string body = "{}";
-  std::string contentType = "application/json";
-  std::vector<std::pair<std::string, std::string>> headers{};
   /// Wait this long before answering (cut short when the server stops).
   std::chrono::milliseconds delay{0};
-  /// Send the body in chunks, without a Content-Length.
-  bool chunked = false;
 };
 
 /// An HTTP/1.1 server on 127.0.0.1 and a free port, running on its own

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <map>
 #include <optional>
 #include <sstream>
 #include <string>
@@ -29,9 +30,10 @@ using namespace std::chrono_literals;
 using zvtest::ProcessResult;
 
 // The sandbox's catalogue: an offer anyone can afford, one above the balance,
-// and one that needs a passed skill-testing challenge.
+// one above the user's tier, and one that needs a passed skill-testing challenge.
 constexpr const char* kCheapOffer = "110";
 constexpr const char* kExpensiveOffer = "111";
+constexpr const char* kGoldTierOffer = "105";
 constexpr const char* kSkillOffer = "103";
 
 // Our environment without the client's variables, with the sandbox's default
@@ -102,16 +104,19 @@ TEST_F(ZvrewardsTest, ListsOffersAsTableTreeAndJSON) {
   const ZVArrayPtr catalogue = parsed.ok() ? parsed.value.array() : nullptr;
   ASSERT_TRUE(catalogue && !catalogue->empty()) << listing.out;
   bool someOptions = false;
+  std::map<std::string, std::string> statuses;
   for (const auto& item : *catalogue) {
     const auto offer = item.dictionary();
     ASSERT_TRUE(offer);
-    EXPECT_FALSE(stringAt(offer, "id").empty());
-    EXPECT_FALSE(stringAt(offer, "status").empty());
+    statuses[stringAt(offer, "id")] = stringAt(offer, "status");
     EXPECT_TRUE(offer->objectForKey("points").isInteger());
     const auto options = offer->objectForKey("options").array();
     someOptions = someOptions || (options && !options->empty());
   }
   EXPECT_TRUE(someOptions);
+  EXPECT_EQ(statuses[kCheapOffer], "available");
+  EXPECT_EQ(statuses[kExpensiveOffer], "insufficient_points");
+  EXPECT_EQ(statuses[kGoldTierOffer], "not_qualified");
 
   const ProcessResult french = run({"offers", "--locale", "fr_CA"});
   ASSERT_EQ(french.exitCode(), 0) << french.err;
