@@ -2,7 +2,6 @@
 #include <ZorvaneCoreKit/ZVClock.h>
 #include <ZorvaneCoreKit/ZVError.h>
 #include <ZorvaneCoreKit/ZVIdentity.h>
-#include <ZorvaneCoreKit/ZVLogger.h>
 #include <ZorvaneCoreKit/ZVMainQueue.h>
 #include <ZorvaneCoreKit/ZVPManagerUtils.h>
 
@@ -16,16 +15,6 @@
 namespace {
 
 struct Sender : ZVObject {};
-
-TEST(LoggerTest, SinkReceivesEachLineAndCanBeReset) {
-  std::vector<std::string> lines;
-  ZVLogger::instance()->setSink([&](std::string_view line) { lines.emplace_back(line); });
-  ZVLogger::instance()->log("first");
-  ZVLogger::instance()->log("second");
-  ZVLogger::instance()->setSink({});
-  ZVLogger::instance()->log("to stderr");
-  EXPECT_EQ(lines, (std::vector<std::string>{"first", "second"}));
-}
 
 TEST(ErrorTest, DescriptionShowsNullForMissingParts) {
   EXPECT_EQ(ZVError(2, ZVErrorValidationNoAnswer, "no answer").description(),
