@@ -1,9 +1,9 @@
 // The zvrewards client, run as a program against its built-in sandbox, a
 // sandbox served by `zvrewards sandbox`, and an address where nothing listens.
-#include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
-#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
 
 #include <algorithm>
 #include <filesystem>
@@ -20,6 +20,7 @@
 #include "ZVCliArithmetic.h"
 #include "ZVCliFormat.h"
 #include "ZVProcess.h"
+#include "ZVRawServer.h"
 
 extern char** environ;
 
@@ -200,58 +201,39 @@ TEST_F(ZvrewardsTest, FailuresPrintOneLineAndTheirExitStatus) {
 // `zvrewards sandbox` serves other clients until SIGTERM; a wrong token is
 // refused without being echoed.
 TEST_F(ZvrewardsTest, SandboxCommandServesOtherClients) {
-  int pipeFds[2];
-  ASSERT_EQ(pipe(pipeFds), 0);
-  const int errFd = open((dir_ / "sandbox.err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-  const pid_t server = zvtest::spawnProcess(
-      {ZVREWARDS_BIN, "--state", (dir_ / "served.sqlite").string(), "--reset", "sandbox"},
-      pipeFds[1], errFd, childEnvironment(dir_));
-  close(pipeFds[1]);
-  close(errFd);
+  const std::string host = "http://127.0.0.1:" + std::to_string(zvtest::ZVRawServer::closedPort());
+  FILE* banner = std::tmpfile();
+  ASSERT_TRUE(banner);
+  const pid_t server =
+      zvtest::spawnProcess({ZVREWARDS_BIN, "--state", (dir_ / "served.sqlite").string(), "--reset",
+                            "sandbox", "--port", host.substr(host.rfind(':') + 1)},
+                           fileno(banner), fileno(banner), childEnvironment(dir_));
   ASSERT_GT(server, 0);
+  auto with = [&](std::vector<std::string> args) {
+    args.insert(args.begin(), {"--service", host, "--app", "sandbox-app", "--insecure-http"});
+    return runRaw(args);
+  };
+  // Ask until the sandbox listens.
+  ProcessResult good;
+  for (auto deadline = std::chrono::steady_clock::now() + 20s;
+       good.exitCode() != 0 && std::chrono::steady_clock::now() < deadline;)
+    good = with({"--token", "sandbox-token", "orders"});
+  EXPECT_EQ(good.exitCode(), 0) << good.err;
+  EXPECT_NE(good.out.find("No orders yet."), std::string::npos) << good.out;
 
-  // The banner names the service host; wait for that line.
-  std::string banner, host;
-  const auto deadline = std::chrono::steady_clock::now() + 20s;
-  while (host.empty() && std::chrono::steady_clock::now() < deadline) {
-    pollfd readable{pipeFds[0], POLLIN, 0};
-    if (poll(&readable, 1, 200) <= 0) continue;
-    char chunk[512];
-    const ssize_t n = read(pipeFds[0], chunk, sizeof chunk);
-    if (n <= 0) break;
-    banner.append(chunk, static_cast<size_t>(n));
-    const auto at = banner.find("Service host:");
-    const auto end = at == std::string::npos ? at : banner.find('\n', at);
-    if (end != std::string::npos) {
-      std::istringstream line(banner.substr(at, end - at));
-      std::string word;
-      line >> word >> word >> host;
-    }
-  }
-  close(pipeFds[0]);
-  EXPECT_NE(banner.find("sandbox-token"), std::string::npos) << banner;
-
-  if (!host.empty()) {
-    const std::vector<std::string> service{"--service", host, "--app", "sandbox-app",
-                                           "--insecure-http"};
-    auto with = [&](std::vector<std::string> args) {
-      args.insert(args.begin(), service.begin(), service.end());
-      return args;
-    };
-    const ProcessResult good = runRaw(with({"--token", "sandbox-token", "orders"}));
-    EXPECT_EQ(good.exitCode(), 0) << good.err;
-    EXPECT_NE(good.out.find("No orders yet."), std::string::npos) << good.out;
-
-    const ProcessResult bad = runRaw(with({"--token", "wrong-secret-4711", "offers"}));
-    EXPECT_EQ(bad.exitCode(), 1);
-    EXPECT_NE(bad.err.find("invalid access token"), std::string::npos) << bad.err;
-    EXPECT_EQ(bad.err.find("wrong-secret-4711"), std::string::npos) << bad.err;
-  } else {
-    ADD_FAILURE() << "no service host in the banner: " << banner;
-  }
+  const ProcessResult bad = with({"--token", "wrong-secret-4711", "offers"});
+  EXPECT_EQ(bad.exitCode(), 1);
+  EXPECT_NE(bad.err.find("invalid access token"), std::string::npos) << bad.err;
+  EXPECT_EQ(bad.err.find("wrong-secret-4711"), std::string::npos) << bad.err;
 
   kill(server, SIGTERM);
   EXPECT_EQ(zvtest::waitProcess(server, 10s).exitCode(), 0);
+  std::rewind(banner);
+  std::string text(4096, '\0');
+  text.resize(std::fread(text.data(), 1, text.size(), banner));
+  std::fclose(banner);
+  EXPECT_NE(text.find("Service host:  " + host), std::string::npos) << text;
+  EXPECT_NE(text.find("sandbox-token"), std::string::npos) << text;
 }
 
 TEST(ZvrewardsArithmetic, SolvesTheSandboxQuestions) {
