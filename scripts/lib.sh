@@ -3,7 +3,7 @@
 set -euo pipefail
 
 ZV_ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
-ZV_PACKAGES=(g++ cmake ninja-build pkg-config
+ZV_PACKAGES=(g++ cmake ninja-build pkg-config python3
   libcurl4-openssl-dev libsimdjson-dev libfmt-dev libcli11-dev libcpp-httplib-dev
   nlohmann-json3-dev libsqlite3-dev libssl-dev libgtest-dev libgmock-dev libbenchmark-dev)
 
