@@ -58,8 +58,7 @@ int main(int argc, char** argv) {
         std::printf("%zu offers\n", offers->size());
         for (const auto& offer : *offers) {
           std::printf("  %-6s %-32s %6lld points  %s\n", offer->offerID().value_or("?").c_str(),
-                      offer->name().description().c_str(),
-                      static_cast<long long>(offer->points()),
+                      offer->name().description().c_str(), static_cast<long long>(offer->points()),
                       ZVOffer::stringForStatus(offer->status()).c_str());
           if (offer->isSkillChallengeRequired() && !skillOffer) skillOffer = offer;
         }
@@ -80,9 +79,11 @@ int main(int argc, char** argv) {
   await("question", [&](bool& done) {
     rewards->fetchSkillQuestionWithCompletionHandler(
         [&](std::shared_ptr<ZVSkillQuestion> q, ZVErrorPtr error) {
-          if (error) printError("fetch question", error);
-          else std::printf("question %s: %s\n", q->questionID().value_or("?").c_str(),
-                           q->question().description().c_str());
+          if (error)
+            printError("fetch question", error);
+          else
+            std::printf("question %s: %s\n", q->questionID().value_or("?").c_str(),
+                        q->question().description().c_str());
           question = q;
           done = true;
         });
@@ -95,9 +96,11 @@ int main(int argc, char** argv) {
       rewards->answerSkillQuestionForOfferID(
           skillOffer->offerID(), question->questionID(), ZVJSONValue("0"),
           [&](std::shared_ptr<ZVSkillChallenge> c, ZVErrorPtr error) {
-            if (error) printError("answer", error);
-            else std::printf("challenge %s: %s\n", c->challengeID().value_or("?").c_str(),
-                             c->status().description().c_str());
+            if (error)
+              printError("answer", error);
+            else
+              std::printf("challenge %s: %s\n", c->challengeID().value_or("?").c_str(),
+                          c->status().description().c_str());
             challenge = c;
             done = true;
           });
@@ -108,17 +111,21 @@ int main(int argc, char** argv) {
     auto request = ZVOrderRequest::initWithOfferID(skillOffer ? skillOffer->offerID() : "1", 1);
     if (challenge) request->setChallengeID(challenge->challengeID());
     rewards->placeOrder(request, [&](std::shared_ptr<ZVOrder> order, ZVErrorPtr error) {
-      if (error) printError("place order", error);
-      else std::printf("order %s: %s\n", order->orderID().value_or("?").c_str(),
-                       order->stringForCurrentStatus().c_str());
+      if (error)
+        printError("place order", error);
+      else
+        std::printf("order %s: %s\n", order->orderID().value_or("?").c_str(),
+                    order->stringForCurrentStatus().c_str());
       done = true;
     });
   });
 
   await("orders", [&](bool& done) {
     rewards->fetchOrdersWithCompletionHandler([&](ZVOrderArrayPtr orders, ZVErrorPtr error) {
-      if (error) printError("fetch orders", error);
-      else std::printf("%zu orders\n", orders->size());
+      if (error)
+        printError("fetch orders", error);
+      else
+        std::printf("%zu orders\n", orders->size());
       done = true;
     });
   });

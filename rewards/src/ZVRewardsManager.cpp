@@ -64,7 +64,9 @@ ZVRewardsManager* ZVRewardsManager::instance() {
   return manager;
 }
 
-ZVRewardsManager::ZVRewardsManager() { resetData(); }
+ZVRewardsManager::ZVRewardsManager() {
+  resetData();
+}
 
 ZVRewardsManager::~ZVRewardsManager() {
   ZVNotificationCenter::defaultCenter()->removeObserverForOwner(this);
@@ -113,7 +115,9 @@ void ZVRewardsManager::resetData() {
   lastRefreshTime_ = 0.0;
 }
 
-void ZVRewardsManager::clearUserState(const ZVObject* /*argument*/) { resetData(); }
+void ZVRewardsManager::clearUserState(const ZVObject* /*argument*/) {
+  resetData();
+}
 
 // ---- Offers -----------------------------------------------------------------
 
@@ -160,8 +164,8 @@ void ZVRewardsManager::fetchOffersWithLocale(std::optional<ZVLocale> locale, boo
     locale = Zorvane::customLocale();
     if (!locale) locale = ZVLocale::currentLocale();
   }
-  auto builder =
-      ZVGenericRequestBuilder::requestBuilderWithMethod(ZVRequestMethodRead, kKindFetchRewardOffers);
+  auto builder = ZVGenericRequestBuilder::requestBuilderWithMethod(ZVRequestMethodRead,
+                                                                   kKindFetchRewardOffers);
   builder->setBaseURL(kOffersURL);
   builder->params().setObject("locale", ZVUtil::localeToWeb(*locale));
   send(builder->build(), std::move(handler));
@@ -214,8 +218,8 @@ void ZVRewardsManager::dispatchOffers(ZVOfferArrayPtr offers,
 
 void ZVRewardsManager::fetchOrdersWithCompletionHandler(
     ZVOrdersCompletionHandler completionHandler) {
-  auto builder =
-      ZVGenericRequestBuilder::requestBuilderWithMethod(ZVRequestMethodRead, kKindFetchRewardOrders);
+  auto builder = ZVGenericRequestBuilder::requestBuilderWithMethod(ZVRequestMethodRead,
+                                                                   kKindFetchRewardOrders);
   builder->setBaseURL(kOrdersURL);
   send(builder->build(), eraseHandler<const ZVOrderArray>(std::move(completionHandler)));
 }
@@ -270,7 +274,8 @@ void ZVRewardsManager::handlePlaceRewardOrder(ZVDictionaryPtr body,
     return;
   }
   const ZVJSONValue* value = body->find("order");
-  std::shared_ptr<ZVOrder> order = ZVOrder::initMutableWithDictionary(value ? *value : ZVJSONValue());
+  std::shared_ptr<ZVOrder> order =
+      ZVOrder::initMutableWithDictionary(value ? *value : ZVJSONValue());
   ZVMainQueue::shared()->async([this, order, handler = std::move(completionHandler)] {
     if (handler) handler(order, nullptr);
     auto* center = ZVNotificationCenter::defaultCenter();
@@ -350,8 +355,7 @@ void ZVRewardsManager::handleAnswerSkillQuestion(ZVDictionaryPtr body,
   }
   const ZVJSONValue* value = body->find("challenge");
   deliver(ZVSkillChallenge::initMutableWithDictionary(value ? *value : ZVJSONValue()),
-          ZV_REWARDS_MANAGER_DID_ANSWER_SKILL_QUESTION_NOTIFICATION,
-          std::move(completionHandler));
+          ZV_REWARDS_MANAGER_DID_ANSWER_SKILL_QUESTION_NOTIFICATION, std::move(completionHandler));
 }
 
 // ---- Routing ------------------------------------------------------------------

@@ -31,21 +31,22 @@ enum ZVErrorType : int64_t {
 };
 
 // Error codes (the `code` of an error).
-extern ZV_CORE_EXPORT const char* const ZVErrorServerNoRequest;         ///< placeOrder without an order
+extern ZV_CORE_EXPORT const char* const ZVErrorServerNoRequest;  ///< placeOrder without an order
 extern ZV_CORE_EXPORT const char* const ZVErrorValidationNoOfferID;     ///< offer id missing
 extern ZV_CORE_EXPORT const char* const ZVErrorValidationNoQuestionID;  ///< question id missing
 extern ZV_CORE_EXPORT const char* const ZVErrorValidationNoAnswer;      ///< answer missing
-extern ZV_CORE_EXPORT const char* const ZVErrorTransportConnect;   ///< could not connect / resolve
-extern ZV_CORE_EXPORT const char* const ZVErrorTransportTimeout;   ///< a timeout expired
-extern ZV_CORE_EXPORT const char* const ZVErrorTransportTLS;       ///< TLS handshake or verification
-extern ZV_CORE_EXPORT const char* const ZVErrorTransportReset;     ///< connection lost mid-answer
-extern ZV_CORE_EXPORT const char* const ZVErrorTransportOther;     ///< any other transport failure
-extern ZV_CORE_EXPORT const char* const ZVErrorHTTPStatus;         ///< HTTP status >= 400
-extern ZV_CORE_EXPORT const char* const ZVErrorAnswerNotJSON;      ///< body is not valid JSON
-extern ZV_CORE_EXPORT const char* const ZVErrorAnswerNotObject;    ///< top level is not an object
-extern ZV_CORE_EXPORT const char* const ZVErrorAnswerTooLarge;     ///< body above the size limit
-extern ZV_CORE_EXPORT const char* const ZVErrorNotConfigured;      ///< configuration refuses the request
-extern ZV_CORE_EXPORT const char* const ZVErrorShutdown;           ///< the SDK was shut down
+extern ZV_CORE_EXPORT const char* const ZVErrorTransportConnect;  ///< could not connect / resolve
+extern ZV_CORE_EXPORT const char* const ZVErrorTransportTimeout;  ///< a timeout expired
+extern ZV_CORE_EXPORT const char* const ZVErrorTransportTLS;      ///< TLS handshake or verification
+extern ZV_CORE_EXPORT const char* const ZVErrorTransportReset;    ///< connection lost mid-answer
+extern ZV_CORE_EXPORT const char* const ZVErrorTransportOther;    ///< any other transport failure
+extern ZV_CORE_EXPORT const char* const ZVErrorHTTPStatus;        ///< HTTP status >= 400
+extern ZV_CORE_EXPORT const char* const ZVErrorAnswerNotJSON;     ///< body is not valid JSON
+extern ZV_CORE_EXPORT const char* const ZVErrorAnswerNotObject;   ///< top level is not an object
+extern ZV_CORE_EXPORT const char* const ZVErrorAnswerTooLarge;    ///< body above the size limit
+extern ZV_CORE_EXPORT const char* const
+    ZVErrorNotConfigured;                                 ///< configuration refuses the request
+extern ZV_CORE_EXPORT const char* const ZVErrorShutdown;  ///< the SDK was shut down
 
 /// An error: a type, an optional code, an optional message and, for errors
 /// made from an answer, the answer's body (`raw`).

@@ -22,8 +22,8 @@ struct ZVHTTPRequest {
   std::string body;  ///< sent when non-empty
   std::chrono::milliseconds connectTimeout{10000};
   std::chrono::milliseconds totalTimeout{30000};
-  std::string caFile;        ///< extra certificate authorities (PEM), or empty
-  size_t maxBodyBytes = 0;   ///< 0: unlimited
+  std::string caFile;       ///< extra certificate authorities (PEM), or empty
+  size_t maxBodyBytes = 0;  ///< 0: unlimited
 };
 
 /// Why an exchange produced no HTTP answer.
@@ -93,4 +93,5 @@ struct ZVCurlTransportOptions {
 /// certificate authority with `ZVHTTPRequest::caFile`). Completions run on
 /// the I/O thread. Destroying it fails the requests in flight with
 /// `ZVTransportFailure::Shutdown` and joins the thread.
-ZV_CORE_EXPORT std::shared_ptr<ZVTransport> ZVMakeCurlTransport(ZVCurlTransportOptions options = {});
+ZV_CORE_EXPORT std::shared_ptr<ZVTransport> ZVMakeCurlTransport(
+    ZVCurlTransportOptions options = {});

@@ -4,11 +4,12 @@
 #include <ZorvaneRewardsKit/ZVRewardsExport.h>
 
 // Request kinds: name the operation of a request and select its answer handler.
-extern ZV_REWARDS_EXPORT const char* const kKindFetchRewardOffers;    // "kind.fetch.rewards.offers"
-extern ZV_REWARDS_EXPORT const char* const kKindPlaceOrder;           // "kind.place.order"
-extern ZV_REWARDS_EXPORT const char* const kKindFetchRewardOrders;    // "kind.fetch.rewards.orders"
-extern ZV_REWARDS_EXPORT const char* const kKindFetchSkillQuestion;   // "kind.fetch.skill.question"
-extern ZV_REWARDS_EXPORT const char* const kKindAnswerSkillQuestion;  // "kind.answer.skill.question"
+extern ZV_REWARDS_EXPORT const char* const kKindFetchRewardOffers;   // "kind.fetch.rewards.offers"
+extern ZV_REWARDS_EXPORT const char* const kKindPlaceOrder;          // "kind.place.order"
+extern ZV_REWARDS_EXPORT const char* const kKindFetchRewardOrders;   // "kind.fetch.rewards.orders"
+extern ZV_REWARDS_EXPORT const char* const kKindFetchSkillQuestion;  // "kind.fetch.skill.question"
+extern ZV_REWARDS_EXPORT const char* const
+    kKindAnswerSkillQuestion;  // "kind.answer.skill.question"
 
 // Notification names, "com.zorvane." followed by the suffix in the comment.
 // Success notifications have the manager as object and the result under

@@ -123,8 +123,7 @@ class ZV_REWARDS_EXPORT ZVRewardsManager final : public ZVBaseManager {
   /// `fetchSkillQuestionWithCompletionHandler:`: GET
   /// .../challenges/skills_test_question. Success: the question and
   /// `ZV_REWARDS_MANAGER_DID_FETCH_SKILL_QUESTION_NOTIFICATION`.
-  void fetchSkillQuestionWithCompletionHandler(
-      ZVSkillQuestionCompletionHandler completionHandler);
+  void fetchSkillQuestionWithCompletionHandler(ZVSkillQuestionCompletionHandler completionHandler);
 
   /// `answerSkillQuestionForOfferID:questionID:answer:completionHandler:`:
   /// POST `.../offers/<offerID>/challenges/skills_test_questions/<questionID>`
@@ -175,7 +174,7 @@ class ZV_REWARDS_EXPORT ZVRewardsManager final : public ZVBaseManager {
   void logLine(const char* function, int line, const std::function<std::string()>& message);
 
   mutable std::mutex mutex_;
-  ZVOfferArrayPtr offers_;   // guarded by mutex_
-  ZVOrderArrayPtr orders_;   // guarded by mutex_
+  ZVOfferArrayPtr offers_;        // guarded by mutex_
+  ZVOrderArrayPtr orders_;        // guarded by mutex_
   double lastRefreshTime_ = 0.0;  // guarded by mutex_
 };
