@@ -137,21 +137,6 @@ class Converter {
       return;
     }
     const size_t count = object.size();
-    if (!hasDuplicateKeys(object, count)) {
-      auto result = std::make_shared<ZVMutableDictionary>();
-      std::vector<Entry>& entries = ZVJSONAccess::entries(*result);
-      entries.reserve(count);
-      for (simdjson::dom::key_value_pair field : object) {
-        Entry& entry = entries.emplace_back(std::piecewise_construct,
-                                            std::forward_as_tuple(field.key), std::tuple<>());
-        convert(field.value, depth, entry.second);
-        if (tooDeep_) return;
-      }
-      ZVJSONAccess::live(*result) = entries.size();
-      ZVJSONAccess::variant(out).emplace<ZVDictionaryPtr>(std::move(result));
-      return;
-    }
-    // Rare: let the builder merge the duplicates.
     std::vector<Entry> entries;
     entries.reserve(count);
     for (simdjson::dom::key_value_pair field : object) {
@@ -160,6 +145,14 @@ class Converter {
       convert(field.value, depth, entry.second);
       if (tooDeep_) return;
     }
+    if (!hasDuplicateKeys(object, count)) {
+      auto result = std::make_shared<ZVMutableDictionary>();
+      ZVJSONAccess::live(*result) = entries.size();
+      ZVJSONAccess::entries(*result) = std::move(entries);
+      ZVJSONAccess::variant(out).emplace<ZVDictionaryPtr>(std::move(result));
+      return;
+    }
+    // Rare: let the builder merge the duplicates.
     ZVJSONAccess::variant(out).emplace<ZVDictionaryPtr>(
         ZVMutableDictionary::make(std::move(entries)));
   }
