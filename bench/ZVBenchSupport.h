@@ -14,15 +14,21 @@ namespace zvbench {
 /// delivers, through the same code: the request manager's parse, the
 /// manager's routing and handler, and the delivery on the main queue. The
 /// manager keeps the catalogue as its cache; call `forgetCatalogue` to
-/// release it. Returns null when the body is not an offers answer.
-ZVOfferArrayPtr decodeOffers(std::string_view body);
+/// release it. Returns null when the body is not an offers answer. Give it
+/// a body prepared by `asAnswerBody`, as the transport hands bodies over.
+ZVOfferArrayPtr decodeOffers(const std::string& body);
+
+/// Gives `body` the spare capacity past its end that the transport leaves
+/// on every answer body (`ZVJSONPadding`), so that parsers read it in place.
+std::string asAnswerBody(std::string body);
 
 /// Drops the catalogue that the manager keeps as its cache.
 void forgetCatalogue();
 
-/// simdjson's DOM parse of `body` with a reused parser; returns an element
-/// count so that the work cannot be optimised away.
-size_t simdjsonDOMParse(std::string_view body);
+/// simdjson's DOM parse of `body` with a reused parser, in place when the
+/// body has the padding (as ours is); returns an element count so that the
+/// work cannot be optimised away.
+size_t simdjsonDOMParse(const std::string& body);
 
 /// nlohmann::json's parse of `body` alone, the result dropped outside the
 /// measured region by the caller; returns the offer count.

@@ -23,7 +23,7 @@ void cacheHit(benchmark::State& state) {
   const auto size = static_cast<size_t>(state.range(0));
   ZVRewardsManager* manager = ZVRewardsManager::instance();
   manager->setRefreshInterval(1e9);
-  ZVOfferArrayPtr decoded = zvbench::decodeOffers(zvbench::makeCatalogue(size));
+  ZVOfferArrayPtr decoded = zvbench::decodeOffers(zvbench::asAnswerBody(zvbench::makeCatalogue(size)));
   if (!decoded || decoded->size() != size) {
     state.SkipWithError("the catalogue did not decode");
     return;

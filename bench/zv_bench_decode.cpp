@@ -102,11 +102,11 @@ int main(int argc, char** argv) {
       fmt::print(stderr, "zv_bench_decode: {}\n", error);
       return 2;
     }
-    inputs.push_back({argv[i], std::move(body)});
+    inputs.push_back({argv[i], zvbench::asAnswerBody(std::move(body))});
   }
   if (inputs.empty()) {
     for (size_t n : {100, 1000, 10000, 100000})
-      inputs.push_back({fmt::format("generated-{}", n), zvbench::makeCatalogue(n)});
+      inputs.push_back({fmt::format("generated-{}", n), zvbench::asAnswerBody(zvbench::makeCatalogue(n))});
   }
 
   for (const Input& input : inputs) {

@@ -33,6 +33,7 @@ int main(int argc, char** argv) {
     body = zvbench::makeCatalogue(offers);
     label = fmt::format("generated-{}", offers);
   }
+  body = zvbench::asAnswerBody(std::move(body));
   // The generator's own scratch is gone; what stays resident is the body.
   if (!zvbench::resetPeakResident())
     fmt::print(stderr, "zv_bench_memory: cannot reset the peak; run it in a fresh process\n");

@@ -7,7 +7,7 @@ namespace {
 // A parameter's text form: strings as they stand, containers as compact JSON,
 // everything else as "%@" prints it.
 std::string paramText(const ZVJSONValue& value) {
-  if (const std::string* text = value.string()) return *text;
+  if (const auto text = value.string()) return std::string(*text);
   if (value.isArray() || value.isDictionary()) {
     std::string json;
     if (ZVJSONSerialize(value, false, json)) return json;
@@ -30,7 +30,7 @@ std::shared_ptr<ZVGenericRequest> ZVGenericRequestBuilder::build() const {
   request->method_ = method_;
   request->kind_ = kind_;
   request->baseURL_ = baseURL_;
-  params_->forEach([&](const std::string& key, const ZVJSONValue& value) {
+  params_->forEach([&](std::string_view key, const ZVJSONValue& value) {
     // A JSON null has no text worth sending.
     if (!value.isNull()) request->params_.emplace_back(key, paramText(value));
   });

@@ -5,6 +5,8 @@
 #include <cmath>
 #include <iterator>
 #include <new>
+#include <optional>
+#include <cstring>
 #include <type_traits>
 #include <unordered_map>
 
@@ -13,10 +15,17 @@
 
 // Private access for the parser, which builds containers in place.
 struct ZVJSONAccess {
-  static auto& variant(ZVJSONValue& value) { return value.v_; }
-  static std::vector<ZVMutableDictionary::Entry>& entries(ZVMutableDictionary& d) {
-    return d.entries_;
+  static void setString(ZVJSONValue& value, std::string_view s) { value.setString(s); }
+  static void setArray(ZVJSONValue& value, ZVArrayPtr array) {
+    new (&value.u_.array) ZVArrayPtr(std::move(array));
+    value.tag_ = ZVJSONValue::Tag::Array;
   }
+  static void setDictionary(ZVJSONValue& value, ZVDictionaryPtr dictionary) {
+    new (&value.u_.dictionary) ZVDictionaryPtr(std::move(dictionary));
+    value.tag_ = ZVJSONValue::Tag::Dictionary;
+  }
+  using Slot = ZVMutableDictionary::Slot;
+  static auto& slots(ZVMutableDictionary& d) { return d.slots_; }
   static size_t& live(ZVMutableDictionary& d) { return d.live_; }
 };
 
@@ -28,18 +37,10 @@ constexpr size_t kHardMaxDepth = 1024;
 
 // Up to this many keys a pairwise scan beats sorting or hashing.
 constexpr size_t kLinearKeyLimit = 8;
+// The parser compares inline keys 16 bytes at a time: pairs stay cheap longer.
+constexpr size_t kPairwiseKeyLimit = 32;
 
-using Entry = ZVMutableDictionary::Entry;
 constexpr size_t kNotFound = static_cast<size_t>(-1);
-
-size_t indexOfKey(const std::vector<Entry>& entries, std::string_view key) {
-  for (size_t i = 0; i < entries.size(); ++i) {
-    const Entry& e = entries[i];
-    if (e.first.size() == key.size() && !e.second.isNil() && std::string_view(e.first) == key)
-      return i;
-  }
-  return kNotFound;
-}
 
 // Orders keys by length first: any strict order finds duplicates, and most
 // keys differ in length.
@@ -50,18 +51,38 @@ bool keyLess(std::string_view a, std::string_view b) {
 // ---------------------------------------------------------------------------
 // Parsing
 
+namespace od = simdjson::ondemand;
+
+// A thread keeps its parser's buffers for the next answer up to this size of
+// text; a larger answer's buffers are given back once it is parsed.
+constexpr size_t kKeptCapacity = size_t{4} << 20;
+
+// The parser's own depth bound sits a little above ours: the walk refuses a
+// container one level past the limit, after the parser has entered it.
+constexpr size_t kParserDepth = kHardMaxDepth + 16;
+
 struct ThreadParser {
-  // Sets the parser's own depth limit once; the options' tighter one is
-  // checked while converting. False until the parser's buffers exist.
-  bool prepare() {
-    if (!ready)
-      ready = parser.allocate(simdjson::dom::MINIMAL_DOCUMENT_CAPACITY, kHardMaxDepth + 1) ==
-              simdjson::SUCCESS;
-    return ready;
-  }
-  simdjson::dom::parser parser;
-  bool ready = false;
+  od::parser parser;
+  std::vector<char> padded;            // a copy of text that has no room to read past its end
   std::vector<std::string_view> keys;  // scratch for duplicate detection
+  // Members and elements of the containers being built, innermost last: each
+  // container then gets storage of its exact size, allocated once.
+  std::vector<ZVJSONAccess::Slot> slots;
+  std::vector<ZVJSONValue> items;
+
+  // Sets the depth bound, which a fresh parser does not have yet.
+  simdjson::error_code prepare(size_t size) {
+    if (parser.max_depth() == kParserDepth) return simdjson::SUCCESS;
+    return parser.allocate(std::max<size_t>(size, 4096), kParserDepth);
+  }
+
+  void trim() {
+    if (parser.capacity() > kKeptCapacity) parser = od::parser();
+    if (padded.capacity() > kKeptCapacity) std::vector<char>().swap(padded);
+    if (keys.capacity() > 4096) std::vector<std::string_view>().swap(keys);
+    if (slots.capacity() > 4096) std::vector<ZVJSONAccess::Slot>().swap(slots);
+    if (items.capacity() > 4096) std::vector<ZVJSONValue>().swap(items);
+  }
 };
 
 ThreadParser& threadParser() {
@@ -74,110 +95,214 @@ std::string depthError(size_t limit) {
   return fmt::format("JSON nesting is deeper than {} levels", limit);
 }
 
-class Converter {
- public:
-  Converter(size_t maxDepth, std::vector<std::string_view>& keys)
-      : maxDepth_(maxDepth), keys_(keys) {}
+// The text of a string token without its quotes, when it holds no escape
+// (then its bytes are the string's, UTF-8 already checked), or nothing.
+// A token runs from its opening quote to the next token, blanks included.
+std::optional<std::string_view> plainString(std::string_view token) {
+  const size_t close = token.find_last_of('"');
+  if (close == 0 || close == std::string_view::npos) return std::nullopt;
+  std::string_view text = token.substr(1, close - 1);
+  if (std::memchr(text.data(), '\\', text.size()) != nullptr) return std::nullopt;
+  return text;
+}
 
+// Builds values straight from the parser's walk over the text: no
+// intermediate document tree. Every step checks its error; the first one
+// stops the walk.
+class Builder {
+ public:
+  Builder(size_t maxDepth, ThreadParser& scratch)
+      : maxDepth_(maxDepth), keys_(scratch.keys), slots_(scratch.slots), items_(scratch.items) {}
+
+  simdjson::error_code error() const { return error_; }
   bool tooDeep() const { return tooDeep_; }
 
-  // Builds straight into `out` (nil on entry) so that nothing is moved twice.
-  // Recursion is bounded by maxDepth_, itself at most kHardMaxDepth.
-  void convert(simdjson::dom::element e, size_t depth, ZVJSONValue& out) {
-    using T = simdjson::dom::element_type;
-    auto& v = ZVJSONAccess::variant(out);
-    switch (e.type()) {
-      case T::ARRAY:
-        convertArray(e.get_array().value_unsafe(), depth + 1, out);
-        return;
-      case T::OBJECT:
-        convertObject(e.get_object().value_unsafe(), depth + 1, out);
-        return;
-      case T::INT64:
-        v.emplace<int64_t>(e.get_int64().value_unsafe());
-        return;
-      case T::UINT64:
-        // Above the signed range: kept as the nearest double rather than refused.
-        v.emplace<double>(static_cast<double>(e.get_uint64().value_unsafe()));
-        return;
-      case T::DOUBLE:
-        v.emplace<double>(e.get_double().value_unsafe());
-        return;
-      case T::STRING:
-        v.emplace<std::string>(e.get_string().value_unsafe());
-        return;
-      case T::BOOL:
-        v.emplace<bool>(e.get_bool().value_unsafe());
-        return;
-      case T::NULL_VALUE:
-        v.emplace<ZVNull>();
-        return;
+  // `out` is nil on entry.
+  template <class V>
+  bool build(V& v, size_t depth, ZVJSONValue& out) {
+    od::json_type type;
+    if (!check(v.type().get(type))) return false;
+    switch (type) {
+      case od::json_type::array: {
+        od::array array;
+        return check(v.get_array().get(array)) && buildArray(array, depth + 1, out);
+      }
+      case od::json_type::object: {
+        od::object object;
+        return check(v.get_object().get(object)) && buildObject(object, depth + 1, out);
+      }
+      case od::json_type::number:
+        return buildNumber(v, out);
+      case od::json_type::string:
+        return buildString(v, out);
+      case od::json_type::boolean: {
+        bool b = false;
+        if (!check(v.get_bool().get(b))) return false;
+        out = ZVJSONValue(b);
+        return true;
+      }
+      case od::json_type::null: {
+        bool isNull = false;
+        if (!check(v.is_null().get(isNull))) return false;
+        if (!isNull) return check(simdjson::N_ATOM_ERROR);
+        out = ZVJSONValue::null();
+        return true;
+      }
     }
+    return check(simdjson::INCORRECT_TYPE);
   }
 
  private:
-  void convertArray(simdjson::dom::array array, size_t depth, ZVJSONValue& out) {
+  bool check(simdjson::error_code error) {
+    if (error == simdjson::SUCCESS) return true;
+    if (error_ == simdjson::SUCCESS) error_ = error;
+    return false;
+  }
+
+  template <class V>
+  bool buildNumber(V& v, ZVJSONValue& out) {
+    od::number number;
+    if (!check(v.get_number().get(number))) return false;
+    switch (number.get_number_type()) {
+      case od::number_type::signed_integer:
+        out = ZVJSONValue(static_cast<long long>(number.get_int64()));
+        return true;
+      case od::number_type::unsigned_integer:
+        // Above the signed range: kept as the nearest double rather than refused.
+        out = ZVJSONValue(static_cast<double>(number.get_uint64()));
+        return true;
+      case od::number_type::floating_point_number:
+        out = ZVJSONValue(number.get_double());
+        return true;
+    }
+    return check(simdjson::NUMBER_ERROR);
+  }
+
+  template <class V>
+  bool buildString(V& v, ZVJSONValue& out) {
+    std::string_view token;
+    if constexpr (std::is_same_v<V, od::document>) {
+      if (!check(v.raw_json_token().get(token))) return false;
+    } else {
+      token = v.raw_json_token();
+    }
+    if (const std::optional<std::string_view> text = plainString(token)) {
+      // Most strings hold no escape: copied once, straight from the text.
+      od::raw_json_string raw;
+      if (!check(v.get_raw_json_string().get(raw))) return false;
+      ZVJSONAccess::setString(out, *text);
+      return true;
+    }
+    std::string_view text;
+    if (!check(v.get_string().get(text))) return false;
+    ZVJSONAccess::setString(out, text);
+    return true;
+  }
+
+  bool buildArray(od::array array, size_t depth, ZVJSONValue& out) {
     if (depth > maxDepth_) {
       tooDeep_ = true;
-      return;
+      return false;
+    }
+    const size_t base = items_.size();
+    for (auto element : array) {
+      od::value item;
+      ZVJSONValue value;
+      if (!check(std::move(element).get(item)) || !build(item, depth, value)) return false;
+      items_.push_back(std::move(value));
     }
     auto result = std::make_shared<ZVMutableArray>();
     std::vector<ZVJSONValue>& items = result->items();
-    items.reserve(array.size());
-    for (simdjson::dom::element item : array) {
-      convert(item, depth, items.emplace_back());
-      if (tooDeep_) return;
-    }
-    ZVJSONAccess::variant(out).emplace<ZVArrayPtr>(std::move(result));
+    items.reserve(items_.size() - base);
+    std::move(items_.begin() + static_cast<ptrdiff_t>(base), items_.end(),
+              std::back_inserter(items));
+    items_.resize(base);
+    ZVJSONAccess::setArray(out, std::move(result));
+    return true;
   }
 
-  void convertObject(simdjson::dom::object object, size_t depth, ZVJSONValue& out) {
+  bool buildObject(od::object object, size_t depth, ZVJSONValue& out) {
     if (depth > maxDepth_) {
       tooDeep_ = true;
-      return;
+      return false;
     }
-    const size_t count = object.size();
-    std::vector<Entry> entries;
-    entries.reserve(count);
-    for (simdjson::dom::key_value_pair field : object) {
-      Entry& entry = entries.emplace_back(std::piecewise_construct,
-                                          std::forward_as_tuple(field.key), std::tuple<>());
-      convert(field.value, depth, entry.second);
-      if (tooDeep_) return;
+    const size_t base = slots_.size();
+    for (auto member : object) {
+      od::field field;
+      std::string_view key;
+      ZVJSONValue value;
+      if (!check(std::move(member).get(field)) || !readKey(field, key) ||
+          !build(field.value(), depth, value))
+        return false;
+      slots_.push_back({zv_detail::ZVKey(key), std::move(value)});
     }
-    if (!hasDuplicateKeys(object, count)) {
-      auto result = std::make_shared<ZVMutableDictionary>();
-      ZVJSONAccess::live(*result) = entries.size();
-      ZVJSONAccess::entries(*result) = std::move(entries);
-      ZVJSONAccess::variant(out).emplace<ZVDictionaryPtr>(std::move(result));
-      return;
-    }
-    // Rare: let the builder merge the duplicates.
-    ZVJSONAccess::variant(out).emplace<ZVDictionaryPtr>(
-        ZVMutableDictionary::make(std::move(entries)));
+    auto result = std::make_shared<ZVMutableDictionary>();
+    auto& slots = ZVJSONAccess::slots(*result);
+    slots.reserve(slots_.size() - base);
+    std::move(slots_.begin() + static_cast<ptrdiff_t>(base), slots_.end(),
+              std::back_inserter(slots));
+    slots_.resize(base);
+    ZVJSONAccess::live(*result) = slots.size();
+    if (hasDuplicateKeys(slots)) mergeDuplicates(*result);
+    ZVJSONAccess::setDictionary(out, std::move(result));
+    return true;
   }
 
-  // Runs before the values are converted, so the shared scratch is free.
-  bool hasDuplicateKeys(simdjson::dom::object object, size_t count) {
+  bool readKey(od::field& field, std::string_view& key) {
+    // A key is a string token the parser has checked is closed; most hold no
+    // escape and are read in place.
+    const char* start = field.key().raw();
+    const char* p = start;
+    while (*p != '"' && *p != '\\') ++p;
+    if (*p == '"') {
+      key = std::string_view(start, static_cast<size_t>(p - start));
+      return true;
+    }
+    return check(field.unescaped_key().get(key));
+  }
+
+  template <class Slots>
+  bool hasDuplicateKeys(const Slots& slots) {
+    const size_t count = slots.size();
     if (count < 2) return false;
-    if (count <= kLinearKeyLimit) {
-      std::string_view seen[kLinearKeyLimit];
-      size_t n = 0;
-      for (simdjson::dom::key_value_pair field : object) {
-        for (size_t i = 0; i < n; ++i)
-          if (seen[i] == field.key) return true;
-        seen[n++] = field.key;
-      }
+    if (count <= kPairwiseKeyLimit) {
+      for (size_t i = 1; i < count; ++i)
+        for (size_t j = 0; j < i; ++j)
+          if (slots[i].key.shared() ? slots[i].key.view() == slots[j].key.view()
+                                    : slots[i].key.sameBytes(slots[j].key))
+            return true;
       return false;
     }
     keys_.clear();
-    for (simdjson::dom::key_value_pair field : object) keys_.push_back(field.key);
+    for (const auto& slot : slots) keys_.push_back(slot.key.view());
     std::sort(keys_.begin(), keys_.end(), keyLess);
     return std::adjacent_find(keys_.begin(), keys_.end()) != keys_.end();
   }
 
+  // Rare: the first position of a key and the value of its last occurrence.
+  static void mergeDuplicates(ZVMutableDictionary& dictionary) {
+    auto& slots = ZVJSONAccess::slots(dictionary);
+    std::unordered_map<std::string_view, size_t> last;
+    for (size_t i = 0; i < slots.size(); ++i) last[slots[i].key.view()] = i;
+    std::remove_reference_t<decltype(slots)> merged;
+    merged.reserve(last.size());
+    for (size_t i = 0; i < slots.size(); ++i) {
+      auto it = last.find(slots[i].key.view());
+      if (it->second == kNotFound) continue;  // written at its first position already
+      auto& slot = merged.emplace_back();
+      slot.key = slots[i].key;  // copied: the map's views point into the old keys
+      slot.value = std::move(slots[it->second].value);
+      it->second = kNotFound;
+    }
+    slots.swap(merged);
+    ZVJSONAccess::live(dictionary) = slots.size();
+  }
+
   size_t maxDepth_;
   std::vector<std::string_view>& keys_;
+  std::vector<ZVJSONAccess::Slot>& slots_;
+  std::vector<ZVJSONValue>& items_;
+  simdjson::error_code error_ = simdjson::SUCCESS;
   bool tooDeep_ = false;
 };
 
@@ -292,7 +417,7 @@ class Writer {
     out_ += '{';
     bool first = true;
     bool ok = true;
-    dictionary.forEach([&](const std::string& key, const ZVJSONValue& value) {
+    dictionary.forEach([&](std::string_view key, const ZVJSONValue& value) {
       if (!ok) return;
       if (!first) out_ += ',';
       first = false;
@@ -422,7 +547,7 @@ bool equalDictionaries(const ZVMutableDictionary& a, const ZVMutableDictionary& 
   if (a.count() != b.count()) return false;
   bool same = true;
   if (b.count() <= 2 * kLinearKeyLimit) {
-    a.forEach([&](const std::string& key, const ZVJSONValue& value) {
+    a.forEach([&](std::string_view key, const ZVJSONValue& value) {
       if (!same) return;
       const ZVJSONValue* other = b.find(key);
       same = other != nullptr && equal(value, *other, depth + 1);
@@ -431,8 +556,8 @@ bool equalDictionaries(const ZVMutableDictionary& a, const ZVMutableDictionary& 
   }
   std::unordered_map<std::string_view, const ZVJSONValue*> index;
   index.reserve(b.count());
-  b.forEach([&](const std::string& key, const ZVJSONValue& value) { index.emplace(key, &value); });
-  a.forEach([&](const std::string& key, const ZVJSONValue& value) {
+  b.forEach([&](std::string_view key, const ZVJSONValue& value) { index.emplace(key, &value); });
+  a.forEach([&](std::string_view key, const ZVJSONValue& value) {
     if (!same) return;
     auto it = index.find(key);
     same = it != index.end() && equal(value, *it->second, depth + 1);
@@ -465,47 +590,93 @@ bool equal(const ZVJSONValue& a, const ZVJSONValue& b, size_t depth) {
 }  // namespace
 
 // ---------------------------------------------------------------------------
+// Shared text and keys
+
+namespace zv_detail {
+
+ZVText* ZVText::make(std::string_view s) {
+  void* memory = ::operator new(sizeof(ZVText) + s.size() + 1);
+  ZVText* text = new (memory) ZVText{{1}, s.size()};
+  std::memcpy(text->data(), s.data(), s.size());
+  text->data()[s.size()] = '\0';
+  return text;
+}
+
+void ZVText::destroy() {
+  this->~ZVText();
+  ::operator delete(this);
+}
+
+}  // namespace zv_detail
+
+// ---------------------------------------------------------------------------
 // ZVJSONValue
 
-ZVJSONValue::ZVJSONValue(ZVArrayPtr a) noexcept {
-  if (a) v_ = std::move(a);
+ZVJSONValue::ZVJSONValue(ZVArrayPtr a) noexcept : tag_(a ? Tag::Array : Tag::Nil) {
+  if (a) new (&u_.array) ZVArrayPtr(std::move(a));
 }
 
-ZVJSONValue::ZVJSONValue(ZVDictionaryPtr d) noexcept {
-  if (d) v_ = std::move(d);
+ZVJSONValue::ZVJSONValue(ZVDictionaryPtr d) noexcept : tag_(d ? Tag::Dictionary : Tag::Nil) {
+  if (d) new (&u_.dictionary) ZVDictionaryPtr(std::move(d));
 }
 
-bool ZVJSONValue::boolValue() const {
-  const bool* b = std::get_if<bool>(&v_);
-  return b != nullptr && *b;
-}
-
-int64_t ZVJSONValue::integerValue() const {
-  const int64_t* i = std::get_if<int64_t>(&v_);
-  return i != nullptr ? *i : 0;
-}
-
-double ZVJSONValue::doubleValue() const {
-  switch (type()) {
-    case Type::Double:
-      return std::get<double>(v_);
-    case Type::Integer:
-      return static_cast<double>(std::get<int64_t>(v_));
-    case Type::Bool:
-      return std::get<bool>(v_) ? 1.0 : 0.0;
+ZVJSONValue::ZVJSONValue(const ZVJSONValue& other) noexcept : tag_(other.tag_) {
+  switch (tag_) {
+    case Tag::LongString:
+      u_.text = other.u_.text;
+      u_.text->retain();
+      break;
+    case Tag::Array:
+      new (&u_.array) ZVArrayPtr(other.u_.array);
+      break;
+    case Tag::Dictionary:
+      new (&u_.dictionary) ZVDictionaryPtr(other.u_.dictionary);
+      break;
     default:
-      return 0.0;
+      std::memcpy(static_cast<void*>(&u_), static_cast<const void*>(&other.u_), sizeof u_);
+      break;
   }
 }
 
-ZVArrayPtr ZVJSONValue::array() const {
-  const ZVArrayPtr* a = std::get_if<ZVArrayPtr>(&v_);
-  return a != nullptr ? *a : ZVArrayPtr();
+void ZVJSONValue::setString(std::string_view s) {
+  if (s.size() <= kInline) {
+    std::memcpy(u_.chars, s.data(), s.size());
+    u_.chars[kInline] = static_cast<char>(s.size());
+    tag_ = Tag::ShortString;
+  } else {
+    u_.text = zv_detail::ZVText::make(s);
+    tag_ = Tag::LongString;
+  }
 }
 
-ZVDictionaryPtr ZVJSONValue::dictionary() const {
-  const ZVDictionaryPtr* d = std::get_if<ZVDictionaryPtr>(&v_);
-  return d != nullptr ? *d : ZVDictionaryPtr();
+void ZVJSONValue::destroy() noexcept {
+  switch (tag_) {
+    case Tag::LongString:
+      u_.text->release();
+      break;
+    case Tag::Array:
+      u_.array.~ZVArrayPtr();
+      break;
+    case Tag::Dictionary:
+      u_.dictionary.~ZVDictionaryPtr();
+      break;
+    default:
+      break;
+  }
+  tag_ = Tag::Nil;
+}
+
+double ZVJSONValue::doubleValue() const {
+  switch (tag_) {
+    case Tag::Double:
+      return u_.d;
+    case Tag::Integer:
+      return static_cast<double>(u_.i);
+    case Tag::Bool:
+      return u_.b ? 1.0 : 0.0;
+    default:
+      return 0.0;
+  }
 }
 
 std::string ZVJSONValue::description() const {
@@ -515,17 +686,17 @@ std::string ZVJSONValue::description() const {
     case Type::Null:
       return "<null>";
     case Type::Bool:
-      return std::get<bool>(v_) ? "1" : "0";
+      return u_.b ? "1" : "0";
     case Type::Integer:
-      return fmt::format("{}", std::get<int64_t>(v_));
+      return fmt::format("{}", u_.i);
     case Type::Double:
-      return fmt::format("{}", std::get<double>(v_));
+      return fmt::format("{}", u_.d);
     case Type::String:
-      return std::get<std::string>(v_);
+      return std::string(*string());
     case Type::Array:
-      return describe(*std::get<ZVArrayPtr>(v_));
+      return describe(*u_.array);
     case Type::Dictionary:
-      return describe(*std::get<ZVDictionaryPtr>(v_));
+      return describe(*u_.dictionary);
   }
   return {};
 }
@@ -554,46 +725,51 @@ std::string ZVMutableArray::description() const {
 
 ZVDictionaryPtr ZVMutableDictionary::make(std::vector<Entry> entries) {
   auto dict = std::make_shared<ZVMutableDictionary>();
-  std::vector<Entry>& own = dict->entries_;
-  // Reserved once so that the views held by the index stay valid.
-  own.reserve(entries.size());
-  const bool hashed = entries.size() > 2 * kLinearKeyLimit;
+  dict->slots_.reserve(entries.size());
+  if (entries.size() <= 2 * kLinearKeyLimit) {
+    for (Entry& entry : entries) dict->setObject(entry.first, std::move(entry.second));
+    return dict;
+  }
+  // Many keys: an index finds repeats; a later nil removes an earlier entry.
   std::unordered_map<std::string_view, size_t> index;
-  if (hashed) index.reserve(entries.size());
-
+  index.reserve(entries.size());
   for (Entry& entry : entries) {
-    size_t pos = kNotFound;
-    if (hashed) {
-      auto it = index.find(entry.first);
-      if (it != index.end()) pos = it->second;
-    } else {
-      pos = indexOfKey(own, entry.first);
-    }
-    if (entry.second.isNil()) {
-      if (pos == kNotFound) continue;
-      if (hashed) index.erase(own[pos].first);
-      own[pos].second = ZVJSONValue();
-      --dict->live_;
-    } else if (pos != kNotFound) {
-      own[pos].second = std::move(entry.second);
-    } else {
-      own.emplace_back(std::move(entry));
+    auto it = index.find(entry.first);
+    if (it != index.end()) {
+      if (entry.second.isNil()) --dict->live_;
+      dict->slots_[it->second].value = std::move(entry.second);
+      if (dict->slots_[it->second].value.isNil()) index.erase(it);
+    } else if (!entry.second.isNil()) {
+      index.emplace(entry.first, dict->slots_.size());
+      dict->slots_.push_back({zv_detail::ZVKey(entry.first), std::move(entry.second)});
       ++dict->live_;
-      if (hashed) index.emplace(own.back().first, own.size() - 1);
     }
   }
   dict->compactIfSparse();
   return dict;
 }
 
+size_t ZVMutableDictionary::indexOf(std::string_view key) const {
+  const size_t n = slots_.size();
+  if (key.size() <= zv_detail::ZVKey::kInline) {
+    const zv_detail::ZVKey probe(key);  // inline: no allocation
+    for (size_t i = 0; i < n; ++i)
+      if (slots_[i].key.sameBytes(probe) && !slots_[i].value.isNil()) return i;
+    return kNotFound;
+  }
+  for (size_t i = 0; i < n; ++i)
+    if (slots_[i].key.shared() && slots_[i].key.view() == key && !slots_[i].value.isNil()) return i;
+  return kNotFound;
+}
+
 const ZVJSONValue* ZVMutableDictionary::find(std::string_view key) const {
-  const size_t pos = indexOfKey(entries_, key);
-  return pos == kNotFound ? nullptr : &entries_[pos].second;
+  const size_t pos = indexOf(key);
+  return pos == kNotFound ? nullptr : &slots_[pos].value;
 }
 
 ZVJSONValue* ZVMutableDictionary::find(std::string_view key) {
-  const size_t pos = indexOfKey(entries_, key);
-  return pos == kNotFound ? nullptr : &entries_[pos].second;
+  const size_t pos = indexOf(key);
+  return pos == kNotFound ? nullptr : &slots_[pos].value;
 }
 
 ZVJSONValue ZVMutableDictionary::objectForKey(std::string_view key) const {
@@ -610,7 +786,7 @@ void ZVMutableDictionary::setObject(std::string_view key, ZVJSONValue value) {
     *existing = std::move(value);
     return;
   }
-  entries_.emplace_back(std::string(key), std::move(value));
+  slots_.push_back({zv_detail::ZVKey(key), std::move(value)});
   ++live_;
 }
 
@@ -619,28 +795,27 @@ void ZVMutableDictionary::removeObjectForKey(std::string_view key) {
 }
 
 ZVJSONValue ZVMutableDictionary::getAndRemoveObjectForKey(std::string_view key) {
-  const size_t pos = indexOfKey(entries_, key);
+  const size_t pos = indexOf(key);
   if (pos == kNotFound) return {};
-  ZVJSONValue value = std::move(entries_[pos].second);
-  entries_[pos].second = ZVJSONValue();
+  ZVJSONValue value = std::move(slots_[pos].value);
   --live_;
-  if (pos + 1 == entries_.size())
-    entries_.pop_back();
+  if (pos + 1 == slots_.size())
+    slots_.pop_back();
   else
     compactIfSparse();
   return value;
 }
 
 void ZVMutableDictionary::compactIfSparse() {
-  if (entries_.size() - live_ <= live_) return;
-  std::erase_if(entries_, [](const Entry& e) { return e.second.isNil(); });
+  if (slots_.size() - live_ <= live_) return;
+  std::erase_if(slots_, [](const Slot& s) { return s.value.isNil(); });
 }
 
 ZVDictionaryPtr ZVMutableDictionary::prune() {
-  std::erase_if(entries_, [](const Entry& e) { return e.second.isNil() || e.second.isNull(); });
-  live_ = entries_.size();
+  std::erase_if(slots_, [](const Slot& s) { return s.value.isNil() || s.value.isNull(); });
+  live_ = slots_.size();
   // What remains is usually kept for good: give back most of the unused room.
-  if (entries_.capacity() > 2 * entries_.size() + 4) entries_.shrink_to_fit();
+  if (slots_.capacity() > 2 * slots_.size() + 4) slots_.shrink_to_fit();
   if (ZVDictionaryPtr self = weak_from_this().lock()) return self;
   // Not owned by a shared pointer: the closest we can give is a copy.
   return mutableCopy();
@@ -649,24 +824,23 @@ ZVDictionaryPtr ZVMutableDictionary::prune() {
 std::vector<ZVMutableDictionary::Entry> ZVMutableDictionary::entries() const {
   std::vector<Entry> out;
   out.reserve(live_);
-  forEach([&](const std::string& key, const ZVJSONValue& value) { out.emplace_back(key, value); });
+  forEach([&](std::string_view key, const ZVJSONValue& value) { out.emplace_back(key, value); });
   return out;
 }
 
 std::vector<std::string> ZVMutableDictionary::allKeys() const {
   std::vector<std::string> out;
   out.reserve(live_);
-  forEach([&](const std::string& key, const ZVJSONValue&) { out.push_back(key); });
+  forEach([&](std::string_view key, const ZVJSONValue&) { out.emplace_back(key); });
   return out;
 }
 
 ZVDictionaryPtr ZVMutableDictionary::mutableCopy() const {
   auto copy = std::make_shared<ZVMutableDictionary>();
-  copy->entries_.reserve(live_);
-  forEach([&](const std::string& key, const ZVJSONValue& value) {
-    copy->entries_.emplace_back(key, value);
-  });
-  copy->live_ = copy->entries_.size();
+  copy->slots_.reserve(live_);
+  for (const Slot& slot : slots_)
+    if (!slot.value.isNil()) copy->slots_.push_back(slot);
+  copy->live_ = copy->slots_.size();
   return copy;
 }
 
@@ -674,47 +848,74 @@ std::string ZVMutableDictionary::description() const {
   return describe(*this);
 }
 
-void ZVMutableDictionary::appendUnchecked(std::string key, ZVJSONValue value) {
+void ZVMutableDictionary::appendUnchecked(std::string_view key, ZVJSONValue value) {
   if (value.isNil()) return;
-  entries_.emplace_back(std::move(key), std::move(value));
+  slots_.push_back({zv_detail::ZVKey(key), std::move(value)});
   ++live_;
 }
 
 // ---------------------------------------------------------------------------
 // Parse and serialise
 
-ZVJSONParseResult ZVJSONParse(std::string_view text, const ZVJSONParseOptions& options) {
+namespace {
+
+ZVJSONParseResult parsePadded(const char* data, size_t size, size_t capacity, size_t limit,
+                              ThreadParser& tp) {
   ZVJSONParseResult result;
+  od::document document;
+  simdjson::error_code error = tp.prepare(size);
+  if (error == simdjson::SUCCESS) error = tp.parser.iterate(data, size, capacity).get(document);
+  Builder builder(limit, tp);
+  ZVJSONValue value;
+  if (error == simdjson::SUCCESS && builder.build(document, 0, value)) {
+    // Past the end of the text is where a whole document leaves the walk.
+    const char* rest = nullptr;
+    if (document.current_location().get(rest) != simdjson::OUT_OF_BOUNDS)
+      error = simdjson::TRAILING_CONTENT;
+  }
+  if (error == simdjson::SUCCESS) error = builder.error();
+  tp.slots.clear();  // what a failed walk left behind
+  tp.items.clear();
+  if (builder.tooDeep() || error == simdjson::DEPTH_ERROR) {
+    result.error = depthError(limit);
+  } else if (error != simdjson::SUCCESS) {
+    result.error = fmt::format("invalid JSON: {}", simdjson::error_message(error));
+  } else {
+    result.value = std::move(value);
+  }
+  return result;
+}
+
+ZVJSONParseResult parse(std::string_view text, size_t capacity, const ZVJSONParseOptions& options) {
   const size_t limit = std::min(options.maxDepth, kHardMaxDepth);
+  ZVJSONParseResult result;
   try {
     ThreadParser& tp = threadParser();
-    if (!tp.prepare()) throw std::bad_alloc();
-    // The parser copies the text into its own padded buffer.
     const char* data = text.data() != nullptr ? text.data() : "";
-    simdjson::dom::element root;
-    const simdjson::error_code error = tp.parser.parse(data, text.size(), true).get(root);
-    if (error == simdjson::DEPTH_ERROR) {
-      result.error = depthError(limit);
-      return result;
+    if (capacity < text.size() + ZVJSONPadding) {
+      // No room to read past the end: work on a padded copy.
+      tp.padded.resize(text.size() + ZVJSONPadding);
+      std::memcpy(tp.padded.data(), data, text.size());
+      data = tp.padded.data();
+      capacity = tp.padded.size();
     }
-    if (error != simdjson::SUCCESS) {
-      result.error = fmt::format("invalid JSON: {}", simdjson::error_message(error));
-      return result;
-    }
-    Converter converter(limit, tp.keys);
-    ZVJSONValue value;
-    converter.convert(root, 0, value);
-    if (tp.keys.capacity() > 4096) std::vector<std::string_view>().swap(tp.keys);
-    if (converter.tooDeep()) {
-      result.error = depthError(limit);
-      return result;
-    }
-    result.value = std::move(value);
+    result = parsePadded(data, text.size(), capacity, limit, tp);
+    tp.trim();
   } catch (const std::bad_alloc&) {
     result.value = ZVJSONValue();
     result.error = "out of memory while parsing JSON";
   }
   return result;
+}
+
+}  // namespace
+
+ZVJSONParseResult ZVJSONParse(std::string_view text, const ZVJSONParseOptions& options) {
+  return parse(text, 0, options);
+}
+
+ZVJSONParseResult ZVJSONParse(const std::string& text, const ZVJSONParseOptions& options) {
+  return parse(text, text.capacity(), options);
 }
 
 bool ZVJSONSerialize(const ZVJSONValue& value, bool pretty, std::string& out) {

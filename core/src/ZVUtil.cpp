@@ -120,7 +120,7 @@ std::string ZVUtil::localeToWeb(const ZVLocale& locale) {
 std::optional<std::string> ZVUtil::nilOrStringFromObject(const ZVJSONValue& value) {
   switch (value.type()) {
     case ZVJSONValue::Type::String:
-      return *value.string();
+      return std::string(*value.string());
     case ZVJSONValue::Type::Integer:
       return fmt::format("{}", value.integerValue());
     case ZVJSONValue::Type::Double: {
@@ -136,12 +136,12 @@ std::optional<std::string> ZVUtil::nilOrStringFromObject(const ZVJSONValue& valu
 }
 
 int64_t ZVUtil::longLongValue(const ZVJSONValue& value) {
-  if (const std::string* text = value.string()) return leadingInteger(*text);
+  if (const auto text = value.string()) return leadingInteger(*text);
   return numberAsInt64(value).value_or(0);
 }
 
 int32_t ZVUtil::intValue(const ZVJSONValue& value) {
-  if (const std::string* text = value.string()) {
+  if (const auto text = value.string()) {
     const int64_t v = leadingInteger(*text);
     return static_cast<int32_t>(std::clamp<int64_t>(v, std::numeric_limits<int32_t>::min(),
                                                     std::numeric_limits<int32_t>::max()));

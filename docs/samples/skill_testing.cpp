@@ -44,7 +44,7 @@ void submitAnswer(const std::shared_ptr<ZVOffer>& offer,
       offer->offerID(), question->questionID(), ZVJSONValue(answer),
       [offer](std::shared_ptr<ZVSkillChallenge> challenge, ZVErrorPtr error) {
         if (error) return showError(*error);
-        const std::string* status = challenge->status().string();
+        const auto status = challenge->status().string();
         if (!status || *status != "passed") {
           std::printf("That is not right. Try another question.\n");
           return;

@@ -12,9 +12,9 @@ void RewardsScreen::load() {
         }
         rows_.clear();
         for (const auto& offer : *offers) {
-          const std::string* name = offer->name().string();
+          const auto name = offer->name().string();
           std::string row =
-              (name ? *name : "Reward") + " - " + std::to_string(offer->points()) + " points";
+              std::string(name ? *name : "Reward") + " - " + std::to_string(offer->points()) + " points";
           if (offer->status() != ZVOfferStatusAvailable) row += " (unavailable)";
           rows_.push_back(std::move(row));
         }

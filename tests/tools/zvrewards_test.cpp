@@ -57,7 +57,7 @@ ZVDictionaryPtr parseObject(const std::string& text) {
 
 std::string stringAt(const ZVDictionaryPtr& d, std::string_view key) {
   const ZVJSONValue* value = d ? d->find(key) : nullptr;
-  return value && value->string() ? *value->string() : "";
+  return value && value->string() ? std::string(*value->string()) : std::string();
 }
 
 class ZvrewardsTest : public ::testing::Test {

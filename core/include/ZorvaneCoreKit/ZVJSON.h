@@ -10,12 +10,14 @@
 // - Dictionaries keep their keys in insertion order, so serialised output is stable.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
+#include <cstring>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
-#include <variant>
 #include <vector>
 
 #include <ZorvaneCoreKit/ZVObject.h>
@@ -30,8 +32,87 @@ struct ZVNull {
   bool operator==(const ZVNull&) const = default;
 };
 
-/// One JSON value, or nil. A small value type: scalars and strings are held
-/// inline, containers by shared reference (copying a value that holds a
+namespace zv_detail {
+
+// Immutable text shared by reference count: the count, the size, then the
+// bytes and a NUL. Long strings live here so that a value stays small and a
+// copy of it costs one atomic increment.
+struct ZV_CORE_EXPORT ZVText {
+  std::atomic<size_t> refs;
+  size_t size;
+  const char* data() const { return reinterpret_cast<const char*>(this + 1); }
+  char* data() { return reinterpret_cast<char*>(this + 1); }
+  static ZVText* make(std::string_view s);
+  void retain() { refs.fetch_add(1, std::memory_order_relaxed); }
+  void release() {
+    if (refs.fetch_sub(1, std::memory_order_acq_rel) == 1) destroy();
+  }
+
+ private:
+  void destroy();
+};
+
+// A dictionary key in 16 bytes: up to 15 bytes held inline (the rest
+// zeroed, the count last), longer keys in a shared ZVText. Two inline keys
+// are equal exactly when their 16 bytes are, which makes lookups cheap.
+// Internal to the dictionary; hosts see keys as string views.
+class ZV_CORE_EXPORT ZVKey {
+ public:
+  static constexpr size_t kInline = 15;
+
+  ZVKey() noexcept { std::memset(bytes_, 0, sizeof bytes_); }
+  explicit ZVKey(std::string_view s) {
+    std::memset(bytes_, 0, sizeof bytes_);
+    if (s.size() <= kInline) {
+      std::memcpy(bytes_, s.data(), s.size());
+      bytes_[kMarker] = static_cast<char>(s.size());
+    } else {
+      ZVText* text = ZVText::make(s);
+      std::memcpy(bytes_, &text, sizeof text);
+      bytes_[kMarker] = kShared;
+    }
+  }
+  ZVKey(const ZVKey& other) noexcept {
+    std::memcpy(bytes_, other.bytes_, sizeof bytes_);
+    if (shared()) text()->retain();
+  }
+  ZVKey(ZVKey&& other) noexcept {
+    std::memcpy(bytes_, other.bytes_, sizeof bytes_);
+    std::memset(other.bytes_, 0, sizeof bytes_);
+  }
+  ZVKey& operator=(ZVKey other) noexcept {
+    std::swap(bytes_, other.bytes_);
+    return *this;
+  }
+  ~ZVKey() {
+    if (shared()) text()->release();
+  }
+  std::string_view view() const {
+    if (shared()) return {text()->data(), text()->size};
+    return {bytes_, static_cast<size_t>(bytes_[kMarker])};
+  }
+  bool shared() const { return bytes_[kMarker] == kShared; }
+  /// Byte-wise equality: exact for two inline keys, false for shared ones.
+  bool sameBytes(const ZVKey& other) const {
+    return std::memcmp(bytes_, other.bytes_, sizeof bytes_) == 0 && !shared();
+  }
+
+ private:
+  static constexpr size_t kMarker = 15;
+  static constexpr char kShared = static_cast<char>(0x7F);
+  ZVText* text() const {
+    ZVText* t;
+    std::memcpy(&t, bytes_, sizeof t);
+    return t;
+  }
+  char bytes_[16];
+};
+
+}  // namespace zv_detail
+
+/// One JSON value, or nil. A small value type (24 bytes): scalars and strings
+/// of up to 22 bytes are held inline, longer strings as immutable shared
+/// text, containers by shared reference (copying a value that holds a
 /// dictionary shares the dictionary).
 ///
 /// @par Thread safety
@@ -41,47 +122,75 @@ class ZV_CORE_EXPORT ZVJSONValue {
  public:
   enum class Type : uint8_t { Nil, Null, Bool, Integer, Double, String, Array, Dictionary };
 
-  ZVJSONValue() noexcept = default;  ///< nil
-  ZVJSONValue(ZVNull) noexcept : v_(ZVNull{}) {}
-  ZVJSONValue(bool b) noexcept : v_(b) {}
-  ZVJSONValue(int i) noexcept : v_(static_cast<int64_t>(i)) {}
-  ZVJSONValue(long i) noexcept : v_(static_cast<int64_t>(i)) {}
-  ZVJSONValue(long long i) noexcept : v_(static_cast<int64_t>(i)) {}
-  ZVJSONValue(double d) noexcept : v_(d) {}
-  ZVJSONValue(std::string s) noexcept : v_(std::move(s)) {}
-  ZVJSONValue(std::string_view s) : v_(std::string(s)) {}
-  ZVJSONValue(const char* s) : v_(std::string(s)) {}
+  ZVJSONValue() noexcept : tag_(Tag::Nil) {}  ///< nil
+  ZVJSONValue(ZVNull) noexcept : tag_(Tag::Null) {}
+  ZVJSONValue(bool b) noexcept : tag_(Tag::Bool) { u_.b = b; }
+  ZVJSONValue(int i) noexcept : tag_(Tag::Integer) { u_.i = i; }
+  ZVJSONValue(long i) noexcept : tag_(Tag::Integer) { u_.i = i; }
+  ZVJSONValue(long long i) noexcept : tag_(Tag::Integer) { u_.i = i; }
+  ZVJSONValue(double d) noexcept : tag_(Tag::Double) { u_.d = d; }
+  ZVJSONValue(std::string_view s) { setString(s); }
+  ZVJSONValue(const std::string& s) : ZVJSONValue(std::string_view(s)) {}
+  ZVJSONValue(const char* s) : ZVJSONValue(std::string_view(s)) {}
   /// An empty pointer gives nil.
   ZVJSONValue(ZVArrayPtr a) noexcept;
   /// An empty pointer gives nil.
   ZVJSONValue(ZVDictionaryPtr d) noexcept;
 
+  ZVJSONValue(const ZVJSONValue& other) noexcept;
+  ZVJSONValue(ZVJSONValue&& other) noexcept : tag_(other.tag_) {
+    std::memcpy(static_cast<void*>(&u_), static_cast<const void*>(&other.u_), sizeof u_);
+    other.tag_ = Tag::Nil;
+  }
+  ZVJSONValue& operator=(const ZVJSONValue& other) noexcept {
+    if (this != &other) *this = ZVJSONValue(other);
+    return *this;
+  }
+  ZVJSONValue& operator=(ZVJSONValue&& other) noexcept {
+    if (this != &other) {
+      reset();
+      std::memcpy(static_cast<void*>(&u_), static_cast<const void*>(&other.u_), sizeof u_);
+      tag_ = other.tag_;
+      other.tag_ = Tag::Nil;
+    }
+    return *this;
+  }
+  ~ZVJSONValue() { reset(); }
+
   static ZVJSONValue null() { return ZVJSONValue(ZVNull{}); }
 
-  Type type() const { return static_cast<Type>(v_.index()); }
-  bool isNil() const { return type() == Type::Nil; }
-  bool isNull() const { return type() == Type::Null; }
-  bool isBool() const { return type() == Type::Bool; }
-  bool isInteger() const { return type() == Type::Integer; }
-  bool isDouble() const { return type() == Type::Double; }
+  Type type() const { return kTypes[static_cast<size_t>(tag_)]; }
+  bool isNil() const { return tag_ == Tag::Nil; }
+  bool isNull() const { return tag_ == Tag::Null; }
+  bool isBool() const { return tag_ == Tag::Bool; }
+  bool isInteger() const { return tag_ == Tag::Integer; }
+  bool isDouble() const { return tag_ == Tag::Double; }
   /// Integer, floating point or boolean.
   bool isNumber() const { return isBool() || isInteger() || isDouble(); }
-  bool isString() const { return type() == Type::String; }
-  bool isArray() const { return type() == Type::Array; }
-  bool isDictionary() const { return type() == Type::Dictionary; }
+  bool isString() const { return tag_ == Tag::ShortString || tag_ == Tag::LongString; }
+  bool isArray() const { return tag_ == Tag::Array; }
+  bool isDictionary() const { return tag_ == Tag::Dictionary; }
 
-  /// The string, or nullptr when the value is not a string.
-  const std::string* string() const { return std::get_if<std::string>(&v_); }
+  /// The string, or no value when the value is not a string. The view stays
+  /// valid as long as this value is neither changed nor destroyed.
+  std::optional<std::string_view> string() const {
+    if (tag_ == Tag::ShortString)
+      return std::string_view(u_.chars, static_cast<size_t>(u_.chars[kInline]));
+    if (tag_ == Tag::LongString) return std::string_view(u_.text->data(), u_.text->size);
+    return std::nullopt;
+  }
   /// The boolean, or false when the value is not a boolean.
-  bool boolValue() const;
+  bool boolValue() const { return tag_ == Tag::Bool && u_.b; }
   /// The integer, or 0 when the value is not an integer.
-  int64_t integerValue() const;
+  int64_t integerValue() const { return tag_ == Tag::Integer ? u_.i : 0; }
   /// The number as a double (integers and booleans converted), or 0.0.
   double doubleValue() const;
   /// The array, or an empty pointer when the value is not an array.
-  ZVArrayPtr array() const;
+  ZVArrayPtr array() const { return tag_ == Tag::Array ? u_.array : ZVArrayPtr(); }
   /// The dictionary, or an empty pointer when the value is not a dictionary.
-  ZVDictionaryPtr dictionary() const;
+  ZVDictionaryPtr dictionary() const {
+    return tag_ == Tag::Dictionary ? u_.dictionary : ZVDictionaryPtr();
+  }
 
   /// Text form, as "%@" prints it: a string as it stands; an integer in
   /// decimal; a double in its shortest round-trip form; a boolean as 1 or 0;
@@ -93,9 +202,40 @@ class ZV_CORE_EXPORT ZVJSONValue {
 
  private:
   friend struct ZVJSONAccess;  // the parser builds values in place
-  std::variant<std::monostate, ZVNull, bool, int64_t, double, std::string, ZVArrayPtr,
-               ZVDictionaryPtr>
-      v_;
+  enum class Tag : uint8_t {
+    Nil,
+    Null,
+    Bool,
+    Integer,
+    Double,
+    ShortString,
+    LongString,
+    Array,
+    Dictionary
+  };
+  static constexpr Type kTypes[] = {Type::Nil,    Type::Null,   Type::Bool,
+                                    Type::Integer, Type::Double, Type::String,
+                                    Type::String, Type::Array,  Type::Dictionary};
+  static constexpr size_t kInline = 22;  // bytes of a string held inline
+
+  void setString(std::string_view s);
+  void reset() noexcept {
+    if (tag_ >= Tag::LongString) destroy();
+  }
+  void destroy() noexcept;
+
+  union Storage {
+    Storage() noexcept {}
+    ~Storage() {}
+    bool b;
+    int64_t i;
+    double d;
+    char chars[kInline + 1];  // the bytes, then their count
+    zv_detail::ZVText* text;
+    ZVArrayPtr array;
+    ZVDictionaryPtr dictionary;
+  } u_;
+  Tag tag_;
 };
 
 /// A mutable JSON array.
@@ -144,6 +284,7 @@ class ZV_CORE_EXPORT ZVMutableDictionary final
     : public ZVObject,
       public std::enable_shared_from_this<ZVMutableDictionary> {
  public:
+  /// A key and its value, as builders give them and `entries()` returns them.
   using Entry = std::pair<std::string, ZVJSONValue>;
 
   static ZVDictionaryPtr make() { return std::make_shared<ZVMutableDictionary>(); }
@@ -170,11 +311,12 @@ class ZV_CORE_EXPORT ZVMutableDictionary final
   /// nested objects stay shared with whatever else holds them.
   ZVDictionaryPtr prune();
 
-  /// Calls `fn(key, value)` for each entry, in insertion order.
+  /// Calls `fn(key, value)` for each entry, in insertion order; `key` is a
+  /// `std::string_view` valid for the call.
   template <class Fn>
   void forEach(Fn&& fn) const {
-    for (const auto& e : entries_)
-      if (!e.second.isNil()) fn(e.first, e.second);
+    for (const Slot& slot : slots_)
+      if (!slot.value.isNil()) fn(slot.key.view(), slot.value);
   }
   /// The entries in insertion order.
   std::vector<Entry> entries() const;
@@ -188,15 +330,20 @@ class ZV_CORE_EXPORT ZVMutableDictionary final
 
   /// Appends an entry without looking for an existing key. For builders that
   /// know their keys are unique (the parser checks duplicates itself).
-  void appendUnchecked(std::string key, ZVJSONValue value);
-  void reserve(size_t n) { entries_.reserve(n); }
+  void appendUnchecked(std::string_view key, ZVJSONValue value);
+  void reserve(size_t n) { slots_.reserve(n); }
 
  private:
   friend struct ZVJSONAccess;  // the parser builds values in place
+  struct Slot {
+    zv_detail::ZVKey key;
+    ZVJSONValue value;
+  };
+  size_t indexOf(std::string_view key) const;
   // Removed entries become nil tombstones so that removal does not shift the
   // vector; they are compacted once they outnumber the live entries.
   void compactIfSparse();
-  std::vector<Entry> entries_;
+  std::vector<Slot> slots_;
   size_t live_ = 0;
 };
 
@@ -218,8 +365,22 @@ struct ZVJSONParseResult {
 /// mutable container. Invalid UTF-8, trailing garbage, numbers beyond 64 bits
 /// and nesting deeper than `options.maxDepth` are errors; duplicate keys keep
 /// the position of the first occurrence and the value of the last.
+///
+/// The parser reads up to `ZVJSONPadding` bytes past the end of the text. The
+/// `std::string` overload reads them in place when the string's capacity
+/// leaves that room (the SDK's transport keeps it for answer bodies); the
+/// others copy the text first. A thread keeps its parser's buffers for the
+/// next text up to a few megabytes and gives larger ones back.
 ZV_CORE_EXPORT ZVJSONParseResult ZVJSONParse(std::string_view text,
                                              const ZVJSONParseOptions& options = {});
+ZV_CORE_EXPORT ZVJSONParseResult ZVJSONParse(const std::string& text,
+                                             const ZVJSONParseOptions& options = {});
+inline ZVJSONParseResult ZVJSONParse(const char* text, const ZVJSONParseOptions& options = {}) {
+  return ZVJSONParse(std::string_view(text), options);
+}
+
+/// Spare capacity past a text's end that lets `ZVJSONParse` read it in place.
+inline constexpr size_t ZVJSONPadding = 64;
 
 /// Serialises a value. Returns false (and leaves `out` unspecified) when the
 /// value cannot be written as JSON: nil at the top level, a NaN or infinite

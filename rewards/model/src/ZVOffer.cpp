@@ -71,7 +71,7 @@ ZVOfferArrayPtr ZVOffer::parseOptions(const ZVJSONValue& value) {
 }
 
 int64_t ZVOffer::statusForString(const ZVJSONValue& status) {
-  const std::string* text = status.string();
+  const auto text = status.string();
   if (!text) return ZVOfferStatusUnknown;
   const std::string_view s = *text;
   if (s == "available") return ZVOfferStatusAvailable;

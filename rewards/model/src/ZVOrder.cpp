@@ -83,7 +83,7 @@ std::shared_ptr<ZVOrder> ZVOrder::initMutableWithDictionary(const ZVJSONValue& v
 }
 
 int64_t ZVOrder::statusForString(const ZVJSONValue& status) {
-  const std::string* text = status.string();
+  const auto text = status.string();
   if (!text) return ZVOrderStatusUnknown;
   const std::string_view s = *text;
   if (s == "approved") return ZVOrderStatusApproved;

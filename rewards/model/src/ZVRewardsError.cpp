@@ -4,17 +4,17 @@
 
 namespace {
 
-// A non-empty string under `key`, or nullptr.
-const std::string* nonEmptyText(const ZVMutableDictionary& d, std::string_view key) {
+// A non-empty string under `key`, or nothing.
+std::optional<std::string_view> nonEmptyText(const ZVMutableDictionary& d, std::string_view key) {
   const ZVJSONValue* value = d.find(key);
-  const std::string* text = value ? value->string() : nullptr;
-  return text && !text->empty() ? text : nullptr;
+  const auto text = value ? value->string() : std::nullopt;
+  return text && !text->empty() ? text : std::nullopt;
 }
 
 // What a failed answer says about itself: its "message", or else a summary of
 // the "order" it refers to. nullopt when the body says neither.
 std::optional<std::string> composeMessage(const ZVMutableDictionary& body) {
-  if (const std::string* message = nonEmptyText(body, "message")) return *message;
+  if (const auto message = nonEmptyText(body, "message")) return std::string(*message);
 
   const ZVJSONValue* orderValue = body.find("order");
   const ZVDictionaryPtr order = orderValue ? orderValue->dictionary() : nullptr;
@@ -33,7 +33,7 @@ std::optional<std::string> composeMessage(const ZVMutableDictionary& body) {
   }
 
   std::string user;
-  if (const std::string* userID = nonEmptyText(*order, "user_id")) user = "User: " + *userID;
+  if (const auto userID = nonEmptyText(*order, "user_id")) user = "User: " + std::string(*userID);
 
   const char* separator = !reward.empty() && !user.empty() ? "\n" : "";
   return reward + separator + user;

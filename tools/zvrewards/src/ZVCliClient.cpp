@@ -14,7 +14,7 @@ namespace {
 std::string stringAt(const ZVDictionaryPtr& dictionary, std::string_view key) {
   if (!dictionary) return "";
   const ZVJSONValue* value = dictionary->find(key);
-  return value && value->string() ? *value->string() : "";
+  return value && value->string() ? std::string(*value->string()) : std::string();
 }
 
 // The reasons of a refused order, {"order": {"base": [...]}}, joined: the

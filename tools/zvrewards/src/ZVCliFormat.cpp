@@ -121,7 +121,7 @@ std::string fieldText(const ZVJSONValue& value) {
     case ZVJSONValue::Type::Bool:
       return value.boolValue() ? "true" : "false";
     case ZVJSONValue::Type::String:
-      return *value.string();
+      return std::string(*value.string());
     case ZVJSONValue::Type::Integer:
     case ZVJSONValue::Type::Double:
       return value.description();
