@@ -3,19 +3,118 @@
 #include <algorithm>
 #include <charconv>
 #include <cmath>
+#include <cstring>
 #include <iterator>
+#include <memory_resource>
 #include <new>
 #include <optional>
-#include <cstring>
 #include <type_traits>
 #include <unordered_map>
 
 #include <fmt/format.h>
 #include <simdjson.h>
 
+namespace zv_detail {
+
+// Memory for the containers and long strings of one parsed text, cut by
+// bumping a pointer in the parse order (which is the order records and
+// teardown read it back in) and given back all at once when the last
+// container or string cut from it is gone. Only the parsing thread cuts;
+// once sealed, storage that grows later comes from the heap.
+class ZVArena final : public std::pmr::memory_resource {
+ public:
+  explicit ZVArena(size_t firstChunk) : nextChunk_(std::max<size_t>(firstChunk, 256)) {}
+  ~ZVArena() override {
+    for (const Chunk& chunk : chunks_) ::operator delete(chunk.begin);
+  }
+  ZVArena(const ZVArena&) = delete;
+  ZVArena& operator=(const ZVArena&) = delete;
+
+  void retain() { refs_.fetch_add(1, std::memory_order_relaxed); }
+  void release() {
+    if (refs_.fetch_sub(1, std::memory_order_acq_rel) == 1) delete this;
+  }
+  void seal() {
+    std::sort(chunks_.begin(), chunks_.end(),
+              [](const Chunk& a, const Chunk& b) { return a.begin < b.begin; });
+    sealed_ = true;
+  }
+
+ private:
+  struct Chunk {
+    char* begin;
+    char* end;
+  };
+  static constexpr size_t kMaxChunk = size_t{16} << 20;
+
+  void* do_allocate(size_t bytes, size_t align) override {
+    if (sealed_) return std::pmr::new_delete_resource()->allocate(bytes, align);
+    auto at = [&] { return (reinterpret_cast<uintptr_t>(cursor_) + align - 1) & ~(align - 1); };
+    if (cursor_ == nullptr || at() + bytes > reinterpret_cast<uintptr_t>(limit_)) {
+      const size_t size = std::max(nextChunk_, bytes + align);
+      char* begin = static_cast<char*>(::operator new(size));
+      chunks_.push_back({begin, begin + size});
+      cursor_ = begin;
+      limit_ = begin + size;
+      nextChunk_ = std::min(nextChunk_ * 2, kMaxChunk);
+    }
+    char* p = reinterpret_cast<char*>(at());
+    cursor_ = p + bytes;
+    return p;
+  }
+
+  void do_deallocate(void* p, size_t bytes, size_t align) override {
+    if (!owns(static_cast<char*>(p))) std::pmr::new_delete_resource()->deallocate(p, bytes, align);
+  }
+
+  bool do_is_equal(const std::pmr::memory_resource& other) const noexcept override {
+    return this == &other;
+  }
+
+  bool owns(const char* p) const {
+    if (!sealed_) {
+      return std::any_of(chunks_.begin(), chunks_.end(),
+                         [&](const Chunk& c) { return p >= c.begin && p < c.end; });
+    }
+    auto it = std::upper_bound(chunks_.begin(), chunks_.end(), p,
+                               [](const char* q, const Chunk& c) { return q < c.begin; });
+    return it != chunks_.begin() && p < std::prev(it)->end;
+  }
+
+  std::atomic<size_t> refs_{1};
+  std::vector<Chunk> chunks_;
+  char* cursor_ = nullptr;
+  char* limit_ = nullptr;
+  size_t nextChunk_;
+  bool sealed_ = false;
+};
+
+ZVText* ZVText::make(std::string_view s) {
+  void* memory = ::operator new(sizeof(ZVText) + s.size() + 1);
+  ZVText* text = new (memory) ZVText{{1}, s.size(), nullptr};
+  std::memcpy(text->data(), s.data(), s.size());
+  text->data()[s.size()] = '\0';
+  return text;
+}
+
+void ZVText::destroy() {
+  ZVArena* from = arena;
+  this->~ZVText();
+  if (from != nullptr)
+    from->release();
+  else
+    ::operator delete(this);
+}
+
+}  // namespace zv_detail
+
+using zv_detail::ZVArena;
+using zv_detail::ZVText;
+
 // Private access for the parser, which builds containers in place.
 struct ZVJSONAccess {
-  static void setString(ZVJSONValue& value, std::string_view s) { value.setString(s); }
+  // Long strings are cut from the arena, which each of them keeps alive.
+  static void setString(ZVJSONValue& value, std::string_view s, ZVArena& arena);
   static void setArray(ZVJSONValue& value, ZVArrayPtr array) {
     new (&value.u_.array) ZVArrayPtr(std::move(array));
     value.tag_ = ZVJSONValue::Tag::Array;
@@ -28,6 +127,52 @@ struct ZVJSONAccess {
   static auto& slots(ZVMutableDictionary& d) { return d.slots_; }
   static size_t& live(ZVMutableDictionary& d) { return d.live_; }
 };
+
+void ZVJSONAccess::setString(ZVJSONValue& value, std::string_view s, ZVArena& arena) {
+  if (s.size() <= ZVJSONValue::kInline) {
+    value.setString(s);
+    return;
+  }
+  void* memory = arena.allocate(sizeof(ZVText) + s.size() + 1, alignof(ZVText));
+  arena.retain();
+  ZVText* text = new (memory) ZVText{{1}, s.size(), &arena};
+  std::memcpy(text->data(), s.data(), s.size());
+  text->data()[s.size()] = '\0';
+  value.u_.text = text;
+  value.tag_ = ZVJSONValue::Tag::LongString;
+}
+
+namespace {
+
+// Hands a container's control block its memory from the arena. Each
+// container keeps the arena alive: the builder retains it once per
+// container, and the block's one deallocation releases it.
+template <class T>
+struct ArenaAllocator {
+  using value_type = T;
+  explicit ArenaAllocator(ZVArena* a) noexcept : arena(a) {}
+  template <class U>
+  ArenaAllocator(const ArenaAllocator<U>& other) noexcept : arena(other.arena) {}
+  T* allocate(size_t n) { return static_cast<T*>(arena->allocate(n * sizeof(T), alignof(T))); }
+  void deallocate(T* p, size_t n) noexcept {
+    arena->deallocate(p, n * sizeof(T), alignof(T));
+    arena->release();
+  }
+  template <class U>
+  bool operator==(const ArenaAllocator<U>& other) const noexcept {
+    return arena == other.arena;
+  }
+  ZVArena* arena;
+};
+
+template <class T>
+std::shared_ptr<T> makeInArena(ZVArena& arena) {
+  auto made = std::allocate_shared<T>(ArenaAllocator<T>(&arena), &arena);
+  arena.retain();  // after success: a failed allocation deallocates nothing
+  return made;
+}
+
+}  // namespace
 
 namespace {
 
@@ -111,8 +256,12 @@ std::optional<std::string_view> plainString(std::string_view token) {
 // stops the walk.
 class Builder {
  public:
-  Builder(size_t maxDepth, ThreadParser& scratch)
-      : maxDepth_(maxDepth), keys_(scratch.keys), slots_(scratch.slots), items_(scratch.items) {}
+  Builder(size_t maxDepth, ThreadParser& scratch, ZVArena& arena)
+      : maxDepth_(maxDepth),
+        keys_(scratch.keys),
+        slots_(scratch.slots),
+        items_(scratch.items),
+        arena_(arena) {}
 
   simdjson::error_code error() const { return error_; }
   bool tooDeep() const { return tooDeep_; }
@@ -190,12 +339,12 @@ class Builder {
       // Most strings hold no escape: copied once, straight from the text.
       od::raw_json_string raw;
       if (!check(v.get_raw_json_string().get(raw))) return false;
-      ZVJSONAccess::setString(out, *text);
+      ZVJSONAccess::setString(out, *text, arena_);
       return true;
     }
     std::string_view text;
     if (!check(v.get_string().get(text))) return false;
-    ZVJSONAccess::setString(out, text);
+    ZVJSONAccess::setString(out, text, arena_);
     return true;
   }
 
@@ -211,8 +360,8 @@ class Builder {
       if (!check(std::move(element).get(item)) || !build(item, depth, value)) return false;
       items_.push_back(std::move(value));
     }
-    auto result = std::make_shared<ZVMutableArray>();
-    std::vector<ZVJSONValue>& items = result->items();
+    auto result = makeInArena<ZVMutableArray>(arena_);
+    auto& items = result->items();
     items.reserve(items_.size() - base);
     std::move(items_.begin() + static_cast<ptrdiff_t>(base), items_.end(),
               std::back_inserter(items));
@@ -236,7 +385,7 @@ class Builder {
         return false;
       slots_.push_back({zv_detail::ZVKey(key), std::move(value)});
     }
-    auto result = std::make_shared<ZVMutableDictionary>();
+    auto result = makeInArena<ZVMutableDictionary>(arena_);
     auto& slots = ZVJSONAccess::slots(*result);
     slots.reserve(slots_.size() - base);
     std::move(slots_.begin() + static_cast<ptrdiff_t>(base), slots_.end(),
@@ -284,7 +433,7 @@ class Builder {
     auto& slots = ZVJSONAccess::slots(dictionary);
     std::unordered_map<std::string_view, size_t> last;
     for (size_t i = 0; i < slots.size(); ++i) last[slots[i].key.view()] = i;
-    std::remove_reference_t<decltype(slots)> merged;
+    std::remove_reference_t<decltype(slots)> merged(slots.get_allocator());
     merged.reserve(last.size());
     for (size_t i = 0; i < slots.size(); ++i) {
       auto it = last.find(slots[i].key.view());
@@ -302,6 +451,7 @@ class Builder {
   std::vector<std::string_view>& keys_;
   std::vector<ZVJSONAccess::Slot>& slots_;
   std::vector<ZVJSONValue>& items_;
+  ZVArena& arena_;
   simdjson::error_code error_ = simdjson::SUCCESS;
   bool tooDeep_ = false;
 };
@@ -590,26 +740,6 @@ bool equal(const ZVJSONValue& a, const ZVJSONValue& b, size_t depth) {
 }  // namespace
 
 // ---------------------------------------------------------------------------
-// Shared text and keys
-
-namespace zv_detail {
-
-ZVText* ZVText::make(std::string_view s) {
-  void* memory = ::operator new(sizeof(ZVText) + s.size() + 1);
-  ZVText* text = new (memory) ZVText{{1}, s.size()};
-  std::memcpy(text->data(), s.data(), s.size());
-  text->data()[s.size()] = '\0';
-  return text;
-}
-
-void ZVText::destroy() {
-  this->~ZVText();
-  ::operator delete(this);
-}
-
-}  // namespace zv_detail
-
-// ---------------------------------------------------------------------------
 // ZVJSONValue
 
 ZVJSONValue::ZVJSONValue(ZVArrayPtr a) noexcept : tag_(a ? Tag::Array : Tag::Nil) {
@@ -713,7 +843,9 @@ ZVArrayPtr ZVMutableArray::make(std::vector<ZVJSONValue> items) {
 }
 
 ZVArrayPtr ZVMutableArray::mutableCopy() const {
-  return std::make_shared<ZVMutableArray>(items_);
+  auto copy = std::make_shared<ZVMutableArray>();
+  copy->items_.assign(items_.begin(), items_.end());
+  return copy;
 }
 
 std::string ZVMutableArray::description() const {
@@ -806,6 +938,28 @@ ZVJSONValue ZVMutableDictionary::getAndRemoveObjectForKey(std::string_view key) 
   return value;
 }
 
+void ZVMutableDictionary::takeObjectsForKeys(std::span<const std::string_view> keys,
+                                             std::span<ZVJSONValue> values) {
+  const size_t wanted = std::min(keys.size(), values.size());
+  size_t taken = 0;
+  for (Slot& slot : slots_) {
+    if (taken == wanted) break;
+    if (slot.value.isNil()) continue;
+    const std::string_view key = slot.key.view();
+    for (size_t i = 0; i < wanted; ++i) {
+      // Lengths differ for most pairs: the bytes are compared only when they match.
+      if (keys[i].size() != key.size() || !values[i].isNil() || keys[i] != key) continue;
+      values[i] = std::move(slot.value);
+      --live_;
+      ++taken;
+      break;
+    }
+  }
+  if (taken == 0) return;
+  while (!slots_.empty() && slots_.back().value.isNil()) slots_.pop_back();
+  compactIfSparse();
+}
+
 void ZVMutableDictionary::compactIfSparse() {
   if (slots_.size() - live_ <= live_) return;
   std::erase_if(slots_, [](const Slot& s) { return s.value.isNil(); });
@@ -865,7 +1019,15 @@ ZVJSONParseResult parsePadded(const char* data, size_t size, size_t capacity, si
   od::document document;
   simdjson::error_code error = tp.prepare(size);
   if (error == simdjson::SUCCESS) error = tp.parser.iterate(data, size, capacity).get(document);
-  Builder builder(limit, tp);
+  // The walk holds the arena while it cuts from it; what it built holds it after.
+  struct Hold {
+    ZVArena* arena;
+    ~Hold() {
+      arena->seal();
+      arena->release();
+    }
+  } hold{new ZVArena(std::min(size * 2, size_t{1} << 20))};
+  Builder builder(limit, tp, *hold.arena);
   ZVJSONValue value;
   if (error == simdjson::SUCCESS && builder.build(document, 0, value)) {
     // Past the end of the text is where a whole document leaves the walk.

@@ -14,7 +14,9 @@
 #include <cstdint>
 #include <cstring>
 #include <memory>
+#include <memory_resource>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -34,12 +36,15 @@ struct ZVNull {
 
 namespace zv_detail {
 
-// Immutable text shared by reference count: the count, the size, then the
-// bytes and a NUL. Long strings live here so that a value stays small and a
-// copy of it costs one atomic increment.
+class ZVArena;
+
+// Immutable text shared by reference count: the count, the size, the arena
+// it was cut from (or null), then the bytes and a NUL. Long strings live here
+// so that a value stays small and a copy of it costs one atomic increment.
 struct ZV_CORE_EXPORT ZVText {
   std::atomic<size_t> refs;
   size_t size;
+  ZVArena* arena;
   const char* data() const { return reinterpret_cast<const char*>(this + 1); }
   char* data() { return reinterpret_cast<char*>(this + 1); }
   static ZVText* make(std::string_view s);
@@ -213,9 +218,9 @@ class ZV_CORE_EXPORT ZVJSONValue {
     Array,
     Dictionary
   };
-  static constexpr Type kTypes[] = {Type::Nil,    Type::Null,   Type::Bool,
+  static constexpr Type kTypes[] = {Type::Nil,     Type::Null,   Type::Bool,
                                     Type::Integer, Type::Double, Type::String,
-                                    Type::String, Type::Array,  Type::Dictionary};
+                                    Type::String,  Type::Array,  Type::Dictionary};
   static constexpr size_t kInline = 22;  // bytes of a string held inline
 
   void setString(std::string_view s);
@@ -247,8 +252,13 @@ class ZV_CORE_EXPORT ZVMutableArray final : public ZVObject {
   static ZVArrayPtr make() { return std::make_shared<ZVMutableArray>(); }
   static ZVArrayPtr make(std::vector<ZVJSONValue> items);
 
+  using Items = std::pmr::vector<ZVJSONValue>;
+
   ZVMutableArray() = default;
-  explicit ZVMutableArray(std::vector<ZVJSONValue> items) : items_(std::move(items)) {}
+  explicit ZVMutableArray(std::vector<ZVJSONValue> items)
+      : items_(std::make_move_iterator(items.begin()), std::make_move_iterator(items.end())) {}
+  /// An empty array whose storage comes from `resource`, which must outlive it.
+  explicit ZVMutableArray(std::pmr::memory_resource* resource) : items_(resource) {}
 
   size_t count() const { return items_.size(); }
   bool empty() const { return items_.empty(); }
@@ -260,8 +270,8 @@ class ZV_CORE_EXPORT ZVMutableArray final : public ZVObject {
   auto end() const { return items_.end(); }
   auto begin() { return items_.begin(); }
   auto end() { return items_.end(); }
-  std::vector<ZVJSONValue>& items() { return items_; }
-  const std::vector<ZVJSONValue>& items() const { return items_; }
+  Items& items() { return items_; }
+  const Items& items() const { return items_; }
 
   /// A new array holding the same values (nested containers shared).
   ZVArrayPtr mutableCopy() const;
@@ -270,7 +280,7 @@ class ZV_CORE_EXPORT ZVMutableArray final : public ZVObject {
 
  private:
   friend struct ZVJSONAccess;  // the parser builds values in place
-  std::vector<ZVJSONValue> items_;
+  Items items_;
 };
 
 /// A mutable JSON object whose keys keep their insertion order.
@@ -291,6 +301,8 @@ class ZV_CORE_EXPORT ZVMutableDictionary final
   static ZVDictionaryPtr make(std::vector<Entry> entries);
 
   ZVMutableDictionary() = default;
+  /// An empty dictionary whose storage comes from `resource`, which must outlive it.
+  explicit ZVMutableDictionary(std::pmr::memory_resource* resource) : slots_(resource) {}
 
   size_t count() const { return live_; }
   bool empty() const { return live_ == 0; }
@@ -305,6 +317,10 @@ class ZV_CORE_EXPORT ZVMutableDictionary final
   void removeObjectForKey(std::string_view key);
   /// Returns the value stored under `key` (nil when absent) and removes the entry.
   ZVJSONValue getAndRemoveObjectForKey(std::string_view key);
+  /// `getAndRemoveObjectForKey` for each of `keys` in one pass: `values[i]`
+  /// receives the value of `keys[i]` (nil when absent). `values` holds at
+  /// least as many elements as `keys`; keys repeated in `keys` are taken once.
+  void takeObjectsForKeys(std::span<const std::string_view> keys, std::span<ZVJSONValue> values);
   /// What remains for a record's `extras`: removes the top-level entries whose
   /// value is the JSON null (they tell a host nothing and are a common source
   /// of type confusion) and returns this very dictionary, not a copy, so that
@@ -343,7 +359,7 @@ class ZV_CORE_EXPORT ZVMutableDictionary final
   // Removed entries become nil tombstones so that removal does not shift the
   // vector; they are compacted once they outnumber the live entries.
   void compactIfSparse();
-  std::vector<Slot> slots_;
+  std::pmr::vector<Slot> slots_;
   size_t live_ = 0;
 };
 

@@ -1,5 +1,6 @@
 #include <ZorvaneRewardsKit/ZVOffer.h>
 
+#include <iterator>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -28,24 +29,29 @@ std::shared_ptr<ZVOffer> ZVOffer::initMutableWithDictionary(const ZVDictionaryPt
   if (!dictionary) return offer;
   ZVMutableDictionary& d = *dictionary;
 
-  // Takes follow the service's documented order; values are moved, not copied.
-  offer->offerID_ = ZVUtil::nilOrStringFromObject(d.getAndRemoveObjectForKey("id"));
-  offer->name_ = d.getAndRemoveObjectForKey("name");
-  offer->type_ = d.getAndRemoveObjectForKey("type");
-  offer->details_ = d.getAndRemoveObjectForKey("description");
+  // The keys the record consumes, taken in one pass; values are moved, not copied.
+  static constexpr std::string_view kKeys[] = {
+      "id",         "name",     "type",   "description", "points",
+      "start_time", "end_time", "weight", "featured",    "requires_skills_test",
+      "tier",       "logo",     "status", "data"};
+  ZVJSONValue v[std::size(kKeys)];
+  d.takeObjectsForKeys(kKeys, v);
+  offer->offerID_ = ZVUtil::nilOrStringFromObject(v[0]);
+  offer->name_ = std::move(v[1]);
+  offer->type_ = std::move(v[2]);
+  offer->details_ = std::move(v[3]);
   offer->descriptionText_ = offer->details_;
-  offer->points_ = ZVUtil::longLongValue(d.getAndRemoveObjectForKey("points"));
-  offer->startTime_ = d.getAndRemoveObjectForKey("start_time");
-  offer->endTime_ = d.getAndRemoveObjectForKey("end_time");
+  offer->points_ = ZVUtil::longLongValue(v[4]);
+  offer->startTime_ = std::move(v[5]);
+  offer->endTime_ = std::move(v[6]);
   // Unlike points, weight goes through the 32-bit conversion: a larger number wraps.
-  offer->weight_ = ZVUtil::intValue(d.getAndRemoveObjectForKey("weight"));
-  offer->isFeatured_ = ZVUtil::boolValue(d.getAndRemoveObjectForKey("featured"));
-  offer->isSkillChallengeRequired_ =
-      ZVUtil::boolValue(d.getAndRemoveObjectForKey("requires_skills_test"));
-  offer->tier_ = d.getAndRemoveObjectForKey("tier");
-  offer->logoURL_ = d.getAndRemoveObjectForKey("logo");
-  offer->status_ = statusForString(d.getAndRemoveObjectForKey("status"));
-  offer->data_ = d.getAndRemoveObjectForKey("data");
+  offer->weight_ = ZVUtil::intValue(v[7]);
+  offer->isFeatured_ = ZVUtil::boolValue(v[8]);
+  offer->isSkillChallengeRequired_ = ZVUtil::boolValue(v[9]);
+  offer->tier_ = std::move(v[10]);
+  offer->logoURL_ = std::move(v[11]);
+  offer->status_ = statusForString(v[12]);
+  offer->data_ = std::move(v[13]);
 
   // "options" stays in the dictionary so that extras shows what the option
   // records left of their objects.
