@@ -6,13 +6,11 @@
 
 #include <algorithm>
 #include <cctype>
-#include <deque>
 #include <memory>
 #include <mutex>
 #include <string_view>
 #include <system_error>
 #include <thread>
-#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -57,17 +55,36 @@ std::string lowerFirst(std::string text) {
   return text;
 }
 
-// One exchange while libcurl works on it. Owned by the I/O thread.
+// One exchange while libcurl works on it, and the easy handle it runs on.
+// Pooled with its handle: the options that do not change between exchanges
+// are set once, and the header list is rebuilt only when the headers change.
+// Owned by the I/O thread.
 struct Transfer {
+  // This exchange.
   ZVHTTPRequest request;
   ZVTransport::Completion done;
-  CURL* easy = nullptr;
-  curl_slist* headers = nullptr;
   ZVHTTPResult result;
   bool overCap = false;  // the write callback refused the body
   bool outOfMemory = false;
+  size_t activeIndex = 0;  // position in the engine's list of exchanges under way
+
+  // Kept with the handle from one exchange to the next.
+  CURL* easy = nullptr;
+  curl_slist* headers = nullptr;
+  ZVHeaders headersSent;    // what `headers` was built from
+  bool configured = false;  // the constant options are set
+  std::string method;       // the method options set on the handle
+  bool withBody = false;    // ... and whether a body was sent
+  std::string caFile;       // the CA file set on the handle
   char errorBuffer[CURL_ERROR_SIZE] = {};
 };
+
+// The JSON parser reads a body in place when at least this many bytes of
+// capacity follow its last byte, and copies it otherwise.
+constexpr size_t kBodySlack = 64;
+// The most reserved up front from an announced Content-Length; past it the
+// body grows as it arrives, so a length that lies cannot claim memory.
+constexpr curl_off_t kMaxReserveFromLength = curl_off_t{16} << 20;
 
 size_t onBody(char* data, size_t size, size_t count, void* user) {
   auto* transfer = static_cast<Transfer*>(user);
@@ -79,6 +96,19 @@ size_t onBody(char* data, size_t size, size_t count, void* user) {
     return 0;  // any short count makes libcurl abort the transfer
   }
   try {
+    const size_t needed = body.size() + length + kBodySlack;
+    if (body.capacity() < needed) {
+      size_t reserve = std::max(needed, body.capacity() * 2);
+      if (body.empty()) {
+        curl_off_t announced = -1;
+        curl_easy_getinfo(transfer->easy, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &announced);
+        if (announced > 0)
+          reserve =
+              std::max(reserve, static_cast<size_t>(std::min(announced, kMaxReserveFromLength)) +
+                                    kBodySlack);
+      }
+      body.reserve(reserve);
+    }
     body.append(data, length);
   } catch (...) {
     transfer->outOfMemory = true;
@@ -232,7 +262,7 @@ class CurlEngine {
   }
 
   ~CurlEngine() {
-    for (CURL* easy : idle_) curl_easy_cleanup(easy);
+    for (auto& transfer : idle_) release(*transfer);
     curl_multi_cleanup(multi_);
   }
 
@@ -240,11 +270,15 @@ class CurlEngine {
   CurlEngine& operator=(const CurlEngine&) = delete;
 
   void submit(ZVHTTPRequest request, ZVTransport::Completion done) {
+    bool wake = false;
     {
       std::lock_guard lock(mutex_);
       queue_.push_back({std::move(request), std::move(done)});
+      // From a completion, the loop looks at the queue before it waits again;
+      // from elsewhere, one wakeup until the loop takes the queue is enough.
+      if (currentEngine != this && !wakeRequested_) wake = wakeRequested_ = true;
     }
-    curl_multi_wakeup(multi_);
+    if (wake) curl_multi_wakeup(multi_);
   }
 
   void stop() {
@@ -257,12 +291,14 @@ class CurlEngine {
 
   // The I/O loop. Runs until `stop`, then fails whatever is left with Shutdown.
   void run() {
-    std::deque<Pending> incoming;
+    currentEngine = this;
+    std::vector<Pending> incoming;
     while (true) {
       {
         std::lock_guard lock(mutex_);
         if (stopping_) break;
         incoming.swap(queue_);
+        wakeRequested_ = false;
       }
       for (Pending& pending : incoming) start(std::move(pending));
       incoming.clear();
@@ -272,9 +308,15 @@ class CurlEngine {
       while (CURLMsg* message = curl_multi_info_read(multi_, &left)) {
         if (message->msg == CURLMSG_DONE) finish(message->easy_handle, message->data.result);
       }
+      {
+        // Completions that sent again: start those before waiting.
+        std::lock_guard lock(mutex_);
+        if (!queue_.empty() || stopping_) continue;
+      }
       curl_multi_poll(multi_, nullptr, 0, 1000, nullptr);
     }
     shutDown();
+    currentEngine = nullptr;
   }
 
  private:
@@ -283,6 +325,9 @@ class CurlEngine {
     ZVTransport::Completion done;
   };
 
+  // The engine whose I/O loop runs on this thread, if any.
+  static thread_local const CurlEngine* currentEngine;
+
   static ZVHTTPResult failure(ZVTransportFailure kind, std::string message) {
     ZVHTTPResult result;
     result.failure = kind;
@@ -290,20 +335,42 @@ class CurlEngine {
     return result;
   }
 
-  CURL* takeEasy() {
-    if (idle_.empty()) return curl_easy_init();
-    CURL* easy = idle_.back();
-    idle_.pop_back();
-    return easy;
+  // A transfer with its easy handle, from the pool when one is idle; null
+  // when libcurl has no memory for a handle.
+  std::unique_ptr<Transfer> takeTransfer() {
+    if (!idle_.empty()) {
+      std::unique_ptr<Transfer> transfer = std::move(idle_.back());
+      idle_.pop_back();
+      return transfer;
+    }
+    auto transfer = std::make_unique<Transfer>();
+    transfer->easy = curl_easy_init();
+    if (transfer->easy == nullptr) return nullptr;
+    return transfer;
   }
 
-  void recycle(CURL* easy) {
+  static void release(Transfer& t) {
+    if (t.easy != nullptr) curl_easy_cleanup(t.easy);
+    t.easy = nullptr;
+    curl_slist_free_all(t.headers);
+    t.headers = nullptr;
+  }
+
+  // Back to the pool once its completion has what it needs.
+  void recycle(std::unique_ptr<Transfer> transfer, bool inMulti) {
+    if (inMulti) curl_multi_remove_handle(multi_, transfer->easy);
+    transfer->request = {};
+    transfer->done = nullptr;
+    transfer->result = {};
     if (idle_.size() < kMaxIdleHandles) {
-      curl_easy_reset(easy);
-      idle_.push_back(easy);
-    } else {
-      curl_easy_cleanup(easy);
+      try {
+        idle_.push_back(std::move(transfer));
+        return;
+      } catch (...) {
+        // No room to keep it: free it below.
+      }
     }
+    release(*transfer);
   }
 
   // Runs one completion; no lock is held, so it may send again or even drop
@@ -319,9 +386,13 @@ class CurlEngine {
 
   void start(Pending pending) {
     std::unique_ptr<Transfer> transfer;
-    bool added = false;
     try {
-      transfer = std::make_unique<Transfer>();
+      transfer = takeTransfer();
+      if (!transfer) {
+        complete(pending.done,
+                 failure(ZVTransportFailure::Other, "could not start the request: out of memory"));
+        return;
+      }
       transfer->request = std::move(pending.request);
       transfer->done = std::move(pending.done);
       std::string problem = configure(*transfer);
@@ -329,46 +400,29 @@ class CurlEngine {
       if (problem.empty() && curl_multi_add_handle(multi_, transfer->easy) != CURLM_OK)
         problem = "could not start the request: out of memory";
       if (!problem.empty()) {
-        cleanUp(*transfer, false);
-        complete(transfer->done, failure(ZVTransportFailure::Other, std::move(problem)));
+        ZVTransport::Completion done = std::move(transfer->done);
+        recycle(std::move(transfer), false);
+        complete(done, failure(ZVTransportFailure::Other, std::move(problem)));
         return;
       }
-      added = true;
-      CURL* easy = transfer->easy;
-      active_.emplace(easy, std::move(transfer));
+      transfer->activeIndex = active_.size();
+      active_.push_back(std::move(transfer));
     } catch (...) {
-      // Only allocation fails here; the completion must still run, once.
+      // Only allocation fails here, before the handle joined the multi; the
+      // completion must still run, once.
       ZVTransport::Completion done = transfer ? std::move(transfer->done) : std::move(pending.done);
-      if (transfer) cleanUp(*transfer, added);
+      if (transfer) recycle(std::move(transfer), false);
       complete(done, failure(ZVTransportFailure::Other, "out of memory"));
     }
   }
 
-  // Sets up the easy handle; returns why the request cannot be sent, or "".
-  std::string configure(Transfer& t) {
-    const ZVHTTPRequest& r = t.request;
-    t.easy = takeEasy();
-    if (t.easy == nullptr) return "could not start the request: out of memory";
-    for (const auto& [name, value] : r.headers) {
-      // A line break in a header would let one header smuggle in others.
-      if (hasLineBreakOrNul(name) || hasLineBreakOrNul(value) || name.empty() ||
-          name.find(':') != std::string::npos)
-        return fmt::format("request header \"{}\" is not a valid header", name);
-      const std::string line = value.empty() ? name + ";" : name + ": " + value;
-      curl_slist* grown = curl_slist_append(t.headers, line.c_str());
-      if (grown == nullptr) return "could not start the request: out of memory";
-      t.headers = grown;
-    }
-    // No "Expect: 100-continue" round trip before a large body.
-    if (curl_slist* grown = curl_slist_append(t.headers, "Expect:")) t.headers = grown;
-
+  // The options every exchange shares; set on a fresh or reset handle.
+  void setConstantOptions(Transfer& t) {
     CURL* e = t.easy;
     curl_easy_setopt(e, CURLOPT_PRIVATE, &t);
-    curl_easy_setopt(e, CURLOPT_URL, r.url.c_str());
     curl_easy_setopt(e, CURLOPT_PROTOCOLS_STR, "http,https");
     curl_easy_setopt(e, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(e, CURLOPT_ERRORBUFFER, t.errorBuffer);
-    curl_easy_setopt(e, CURLOPT_HTTPHEADER, t.headers);
     curl_easy_setopt(e, CURLOPT_WRITEFUNCTION, onBody);
     curl_easy_setopt(e, CURLOPT_WRITEDATA, &t);
     curl_easy_setopt(e, CURLOPT_HEADERFUNCTION, onHeader);
@@ -376,49 +430,100 @@ class CurlEngine {
     curl_easy_setopt(e, CURLOPT_TCP_KEEPALIVE, 1L);
     curl_easy_setopt(e, CURLOPT_SSL_VERIFYPEER, 1L);
     curl_easy_setopt(e, CURLOPT_SSL_VERIFYHOST, 2L);
-    if (!r.caFile.empty()) curl_easy_setopt(e, CURLOPT_CAINFO, r.caFile.c_str());
     // CURL_HTTP_VERSION_2TLS keeps plain http on HTTP/1.1.
     curl_easy_setopt(e, CURLOPT_HTTP_VERSION,
                      options_.enableHTTP2 ? CURL_HTTP_VERSION_2TLS : CURL_HTTP_VERSION_1_1);
     if (options_.enableHTTP2) curl_easy_setopt(e, CURLOPT_PIPEWAIT, 1L);
+  }
+
+  // Builds the header list; returns why the headers cannot be sent, or "".
+  // On failure the handle is left with no list, so none is reused.
+  static std::string buildHeaders(Transfer& t) {
+    curl_slist_free_all(t.headers);
+    t.headers = nullptr;
+    t.headersSent.clear();
+    std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)> list(nullptr, curl_slist_free_all);
+    auto append = [&](const char* line) {
+      curl_slist* grown = curl_slist_append(list.get(), line);
+      if (grown == nullptr) return false;
+      list.release();
+      list.reset(grown);
+      return true;
+    };
+    for (const auto& [name, value] : t.request.headers) {
+      // A line break in a header would let one header smuggle in others.
+      if (hasLineBreakOrNul(name) || hasLineBreakOrNul(value) || name.empty() ||
+          name.find(':') != std::string::npos)
+        return fmt::format("request header \"{}\" is not a valid header", name);
+      const std::string line = value.empty() ? name + ";" : name + ": " + value;
+      if (!append(line.c_str())) return "could not start the request: out of memory";
+    }
+    // No "Expect: 100-continue" round trip before a large body.
+    append("Expect:");
+    t.headersSent = t.request.headers;
+    t.headers = list.release();
+    return "";
+  }
+
+  // Sets up the easy handle; returns why the request cannot be sent, or "".
+  std::string configure(Transfer& t) {
+    const ZVHTTPRequest& r = t.request;
+    CURL* e = t.easy;
+    t.overCap = false;
+    t.outOfMemory = false;
+    t.errorBuffer[0] = '\0';  // libcurl writes it only on some failures
+
+    // A handle keeps its options from one exchange to the next; one set up
+    // for another method or CA file starts again from libcurl's defaults.
+    const bool withBody = !r.body.empty();
+    if (!t.configured || t.method != r.method || t.withBody != withBody || t.caFile != r.caFile) {
+      if (t.configured) curl_easy_reset(e);
+      t.configured = false;
+      setConstantOptions(t);
+      if (!r.caFile.empty()) curl_easy_setopt(e, CURLOPT_CAINFO, r.caFile.c_str());
+      if (r.method == "GET" && !withBody) {
+        curl_easy_setopt(e, CURLOPT_HTTPGET, 1L);
+      } else if (r.method == "POST") {
+        curl_easy_setopt(e, CURLOPT_POST, 1L);
+      } else {
+        curl_easy_setopt(e, CURLOPT_CUSTOMREQUEST, r.method.c_str());
+      }
+      t.method = r.method;
+      t.withBody = withBody;
+      t.caFile = r.caFile;
+      t.headersSent.clear();
+      curl_slist_free_all(t.headers);
+      t.headers = nullptr;
+      t.configured = true;
+    }
+    if (t.headers == nullptr || t.headersSent != r.headers) {
+      std::string problem = buildHeaders(t);
+      curl_easy_setopt(e, CURLOPT_HTTPHEADER, t.headers);
+      if (!problem.empty()) return problem;
+    }
+
+    curl_easy_setopt(e, CURLOPT_URL, r.url.c_str());
     curl_easy_setopt(e, CURLOPT_CONNECTTIMEOUT_MS,
                      static_cast<long>(std::max<int64_t>(0, r.connectTimeout.count())));
     curl_easy_setopt(e, CURLOPT_TIMEOUT_MS,
                      static_cast<long>(std::max<int64_t>(0, r.totalTimeout.count())));
-    if (r.maxBodyBytes != 0) {
-      // Refuses an announced Content-Length above the cap before reading it.
-      curl_easy_setopt(e, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(r.maxBodyBytes));
-    }
-    if (r.method == "GET" && r.body.empty()) {
-      curl_easy_setopt(e, CURLOPT_HTTPGET, 1L);
-    } else {
-      if (r.method == "POST")
-        curl_easy_setopt(e, CURLOPT_POST, 1L);
-      else
-        curl_easy_setopt(e, CURLOPT_CUSTOMREQUEST, r.method.c_str());
-      if (!r.body.empty() || r.method == "POST") {
-        curl_easy_setopt(e, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(r.body.size()));
-        curl_easy_setopt(e, CURLOPT_POSTFIELDS, r.body.data());
-      }
+    // Refuses an announced Content-Length above the cap before reading it; 0
+    // lifts the limit.
+    curl_easy_setopt(e, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(r.maxBodyBytes));
+    if (withBody || r.method == "POST") {
+      curl_easy_setopt(e, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(r.body.size()));
+      curl_easy_setopt(e, CURLOPT_POSTFIELDS, r.body.data());
     }
     return "";
   }
 
-  void cleanUp(Transfer& t, bool inMulti) {
-    if (t.easy != nullptr) {
-      if (inMulti) curl_multi_remove_handle(multi_, t.easy);
-      recycle(t.easy);
-      t.easy = nullptr;
-    }
-    curl_slist_free_all(t.headers);
-    t.headers = nullptr;
-  }
-
   void finish(CURL* easy, CURLcode code) {
-    auto found = active_.find(easy);
-    if (found == active_.end()) return;
-    std::unique_ptr<Transfer> transfer = std::move(found->second);
-    active_.erase(found);
+    Transfer* found = nullptr;
+    curl_easy_getinfo(easy, CURLINFO_PRIVATE, &found);
+    if (found == nullptr || found->activeIndex >= active_.size() ||
+        active_[found->activeIndex].get() != found)
+      return;
+    std::unique_ptr<Transfer> transfer = takeActive(found->activeIndex);
     Transfer& t = *transfer;
     if (code == CURLE_OK) {
       long status = 0;
@@ -439,8 +544,22 @@ class CurlEngine {
         t.result = failure(ZVTransportFailure::Other, "out of memory");
       }
     }
-    cleanUp(t, true);
-    complete(t.done, std::move(t.result));
+    ZVTransport::Completion done = std::move(t.done);
+    ZVHTTPResult result = std::move(t.result);
+    recycle(std::move(transfer), true);
+    complete(done, std::move(result));
+  }
+
+  // Removes the exchange at `index` from the list under way; the last one
+  // takes its place.
+  std::unique_ptr<Transfer> takeActive(size_t index) {
+    std::unique_ptr<Transfer> transfer = std::move(active_[index]);
+    if (index + 1 != active_.size()) {
+      active_[index] = std::move(active_.back());
+      active_[index]->activeIndex = index;
+    }
+    active_.pop_back();
+    return transfer;
   }
 
   static ZVHTTPResult shutdownFailure(const ZVHTTPRequest& request) {
@@ -456,14 +575,16 @@ class CurlEngine {
   void shutDown() {
     auto active = std::move(active_);
     active_.clear();
-    for (auto& [easy, transfer] : active) {
-      cleanUp(*transfer, true);
-      complete(transfer->done, shutdownFailure(transfer->request));
+    for (auto& transfer : active) {
+      ZVTransport::Completion done = std::move(transfer->done);
+      ZVHTTPResult result = shutdownFailure(transfer->request);
+      recycle(std::move(transfer), true);
+      complete(done, std::move(result));
     }
     // Completions may send again while we fail the last requests: drain until
     // nothing is left.
     while (true) {
-      std::deque<Pending> left;
+      std::vector<Pending> left;
       {
         std::lock_guard lock(mutex_);
         if (queue_.empty()) break;
@@ -477,13 +598,16 @@ class CurlEngine {
   CURLM* multi_ = nullptr;
 
   std::mutex mutex_;
-  std::deque<Pending> queue_;  // guarded by mutex_
-  bool stopping_ = false;      // guarded by mutex_
+  std::vector<Pending> queue_;  // guarded by mutex_
+  bool wakeRequested_ = false;  // guarded by mutex_: a wakeup is on its way to the loop
+  bool stopping_ = false;       // guarded by mutex_
 
   // Touched by the I/O thread only.
-  std::unordered_map<CURL*, std::unique_ptr<Transfer>> active_;
-  std::vector<CURL*> idle_;
+  std::vector<std::unique_ptr<Transfer>> active_;
+  std::vector<std::unique_ptr<Transfer>> idle_;
 };
+
+thread_local const CurlEngine* CurlEngine::currentEngine = nullptr;
 
 class CurlTransport final : public ZVTransport {
  public:
