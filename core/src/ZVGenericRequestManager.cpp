@@ -46,10 +46,9 @@ void appendEscaped(std::string& out, unsigned char c) {
   out += kHex[c & 15];
 }
 
-// Everything but the unreserved characters and `keep` is escaped.
-std::string percentEncode(std::string_view text, std::string_view keep = {}) {
-  std::string out;
-  out.reserve(text.size());
+// Appends `text` with everything but the unreserved characters and `keep`
+// escaped.
+void appendPercentEncoded(std::string& out, std::string_view text, std::string_view keep = {}) {
   for (const char ch : text) {
     const auto c = static_cast<unsigned char>(ch);
     if (isUnreserved(c) || (c != 0 && keep.find(ch) != std::string_view::npos))
@@ -57,13 +56,17 @@ std::string percentEncode(std::string_view text, std::string_view keep = {}) {
     else
       appendEscaped(out, c);
   }
+}
+
+std::string percentEncode(std::string_view text, std::string_view keep = {}) {
+  std::string out;
+  out.reserve(text.size());
+  appendPercentEncoded(out, text, keep);
   return out;
 }
 
 // application/x-www-form-urlencoded: space as '+', the rest as in percentEncode.
-std::string formEncode(std::string_view text) {
-  std::string out;
-  out.reserve(text.size());
+void appendFormEncoded(std::string& out, std::string_view text) {
   for (const char ch : text) {
     const auto c = static_cast<unsigned char>(ch);
     if (isUnreserved(c))
@@ -73,11 +76,10 @@ std::string formEncode(std::string_view text) {
     else
       appendEscaped(out, c);
   }
-  return out;
 }
 
-std::string encodePath(std::string_view path, const std::string& encodedAppID) {
-  std::string out;
+// Appends the encoded path to `out`.
+void appendEncodedPath(std::string& out, std::string_view path, std::string_view encodedAppID) {
   size_t start = 0;
   // Only the template's own ":appid" is a placeholder: it precedes every path
   // value, and an id that reads ":appid" must reach the service as it is.
@@ -91,13 +93,12 @@ std::string encodePath(std::string_view path, const std::string& encodedAppID) {
       out += encodedAppID;
       appIDFilled = true;
     } else {
-      out += percentEncode(segment, ":@!$&'()*+,;=");
+      appendPercentEncoded(out, segment, ":@!$&'()*+,;=");
     }
     if (slash == std::string_view::npos) break;
     out += '/';
     start = slash + 1;
   }
-  return out;
 }
 
 bool hasAppIDSegment(std::string_view path) {
@@ -119,8 +120,13 @@ bool isSafeHostChar(unsigned char c) {
 // Resolution.
 
 struct ResolvedURL {
-  std::string url;          // what is sent, with the query
-  std::string hostAndPath;  // "host:port/path", for messages
+  std::string url;  // what is sent, with the query
+  // Where "host:port/path" lies in `url`, for messages.
+  size_t hostStart = 0;
+  size_t pathEnd = 0;
+  std::string_view hostAndPath() const {
+    return std::string_view(url).substr(hostStart, pathEnd - hostStart);
+  }
 };
 
 ResolvedURL resolve(const ZVConfiguration& config, const ZVGenericRequest& request,
@@ -171,17 +177,25 @@ ResolvedURL resolve(const ZVConfiguration& config, const ZVGenericRequest& reque
   ResolvedURL resolved;
   // An app id of "." or ".." would be a dot segment: encode it like one.
   std::string appID = percentEncode(config.appID);
-  if (appID == "." || appID == "..") appID = encodePath(appID, "");
-  const std::string path = encodePath(rest, appID);
-  resolved.hostAndPath = fmt::format("{}{}", host, path);
-  resolved.url = fmt::format("{}://{}", scheme, resolved.hostAndPath);
+  if (appID == "." || appID == "..") {
+    std::string dots;
+    appendEncodedPath(dots, appID, "");
+    appID = std::move(dots);
+  }
+  std::string& url = resolved.url;
+  url.reserve(scheme.size() + 3 + host.size() + rest.size() + appID.size() + 32);
+  url.append(scheme).append("://");
+  resolved.hostStart = url.size();
+  url.append(host);
+  appendEncodedPath(url, rest, appID);
+  resolved.pathEnd = url.size();
   if (request.method() != ZVRequestMethodSubmit && !request.params().empty()) {
     char separator = '?';
     for (const auto& [key, value] : request.params()) {
-      resolved.url += separator;
-      resolved.url += formEncode(key);
-      resolved.url += '=';
-      resolved.url += formEncode(value);
+      url += separator;
+      appendFormEncoded(url, key);
+      url += '=';
+      appendFormEncoded(url, value);
       separator = '&';
     }
   }
@@ -240,8 +254,9 @@ Outcome failed(int64_t type, const char* code, std::string message, ZVDictionary
   return {nullptr, std::make_shared<ZVError>(type, code, std::move(message)), std::move(raw)};
 }
 
-// Turns what the transport brought back into a response or an error.
-Outcome interpret(ZVHTTPResult result, const ZVGenericRequest& request, const ResolvedURL& where) {
+// Turns what the transport brought back into a response or an error; the
+// response takes the URL.
+Outcome interpret(ZVHTTPResult result, const ZVGenericRequest& request, ResolvedURL& where) {
   if (result.failure == ZVTransportFailure::TooLarge)
     return failed(ZVErrorTypeInvalidAnswer, ZVErrorAnswerTooLarge, result.failureMessage);
   if (result.failure != ZVTransportFailure::None)
@@ -265,10 +280,10 @@ Outcome interpret(ZVHTTPResult result, const ZVGenericRequest& request, const Re
       }
     }
     if (message.empty()) {
-      message = fmt::format("HTTP {} from {}", status, where.hostAndPath);
+      message = fmt::format("HTTP {} from {}", status, where.hostAndPath());
       if (raw)
         if (const ZVJSONValue* text = raw->find("message"); text && text->string())
-          message += ": " + *text->string();
+          message += ": " + std::string(*text->string());
     }
     Outcome outcome = failed(ZVErrorTypeHTTP, ZVErrorHTTPStatus, std::move(message), raw);
     outcome.error->setHTTPStatus(status);
@@ -283,7 +298,7 @@ Outcome interpret(ZVHTTPResult result, const ZVGenericRequest& request, const Re
     return failed(ZVErrorTypeInvalidAnswer, ZVErrorAnswerNotObject,
                   fmt::format("answer from {} is a JSON {}, not an object", where.url,
                               jsonTypeName(parsed.value.type())));
-  return {std::make_shared<ZVGenericResponse>(status, where.url, body), nullptr, body};
+  return {std::make_shared<ZVGenericResponse>(status, std::move(where.url), body), nullptr, body};
 }
 
 // ---------------------------------------------------------------------------
@@ -292,8 +307,9 @@ Outcome interpret(ZVHTTPResult result, const ZVGenericRequest& request, const Re
 // Calls the callback once, whoever asks first, and keeps the in-flight count.
 class Delivery {
  public:
-  Delivery(std::atomic<size_t>& inFlight, ZVRequestCallback callback, std::string kind)
-      : inFlight_(inFlight), callback_(std::move(callback)), kind_(std::move(kind)) {
+  Delivery(std::atomic<size_t>& inFlight, ZVRequestCallback callback,
+           std::shared_ptr<ZVGenericRequest> request)
+      : inFlight_(inFlight), callback_(std::move(callback)), request_(std::move(request)) {
     inFlight_.fetch_add(1);
   }
   Delivery(const Delivery&) = delete;
@@ -309,15 +325,18 @@ class Delivery {
       std::atomic<size_t>& count;
       ~Decrement() { count.fetch_sub(1); }
     } decrement{inFlight_};
+    static const std::string noKind;
     if (callback_)
-      callback_(kind_, std::move(outcome.response), std::move(outcome.error),
-                std::move(outcome.body));
+      callback_(request_ ? request_->kind() : noKind, std::move(outcome.response),
+                std::move(outcome.error), std::move(outcome.body));
   }
+
+  const std::shared_ptr<ZVGenericRequest>& request() const { return request_; }
 
  private:
   std::atomic<size_t>& inFlight_;
   ZVRequestCallback callback_;
-  std::string kind_;
+  std::shared_ptr<ZVGenericRequest> request_;
   std::atomic<bool> done_{false};
 };
 
@@ -424,8 +443,7 @@ void ZVGenericRequestManager::sendRequest(std::shared_ptr<ZVGenericRequest> requ
                                           ZVRequestCallback callback) {
   std::shared_ptr<Delivery> delivery;
   try {
-    delivery = std::make_shared<Delivery>(inFlight_, std::move(callback),
-                                          request ? request->kind() : std::string());
+    delivery = std::make_shared<Delivery>(inFlight_, std::move(callback), request);
   } catch (...) {
     return;  // out of memory before anything could be recorded
   }
@@ -436,7 +454,7 @@ void ZVGenericRequestManager::sendRequest(std::shared_ptr<ZVGenericRequest> requ
     }
     const ZVConfiguration config = Zorvane::configuration();
     std::string error;
-    auto where = std::make_shared<ResolvedURL>(resolve(config, *request, error));
+    ResolvedURL where = resolve(config, *request, error);
     if (!error.empty()) {
       refuse(delivery, failed(ZVErrorTypeConfiguration, ZVErrorNotConfigured, std::move(error)));
       return;
@@ -449,7 +467,8 @@ void ZVGenericRequestManager::sendRequest(std::shared_ptr<ZVGenericRequest> requ
     }
 
     ZVHTTPRequest http;
-    http.url = where->url;
+    http.url = where.url;
+    http.headers.reserve(4);
     http.headers.emplace_back("Accept", "application/json");
     if (!config.accessToken.empty())
       http.headers.emplace_back("Authorization", "Bearer " + config.accessToken);
@@ -481,16 +500,17 @@ void ZVGenericRequestManager::sendRequest(std::shared_ptr<ZVGenericRequest> requ
                               "could not start the HTTP transport"));
       return;
     }
-    sender->send(std::move(http), [delivery, request, where](ZVHTTPResult result) {
-      Outcome outcome;
-      try {
-        outcome = interpret(std::move(result), *request, *where);
-      } catch (const std::exception& e) {
-        outcome = failed(ZVErrorTypeTransport, ZVErrorTransportOther,
-                         fmt::format("could not read the answer: {}", e.what()));
-      }
-      (*delivery)(std::move(outcome));
-    });
+    sender->send(std::move(http),
+                 [delivery, where = std::move(where)](ZVHTTPResult result) mutable {
+                   Outcome outcome;
+                   try {
+                     outcome = interpret(std::move(result), *delivery->request(), where);
+                   } catch (const std::exception& e) {
+                     outcome = failed(ZVErrorTypeTransport, ZVErrorTransportOther,
+                                      fmt::format("could not read the answer: {}", e.what()));
+                   }
+                   (*delivery)(std::move(outcome));
+                 });
   } catch (...) {
     // Most likely bad_alloc while building the request; the callback still runs.
     std::string reason = "unknown error";
