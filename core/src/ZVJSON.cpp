@@ -5,7 +5,6 @@
 #include <cmath>
 #include <cstring>
 #include <iterator>
-#include <memory_resource>
 #include <new>
 #include <optional>
 #include <type_traits>
@@ -20,12 +19,12 @@ namespace zv_detail {
 // bumping a pointer in the parse order (which is the order records and
 // teardown read it back in) and given back all at once when the last
 // container or string cut from it is gone. Only the parsing thread cuts;
-// once sealed, storage that grows later comes from the heap.
-class ZVArena final : public std::pmr::memory_resource {
+// storage that grows after the parse comes from the heap.
+class ZVArena {
  public:
   explicit ZVArena(size_t firstChunk) : nextChunk_(std::max<size_t>(firstChunk, 256)) {}
-  ~ZVArena() override {
-    for (const Chunk& chunk : chunks_) ::operator delete(chunk.begin);
+  ~ZVArena() {
+    for (void* chunk : chunks_) ::operator delete(chunk);
   }
   ZVArena(const ZVArena&) = delete;
   ZVArena& operator=(const ZVArena&) = delete;
@@ -34,26 +33,14 @@ class ZVArena final : public std::pmr::memory_resource {
   void release() {
     if (refs_.fetch_sub(1, std::memory_order_acq_rel) == 1) delete this;
   }
-  void seal() {
-    std::sort(chunks_.begin(), chunks_.end(),
-              [](const Chunk& a, const Chunk& b) { return a.begin < b.begin; });
-    sealed_ = true;
-  }
 
- private:
-  struct Chunk {
-    char* begin;
-    char* end;
-  };
-  static constexpr size_t kMaxChunk = size_t{16} << 20;
-
-  void* do_allocate(size_t bytes, size_t align) override {
-    if (sealed_) return std::pmr::new_delete_resource()->allocate(bytes, align);
+  void* allocate(size_t bytes, size_t align) {
     auto at = [&] { return (reinterpret_cast<uintptr_t>(cursor_) + align - 1) & ~(align - 1); };
     if (cursor_ == nullptr || at() + bytes > reinterpret_cast<uintptr_t>(limit_)) {
       const size_t size = std::max(nextChunk_, bytes + align);
+      chunks_.reserve(chunks_.size() + 1);  // before the chunk: nothing leaks if this throws
       char* begin = static_cast<char*>(::operator new(size));
-      chunks_.push_back({begin, begin + size});
+      chunks_.push_back(begin);
       cursor_ = begin;
       limit_ = begin + size;
       nextChunk_ = std::min(nextChunk_ * 2, kMaxChunk);
@@ -63,30 +50,16 @@ class ZVArena final : public std::pmr::memory_resource {
     return p;
   }
 
-  void do_deallocate(void* p, size_t bytes, size_t align) override {
-    if (!owns(static_cast<char*>(p))) std::pmr::new_delete_resource()->deallocate(p, bytes, align);
-  }
-
-  bool do_is_equal(const std::pmr::memory_resource& other) const noexcept override {
-    return this == &other;
-  }
-
-  bool owns(const char* p) const {
-    if (!sealed_) {
-      return std::any_of(chunks_.begin(), chunks_.end(),
-                         [&](const Chunk& c) { return p >= c.begin && p < c.end; });
-    }
-    auto it = std::upper_bound(chunks_.begin(), chunks_.end(), p,
-                               [](const char* q, const Chunk& c) { return q < c.begin; });
-    return it != chunks_.begin() && p < std::prev(it)->end;
-  }
+ private:
+  // Small enough for malloc to serve from memory it already has, so that
+  // parsing answer after answer does not fault fresh pages in each time.
+  static constexpr size_t kMaxChunk = size_t{64} << 10;
 
   std::atomic<size_t> refs_{1};
-  std::vector<Chunk> chunks_;
+  std::vector<void*> chunks_;
   char* cursor_ = nullptr;
   char* limit_ = nullptr;
   size_t nextChunk_;
-  bool sealed_ = false;
 };
 
 ZVText* ZVText::make(std::string_view s) {
@@ -116,29 +89,39 @@ struct ZVJSONAccess {
   // Long strings are cut from the arena, which each of them keeps alive.
   static void setString(ZVJSONValue& value, std::string_view s, ZVArena& arena);
   static void setArray(ZVJSONValue& value, ZVArrayPtr array) {
-    new (&value.u_.array) ZVArrayPtr(std::move(array));
+    new (value.raw_) ZVArrayPtr(std::move(array));
     value.tag_ = ZVJSONValue::Tag::Array;
   }
   static void setDictionary(ZVJSONValue& value, ZVDictionaryPtr dictionary) {
-    new (&value.u_.dictionary) ZVDictionaryPtr(std::move(dictionary));
+    new (value.raw_) ZVDictionaryPtr(std::move(dictionary));
     value.tag_ = ZVJSONValue::Tag::Dictionary;
   }
   using Slot = ZVMutableDictionary::Slot;
   static auto& slots(ZVMutableDictionary& d) { return d.slots_; }
+  static auto& items(ZVMutableArray& a) { return a.items_; }
   static size_t& live(ZVMutableDictionary& d) { return d.live_; }
 };
+
+namespace {
+
+// A text cut from the arena, which it keeps alive.
+ZVText* arenaText(ZVArena& arena, std::string_view s) {
+  void* memory = arena.allocate(sizeof(ZVText) + s.size() + 1, alignof(ZVText));
+  arena.retain();
+  ZVText* text = new (memory) ZVText{{1}, s.size(), &arena};
+  std::memcpy(text->data(), s.data(), s.size());
+  text->data()[s.size()] = '\0';
+  return text;
+}
+
+}  // namespace
 
 void ZVJSONAccess::setString(ZVJSONValue& value, std::string_view s, ZVArena& arena) {
   if (s.size() <= ZVJSONValue::kInline) {
     value.setString(s);
     return;
   }
-  void* memory = arena.allocate(sizeof(ZVText) + s.size() + 1, alignof(ZVText));
-  arena.retain();
-  ZVText* text = new (memory) ZVText{{1}, s.size(), &arena};
-  std::memcpy(text->data(), s.data(), s.size());
-  text->data()[s.size()] = '\0';
-  value.u_.text = text;
+  new (value.raw_) ZVText*(arenaText(arena, s));
   value.tag_ = ZVJSONValue::Tag::LongString;
 }
 
@@ -154,10 +137,7 @@ struct ArenaAllocator {
   template <class U>
   ArenaAllocator(const ArenaAllocator<U>& other) noexcept : arena(other.arena) {}
   T* allocate(size_t n) { return static_cast<T*>(arena->allocate(n * sizeof(T), alignof(T))); }
-  void deallocate(T* p, size_t n) noexcept {
-    arena->deallocate(p, n * sizeof(T), alignof(T));
-    arena->release();
-  }
+  void deallocate(T*, size_t) noexcept { arena->release(); }
   template <class U>
   bool operator==(const ArenaAllocator<U>& other) const noexcept {
     return arena == other.arena;
@@ -167,7 +147,7 @@ struct ArenaAllocator {
 
 template <class T>
 std::shared_ptr<T> makeInArena(ZVArena& arena) {
-  auto made = std::allocate_shared<T>(ArenaAllocator<T>(&arena), &arena);
+  auto made = std::allocate_shared<T>(ArenaAllocator<T>(&arena));
   arena.retain();  // after success: a failed allocation deallocates nothing
   return made;
 }
@@ -182,8 +162,17 @@ constexpr size_t kHardMaxDepth = 1024;
 
 // Up to this many keys a pairwise scan beats sorting or hashing.
 constexpr size_t kLinearKeyLimit = 8;
-// The parser compares inline keys 16 bytes at a time: pairs stay cheap longer.
-constexpr size_t kPairwiseKeyLimit = 32;
+// Up to this many keys the parser finds repeats with a small table on the stack.
+constexpr size_t kHashedKeyLimit = 64;
+
+// Mixes a long key's length and its first and last eight bytes.
+uint64_t longKeyHash(std::string_view key) {
+  uint64_t head = 0;
+  uint64_t tail = 0;
+  std::memcpy(&head, key.data(), sizeof head);
+  std::memcpy(&tail, key.data() + key.size() - sizeof tail, sizeof tail);
+  return (head * 0x9E3779B97F4A7C15u) ^ ((tail + key.size()) * 0xC2B2AE3D27D4EB4Fu);
+}
 
 constexpr size_t kNotFound = static_cast<size_t>(-1);
 
@@ -361,11 +350,7 @@ class Builder {
       items_.push_back(std::move(value));
     }
     auto result = makeInArena<ZVMutableArray>(arena_);
-    auto& items = result->items();
-    items.reserve(items_.size() - base);
-    std::move(items_.begin() + static_cast<ptrdiff_t>(base), items_.end(),
-              std::back_inserter(items));
-    items_.resize(base);
+    fill(ZVJSONAccess::items(*result), items_, base);
     ZVJSONAccess::setArray(out, std::move(result));
     return true;
   }
@@ -383,18 +368,38 @@ class Builder {
       if (!check(std::move(member).get(field)) || !readKey(field, key) ||
           !build(field.value(), depth, value))
         return false;
-      slots_.push_back({zv_detail::ZVKey(key), std::move(value)});
+      slots_.push_back({makeKey(key), std::move(value)});
     }
     auto result = makeInArena<ZVMutableDictionary>(arena_);
     auto& slots = ZVJSONAccess::slots(*result);
-    slots.reserve(slots_.size() - base);
-    std::move(slots_.begin() + static_cast<ptrdiff_t>(base), slots_.end(),
-              std::back_inserter(slots));
-    slots_.resize(base);
+    fill(slots, slots_, base);
     ZVJSONAccess::live(*result) = slots.size();
     if (hasDuplicateKeys(slots)) mergeDuplicates(*result);
     ZVJSONAccess::setDictionary(out, std::move(result));
     return true;
+  }
+
+  // Moves the scratch stack's elements from `base` up into `store`, on
+  // memory of their exact size cut from the arena.
+  template <class Store, class T>
+  void fill(Store& store, std::vector<T>& scratch, size_t base) {
+    const size_t n = scratch.size() - base;
+    if (n != 0) store.borrow(arena_.allocate(n * sizeof(T), alignof(T)), n);
+    for (size_t i = base; i < scratch.size(); ++i) store.emplace_back(std::move(scratch[i]));
+    scratch.resize(base);
+  }
+
+  // Long keys repeat across the objects of a document: equal ones share one
+  // text, found through a small cache that forgets on collision.
+  zv_detail::ZVKey makeKey(std::string_view key) {
+    if (key.size() <= zv_detail::ZVKey::kInline) return zv_detail::ZVKey(key);
+    ZVText*& cached = keyCache_.texts[longKeyHash(key) >> 56];
+    if (cached == nullptr || std::string_view(cached->data(), cached->size) != key) {
+      if (cached != nullptr) cached->release();
+      cached = arenaText(arena_, key);
+    }
+    cached->retain();  // one reference for the key; the cache keeps its own
+    return zv_detail::ZVKey(cached);
   }
 
   bool readKey(od::field& field, std::string_view& key) {
@@ -414,12 +419,36 @@ class Builder {
   bool hasDuplicateKeys(const Slots& slots) {
     const size_t count = slots.size();
     if (count < 2) return false;
-    if (count <= kPairwiseKeyLimit) {
+    const auto same = [&](size_t i, size_t j) {
+      return slots[i].key.sameBytes(slots[j].key) ||
+             (slots[i].key.shared() && slots[j].key.shared() &&
+              slots[i].key.view() == slots[j].key.view());
+    };
+    if (count <= kLinearKeyLimit) {
       for (size_t i = 1; i < count; ++i)
         for (size_t j = 0; j < i; ++j)
-          if (slots[i].key.shared() ? slots[i].key.view() == slots[j].key.view()
-                                    : slots[i].key.sameBytes(slots[j].key))
-            return true;
+          if (same(i, j)) return true;
+      return false;
+    }
+    if (count <= kHashedKeyLimit) {
+      // Open addressing over twice as many places as keys; only keys that
+      // land on the same hash are compared.
+      constexpr uint8_t kEmpty = 0xFF;
+      uint8_t places[2 * kHashedKeyLimit];
+      std::memset(places, kEmpty, sizeof places);
+      const size_t mask = 2 * kHashedKeyLimit - 1;
+      for (size_t i = 0; i < count; ++i) {
+        const zv_detail::ZVKey& key = slots[i].key;
+        const uint64_t hash =
+            key.shared() ? longKeyHash(key.view()) : key.bits() * 0x9E3779B97F4A7C15u;
+        for (size_t at = hash >> 57;; at = (at + 1) & mask) {
+          if (places[at] == kEmpty) {
+            places[at] = static_cast<uint8_t>(i);
+            break;
+          }
+          if (same(i, places[at])) return true;
+        }
+      }
       return false;
     }
     keys_.clear();
@@ -433,7 +462,7 @@ class Builder {
     auto& slots = ZVJSONAccess::slots(dictionary);
     std::unordered_map<std::string_view, size_t> last;
     for (size_t i = 0; i < slots.size(); ++i) last[slots[i].key.view()] = i;
-    std::remove_reference_t<decltype(slots)> merged(slots.get_allocator());
+    std::remove_reference_t<decltype(slots)> merged;
     merged.reserve(last.size());
     for (size_t i = 0; i < slots.size(); ++i) {
       auto it = last.find(slots[i].key.view());
@@ -443,7 +472,7 @@ class Builder {
       slot.value = std::move(slots[it->second].value);
       it->second = kNotFound;
     }
-    slots.swap(merged);
+    slots = std::move(merged);
     ZVJSONAccess::live(dictionary) = slots.size();
   }
 
@@ -452,6 +481,13 @@ class Builder {
   std::vector<ZVJSONAccess::Slot>& slots_;
   std::vector<ZVJSONValue>& items_;
   ZVArena& arena_;
+  struct KeyCache {
+    ZVText* texts[256] = {};
+    ~KeyCache() {
+      for (ZVText* text : texts)
+        if (text != nullptr) text->release();
+    }
+  } keyCache_;
   simdjson::error_code error_ = simdjson::SUCCESS;
   bool tooDeep_ = false;
 };
@@ -743,38 +779,38 @@ bool equal(const ZVJSONValue& a, const ZVJSONValue& b, size_t depth) {
 // ZVJSONValue
 
 ZVJSONValue::ZVJSONValue(ZVArrayPtr a) noexcept : tag_(a ? Tag::Array : Tag::Nil) {
-  if (a) new (&u_.array) ZVArrayPtr(std::move(a));
+  if (a) new (raw_) ZVArrayPtr(std::move(a));
 }
 
 ZVJSONValue::ZVJSONValue(ZVDictionaryPtr d) noexcept : tag_(d ? Tag::Dictionary : Tag::Nil) {
-  if (d) new (&u_.dictionary) ZVDictionaryPtr(std::move(d));
+  if (d) new (raw_) ZVDictionaryPtr(std::move(d));
 }
 
 ZVJSONValue::ZVJSONValue(const ZVJSONValue& other) noexcept : tag_(other.tag_) {
   switch (tag_) {
     case Tag::LongString:
-      u_.text = other.u_.text;
-      u_.text->retain();
+      new (raw_) zv_detail::ZVText*(other.text());
+      text()->retain();
       break;
     case Tag::Array:
-      new (&u_.array) ZVArrayPtr(other.u_.array);
+      new (raw_) ZVArrayPtr(other.as<ZVArrayPtr>());
       break;
     case Tag::Dictionary:
-      new (&u_.dictionary) ZVDictionaryPtr(other.u_.dictionary);
+      new (raw_) ZVDictionaryPtr(other.as<ZVDictionaryPtr>());
       break;
     default:
-      std::memcpy(static_cast<void*>(&u_), static_cast<const void*>(&other.u_), sizeof u_);
+      std::memcpy(raw_, other.raw_, sizeof raw_);
       break;
   }
 }
 
 void ZVJSONValue::setString(std::string_view s) {
   if (s.size() <= kInline) {
-    std::memcpy(u_.chars, s.data(), s.size());
-    u_.chars[kInline] = static_cast<char>(s.size());
+    std::memcpy(raw_, s.data(), s.size());
+    raw_[kInline] = static_cast<char>(s.size());
     tag_ = Tag::ShortString;
   } else {
-    u_.text = zv_detail::ZVText::make(s);
+    new (raw_) zv_detail::ZVText*(zv_detail::ZVText::make(s));
     tag_ = Tag::LongString;
   }
 }
@@ -782,13 +818,13 @@ void ZVJSONValue::setString(std::string_view s) {
 void ZVJSONValue::destroy() noexcept {
   switch (tag_) {
     case Tag::LongString:
-      u_.text->release();
+      text()->release();
       break;
     case Tag::Array:
-      u_.array.~ZVArrayPtr();
+      as<ZVArrayPtr>().~ZVArrayPtr();
       break;
     case Tag::Dictionary:
-      u_.dictionary.~ZVDictionaryPtr();
+      as<ZVDictionaryPtr>().~ZVDictionaryPtr();
       break;
     default:
       break;
@@ -799,11 +835,11 @@ void ZVJSONValue::destroy() noexcept {
 double ZVJSONValue::doubleValue() const {
   switch (tag_) {
     case Tag::Double:
-      return u_.d;
+      return as<double>();
     case Tag::Integer:
-      return static_cast<double>(u_.i);
+      return static_cast<double>(as<int64_t>());
     case Tag::Bool:
-      return u_.b ? 1.0 : 0.0;
+      return as<bool>() ? 1.0 : 0.0;
     default:
       return 0.0;
   }
@@ -816,17 +852,17 @@ std::string ZVJSONValue::description() const {
     case Type::Null:
       return "<null>";
     case Type::Bool:
-      return u_.b ? "1" : "0";
+      return as<bool>() ? "1" : "0";
     case Type::Integer:
-      return fmt::format("{}", u_.i);
+      return fmt::format("{}", as<int64_t>());
     case Type::Double:
-      return fmt::format("{}", u_.d);
+      return fmt::format("{}", as<double>());
     case Type::String:
       return std::string(*string());
     case Type::Array:
-      return describe(*u_.array);
+      return describe(*as<ZVArrayPtr>());
     case Type::Dictionary:
-      return describe(*u_.dictionary);
+      return describe(*as<ZVDictionaryPtr>());
   }
   return {};
 }
@@ -842,9 +878,14 @@ ZVArrayPtr ZVMutableArray::make(std::vector<ZVJSONValue> items) {
   return std::make_shared<ZVMutableArray>(std::move(items));
 }
 
+ZVMutableArray::ZVMutableArray(std::vector<ZVJSONValue> items) {
+  items_.reserve(items.size());
+  for (ZVJSONValue& item : items) items_.push_back(std::move(item));
+}
+
 ZVArrayPtr ZVMutableArray::mutableCopy() const {
   auto copy = std::make_shared<ZVMutableArray>();
-  copy->items_.assign(items_.begin(), items_.end());
+  copy->items_ = items_;
   return copy;
 }
 
@@ -962,14 +1003,15 @@ void ZVMutableDictionary::takeObjectsForKeys(std::span<const std::string_view> k
 
 void ZVMutableDictionary::compactIfSparse() {
   if (slots_.size() - live_ <= live_) return;
-  std::erase_if(slots_, [](const Slot& s) { return s.value.isNil(); });
+  slots_.eraseIf([](const Slot& s) { return s.value.isNil(); });
 }
 
 ZVDictionaryPtr ZVMutableDictionary::prune() {
-  std::erase_if(slots_, [](const Slot& s) { return s.value.isNil() || s.value.isNull(); });
+  slots_.eraseIf([](const Slot& s) { return s.value.isNil() || s.value.isNull(); });
   live_ = slots_.size();
-  // What remains is usually kept for good: give back most of the unused room.
-  if (slots_.capacity() > 2 * slots_.size() + 4) slots_.shrink_to_fit();
+  // What remains is usually kept for good: give back most of the unused room
+  // (a parsed dictionary's room belongs to its arena and stays).
+  if (slots_.capacity() > 2 * slots_.size() + 4) slots_.shrinkToFit();
   if (ZVDictionaryPtr self = weak_from_this().lock()) return self;
   // Not owned by a shared pointer: the closest we can give is a copy.
   return mutableCopy();
@@ -1022,11 +1064,8 @@ ZVJSONParseResult parsePadded(const char* data, size_t size, size_t capacity, si
   // The walk holds the arena while it cuts from it; what it built holds it after.
   struct Hold {
     ZVArena* arena;
-    ~Hold() {
-      arena->seal();
-      arena->release();
-    }
-  } hold{new ZVArena(std::min(size * 2, size_t{1} << 20))};
+    ~Hold() { arena->release(); }
+  } hold{new ZVArena(std::min(size * 2, size_t{64} << 10))};
   Builder builder(limit, tp, *hold.arena);
   ZVJSONValue value;
   if (error == simdjson::SUCCESS && builder.build(document, 0, value)) {

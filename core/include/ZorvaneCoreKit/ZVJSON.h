@@ -11,12 +11,14 @@
 #pragma once
 
 #include <atomic>
+#include <bit>
 #include <cstdint>
 #include <cstring>
 #include <memory>
-#include <memory_resource>
+#include <new>
 #include <optional>
 #include <span>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -57,33 +59,35 @@ struct ZV_CORE_EXPORT ZVText {
   void destroy();
 };
 
-// A dictionary key in 16 bytes: up to 15 bytes held inline (the rest
-// zeroed, the count last), longer keys in a shared ZVText. Two inline keys
-// are equal exactly when their 16 bytes are, which makes lookups cheap.
-// Internal to the dictionary; hosts see keys as string views.
+// A dictionary key in 8 bytes: up to 7 bytes held inline, or a shared
+// ZVText (the parser shares one text among the equal long keys of a
+// document). One byte tags the form: odd for inline keys, with the count in
+// its upper bits and the rest zeroed, so two inline keys are equal exactly
+// when their 8 bytes are; a text's address is even there. Internal to the
+// dictionary; hosts see keys as string views.
 class ZV_CORE_EXPORT ZVKey {
  public:
-  static constexpr size_t kInline = 15;
+  static constexpr size_t kInline = 7;
 
-  ZVKey() noexcept { std::memset(bytes_, 0, sizeof bytes_); }
+  ZVKey() noexcept : ZVKey(std::string_view()) {}
   explicit ZVKey(std::string_view s) {
-    std::memset(bytes_, 0, sizeof bytes_);
     if (s.size() <= kInline) {
-      std::memcpy(bytes_, s.data(), s.size());
-      bytes_[kMarker] = static_cast<char>(s.size());
+      std::memset(bytes_, 0, sizeof bytes_);
+      std::memcpy(bytes_ + kCharsAt, s.data(), s.size());
+      bytes_[kTagAt] = static_cast<char>((s.size() << 1) | 1);
     } else {
-      ZVText* text = ZVText::make(s);
-      std::memcpy(bytes_, &text, sizeof text);
-      bytes_[kMarker] = kShared;
+      setText(ZVText::make(s));
     }
   }
+  /// Takes over one reference to `text`.
+  explicit ZVKey(ZVText* text) noexcept { setText(text); }
   ZVKey(const ZVKey& other) noexcept {
     std::memcpy(bytes_, other.bytes_, sizeof bytes_);
     if (shared()) text()->retain();
   }
   ZVKey(ZVKey&& other) noexcept {
     std::memcpy(bytes_, other.bytes_, sizeof bytes_);
-    std::memset(other.bytes_, 0, sizeof bytes_);
+    other.clearInline();
   }
   ZVKey& operator=(ZVKey other) noexcept {
     std::swap(bytes_, other.bytes_);
@@ -92,25 +96,148 @@ class ZV_CORE_EXPORT ZVKey {
   ~ZVKey() {
     if (shared()) text()->release();
   }
+
   std::string_view view() const {
     if (shared()) return {text()->data(), text()->size};
-    return {bytes_, static_cast<size_t>(bytes_[kMarker])};
+    return {bytes_ + kCharsAt, inlineSize()};
   }
-  bool shared() const { return bytes_[kMarker] == kShared; }
-  /// Byte-wise equality: exact for two inline keys, false for shared ones.
+  size_t size() const { return shared() ? text()->size : inlineSize(); }
+  bool shared() const { return (bytes_[kTagAt] & 1) == 0; }
+  /// The 8 bytes as a number, for hashing inline keys.
+  uint64_t bits() const {
+    uint64_t word;
+    std::memcpy(&word, bytes_, sizeof word);
+    return word;
+  }
+  /// Byte-wise equality: exact when either key is inline.
   bool sameBytes(const ZVKey& other) const {
-    return std::memcmp(bytes_, other.bytes_, sizeof bytes_) == 0 && !shared();
+    return std::memcmp(bytes_, other.bytes_, sizeof bytes_) == 0;
   }
 
  private:
-  static constexpr size_t kMarker = 15;
-  static constexpr char kShared = static_cast<char>(0x7F);
+  static constexpr bool kLittle = std::endian::native == std::endian::little;
+  static_assert(kLittle || std::endian::native == std::endian::big, "mixed-endian platform");
+  // The byte that holds a pointer's lowest bits, and where inline bytes start.
+  static constexpr size_t kTagAt = kLittle ? 0 : 7;
+  static constexpr size_t kCharsAt = kLittle ? 1 : 0;
+
+  size_t inlineSize() const { return static_cast<unsigned char>(bytes_[kTagAt]) >> 1; }
+  void clearInline() {
+    std::memset(bytes_, 0, sizeof bytes_);
+    bytes_[kTagAt] = 1;
+  }
+  void setText(ZVText* text) {
+    static_assert(alignof(ZVText) >= 2, "a text's address must be even");
+    std::memcpy(bytes_, &text, sizeof text);
+  }
   ZVText* text() const {
     ZVText* t;
     std::memcpy(&t, bytes_, sizeof t);
     return t;
   }
-  char bytes_[16];
+  alignas(8) char bytes_[8];
+};
+
+// A container's elements, contiguous: a lean vector (16 bytes) that can
+// start on memory it does not own (cut from a parse's arena) and moves to the
+// heap only if it grows.
+template <class T>
+class ZVStore {
+ public:
+  ZVStore() noexcept = default;
+  ZVStore(const ZVStore& other) : ZVStore() {
+    reserve(other.size());
+    for (const T& item : other) emplace_back(item);
+  }
+  ZVStore(ZVStore&& other) noexcept
+      : data_(std::exchange(other.data_, nullptr)),
+        size_(std::exchange(other.size_, 0)),
+        capacity_(std::exchange(other.capacity_, 0)) {}
+  ZVStore& operator=(ZVStore other) noexcept {
+    std::swap(data_, other.data_);
+    std::swap(size_, other.size_);
+    std::swap(capacity_, other.capacity_);
+    return *this;
+  }
+  ~ZVStore() {
+    clear();
+    if (owned()) ::operator delete(data_);
+  }
+
+  /// Starts an empty store on `capacity` elements' worth of memory at
+  /// `memory`, which the store never frees.
+  void borrow(void* memory, size_t capacity) {
+    clear();
+    if (owned()) ::operator delete(data_);
+    data_ = static_cast<T*>(memory);
+    capacity_ = checked(capacity) | kBorrowed;
+  }
+
+  size_t size() const { return size_; }
+  size_t capacity() const { return capacity_ & ~kBorrowed; }
+  bool empty() const { return size_ == 0; }
+  T* begin() { return data_; }
+  T* end() { return data_ + size_; }
+  const T* begin() const { return data_; }
+  const T* end() const { return data_ + size_; }
+  T& operator[](size_t i) { return data_[i]; }
+  const T& operator[](size_t i) const { return data_[i]; }
+  T& back() { return data_[size_ - 1]; }
+  const T& back() const { return data_[size_ - 1]; }
+
+  void reserve(size_t n) {
+    if (n > capacity()) moveTo(n);
+  }
+  template <class... Args>
+  T& emplace_back(Args&&... args) {
+    if (size_ == capacity()) moveTo(size_ < 4 ? 4 : 2 * static_cast<size_t>(size_));
+    T* item = new (data_ + size_) T(std::forward<Args>(args)...);
+    ++size_;
+    return *item;
+  }
+  void push_back(T item) { emplace_back(std::move(item)); }
+  void pop_back() { data_[--size_].~T(); }
+  void clear() {
+    while (size_ > 0) pop_back();
+  }
+  /// Removes the elements for which `pred` holds, keeping the others' order.
+  template <class Pred>
+  void eraseIf(Pred pred) {
+    uint32_t kept = 0;
+    for (uint32_t i = 0; i < size_; ++i) {
+      if (pred(data_[i])) continue;
+      if (kept != i) data_[kept] = std::move(data_[i]);
+      ++kept;
+    }
+    while (size_ > kept) pop_back();
+  }
+  /// Gives back unused room, unless the memory is borrowed.
+  void shrinkToFit() {
+    if (owned() && capacity() > size_) moveTo(size_);
+  }
+
+ private:
+  static constexpr uint32_t kBorrowed = uint32_t{1} << 31;
+  static uint32_t checked(size_t n) {
+    if (n >= kBorrowed) throw std::length_error("too many elements in a JSON container");
+    return static_cast<uint32_t>(n);
+  }
+  bool owned() const { return (capacity_ & kBorrowed) == 0 && data_ != nullptr; }
+  void moveTo(size_t n) {
+    const uint32_t capacity = checked(n);
+    T* fresh = n == 0 ? nullptr : static_cast<T*>(::operator new(n * sizeof(T)));
+    for (uint32_t i = 0; i < size_; ++i) {
+      new (fresh + i) T(std::move(data_[i]));
+      data_[i].~T();
+    }
+    if (owned()) ::operator delete(data_);
+    data_ = fresh;
+    capacity_ = capacity;
+  }
+
+  T* data_ = nullptr;
+  uint32_t size_ = 0;
+  uint32_t capacity_ = 0;  // the top bit marks borrowed memory
 };
 
 }  // namespace zv_detail
@@ -129,11 +256,11 @@ class ZV_CORE_EXPORT ZVJSONValue {
 
   ZVJSONValue() noexcept : tag_(Tag::Nil) {}  ///< nil
   ZVJSONValue(ZVNull) noexcept : tag_(Tag::Null) {}
-  ZVJSONValue(bool b) noexcept : tag_(Tag::Bool) { u_.b = b; }
-  ZVJSONValue(int i) noexcept : tag_(Tag::Integer) { u_.i = i; }
-  ZVJSONValue(long i) noexcept : tag_(Tag::Integer) { u_.i = i; }
-  ZVJSONValue(long long i) noexcept : tag_(Tag::Integer) { u_.i = i; }
-  ZVJSONValue(double d) noexcept : tag_(Tag::Double) { u_.d = d; }
+  ZVJSONValue(bool b) noexcept : tag_(Tag::Bool) { new (raw_) bool(b); }
+  ZVJSONValue(int i) noexcept : tag_(Tag::Integer) { new (raw_) int64_t(i); }
+  ZVJSONValue(long i) noexcept : tag_(Tag::Integer) { new (raw_) int64_t(i); }
+  ZVJSONValue(long long i) noexcept : tag_(Tag::Integer) { new (raw_) int64_t(i); }
+  ZVJSONValue(double d) noexcept : tag_(Tag::Double) { new (raw_) double(d); }
   ZVJSONValue(std::string_view s) { setString(s); }
   ZVJSONValue(const std::string& s) : ZVJSONValue(std::string_view(s)) {}
   ZVJSONValue(const char* s) : ZVJSONValue(std::string_view(s)) {}
@@ -144,7 +271,7 @@ class ZV_CORE_EXPORT ZVJSONValue {
 
   ZVJSONValue(const ZVJSONValue& other) noexcept;
   ZVJSONValue(ZVJSONValue&& other) noexcept : tag_(other.tag_) {
-    std::memcpy(static_cast<void*>(&u_), static_cast<const void*>(&other.u_), sizeof u_);
+    std::memcpy(raw_, other.raw_, sizeof raw_);
     other.tag_ = Tag::Nil;
   }
   ZVJSONValue& operator=(const ZVJSONValue& other) noexcept {
@@ -154,7 +281,7 @@ class ZV_CORE_EXPORT ZVJSONValue {
   ZVJSONValue& operator=(ZVJSONValue&& other) noexcept {
     if (this != &other) {
       reset();
-      std::memcpy(static_cast<void*>(&u_), static_cast<const void*>(&other.u_), sizeof u_);
+      std::memcpy(raw_, other.raw_, sizeof raw_);
       tag_ = other.tag_;
       other.tag_ = Tag::Nil;
     }
@@ -179,22 +306,21 @@ class ZV_CORE_EXPORT ZVJSONValue {
   /// The string, or no value when the value is not a string. The view stays
   /// valid as long as this value is neither changed nor destroyed.
   std::optional<std::string_view> string() const {
-    if (tag_ == Tag::ShortString)
-      return std::string_view(u_.chars, static_cast<size_t>(u_.chars[kInline]));
-    if (tag_ == Tag::LongString) return std::string_view(u_.text->data(), u_.text->size);
+    if (tag_ == Tag::ShortString) return std::string_view(raw_, static_cast<size_t>(raw_[kInline]));
+    if (tag_ == Tag::LongString) return std::string_view(text()->data(), text()->size);
     return std::nullopt;
   }
   /// The boolean, or false when the value is not a boolean.
-  bool boolValue() const { return tag_ == Tag::Bool && u_.b; }
+  bool boolValue() const { return tag_ == Tag::Bool && as<bool>(); }
   /// The integer, or 0 when the value is not an integer.
-  int64_t integerValue() const { return tag_ == Tag::Integer ? u_.i : 0; }
+  int64_t integerValue() const { return tag_ == Tag::Integer ? as<int64_t>() : 0; }
   /// The number as a double (integers and booleans converted), or 0.0.
   double doubleValue() const;
   /// The array, or an empty pointer when the value is not an array.
-  ZVArrayPtr array() const { return tag_ == Tag::Array ? u_.array : ZVArrayPtr(); }
+  ZVArrayPtr array() const { return tag_ == Tag::Array ? as<ZVArrayPtr>() : ZVArrayPtr(); }
   /// The dictionary, or an empty pointer when the value is not a dictionary.
   ZVDictionaryPtr dictionary() const {
-    return tag_ == Tag::Dictionary ? u_.dictionary : ZVDictionaryPtr();
+    return tag_ == Tag::Dictionary ? as<ZVDictionaryPtr>() : ZVDictionaryPtr();
   }
 
   /// Text form, as "%@" prints it: a string as it stands; an integer in
@@ -229,19 +355,24 @@ class ZV_CORE_EXPORT ZVJSONValue {
   }
   void destroy() noexcept;
 
-  union Storage {
-    Storage() noexcept {}
-    ~Storage() {}
-    bool b;
-    int64_t i;
-    double d;
-    char chars[kInline + 1];  // the bytes, then their count
-    zv_detail::ZVText* text;
-    ZVArrayPtr array;
-    ZVDictionaryPtr dictionary;
-  } u_;
+  template <class T>
+  T& as() {
+    return *std::launder(reinterpret_cast<T*>(raw_));
+  }
+  template <class T>
+  const T& as() const {
+    return *std::launder(reinterpret_cast<const T*>(raw_));
+  }
+  zv_detail::ZVText* text() const { return as<zv_detail::ZVText*>(); }
+
+  // The payload: a scalar, a text's address or a shared pointer at the start,
+  // or a short string's bytes followed by their count. With the tag after
+  // it, a value takes 24 bytes.
+  alignas(8) char raw_[kInline + 1];
   Tag tag_;
 };
+
+static_assert(sizeof(ZVJSONValue) == 24, "a JSON value is meant to take 24 bytes");
 
 /// A mutable JSON array.
 ///
@@ -252,13 +383,8 @@ class ZV_CORE_EXPORT ZVMutableArray final : public ZVObject {
   static ZVArrayPtr make() { return std::make_shared<ZVMutableArray>(); }
   static ZVArrayPtr make(std::vector<ZVJSONValue> items);
 
-  using Items = std::pmr::vector<ZVJSONValue>;
-
   ZVMutableArray() = default;
-  explicit ZVMutableArray(std::vector<ZVJSONValue> items)
-      : items_(std::make_move_iterator(items.begin()), std::make_move_iterator(items.end())) {}
-  /// An empty array whose storage comes from `resource`, which must outlive it.
-  explicit ZVMutableArray(std::pmr::memory_resource* resource) : items_(resource) {}
+  explicit ZVMutableArray(std::vector<ZVJSONValue> items);
 
   size_t count() const { return items_.size(); }
   bool empty() const { return items_.empty(); }
@@ -270,8 +396,8 @@ class ZV_CORE_EXPORT ZVMutableArray final : public ZVObject {
   auto end() const { return items_.end(); }
   auto begin() { return items_.begin(); }
   auto end() { return items_.end(); }
-  Items& items() { return items_; }
-  const Items& items() const { return items_; }
+  std::span<ZVJSONValue> items() { return {items_.begin(), items_.size()}; }
+  std::span<const ZVJSONValue> items() const { return {items_.begin(), items_.size()}; }
 
   /// A new array holding the same values (nested containers shared).
   ZVArrayPtr mutableCopy() const;
@@ -280,7 +406,7 @@ class ZV_CORE_EXPORT ZVMutableArray final : public ZVObject {
 
  private:
   friend struct ZVJSONAccess;  // the parser builds values in place
-  Items items_;
+  zv_detail::ZVStore<ZVJSONValue> items_;
 };
 
 /// A mutable JSON object whose keys keep their insertion order.
@@ -301,8 +427,6 @@ class ZV_CORE_EXPORT ZVMutableDictionary final
   static ZVDictionaryPtr make(std::vector<Entry> entries);
 
   ZVMutableDictionary() = default;
-  /// An empty dictionary whose storage comes from `resource`, which must outlive it.
-  explicit ZVMutableDictionary(std::pmr::memory_resource* resource) : slots_(resource) {}
 
   size_t count() const { return live_; }
   bool empty() const { return live_ == 0; }
@@ -359,7 +483,7 @@ class ZV_CORE_EXPORT ZVMutableDictionary final
   // Removed entries become nil tombstones so that removal does not shift the
   // vector; they are compacted once they outnumber the live entries.
   void compactIfSparse();
-  std::pmr::vector<Slot> slots_;
+  zv_detail::ZVStore<Slot> slots_;
   size_t live_ = 0;
 };
 
