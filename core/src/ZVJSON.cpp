@@ -30,6 +30,10 @@ class ZVArena {
   ZVArena& operator=(const ZVArena&) = delete;
 
   void retain() { refs_.fetch_add(1, std::memory_order_relaxed); }
+  // For the parsing thread, while nothing cut from the arena is visible elsewhere.
+  void retainUnshared() {
+    refs_.store(refs_.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+  }
   void release() {
     if (refs_.fetch_sub(1, std::memory_order_acq_rel) == 1) delete this;
   }
@@ -107,7 +111,7 @@ namespace {
 // A text cut from the arena, which it keeps alive.
 ZVText* arenaText(ZVArena& arena, std::string_view s) {
   void* memory = arena.allocate(sizeof(ZVText) + s.size() + 1, alignof(ZVText));
-  arena.retain();
+  arena.retainUnshared();
   ZVText* text = new (memory) ZVText{{1}, s.size(), &arena};
   std::memcpy(text->data(), s.data(), s.size());
   text->data()[s.size()] = '\0';
@@ -148,7 +152,7 @@ struct ArenaAllocator {
 template <class T>
 std::shared_ptr<T> makeInArena(ZVArena& arena) {
   auto made = std::allocate_shared<T>(ArenaAllocator<T>(&arena));
-  arena.retain();  // after success: a failed allocation deallocates nothing
+  arena.retainUnshared();  // after success: a failed allocation deallocates nothing
   return made;
 }
 
@@ -398,7 +402,7 @@ class Builder {
       if (cached != nullptr) cached->release();
       cached = arenaText(arena_, key);
     }
-    cached->retain();  // one reference for the key; the cache keeps its own
+    cached->retainUnshared();  // one reference for the key; the cache keeps its own
     return zv_detail::ZVKey(cached);
   }
 

@@ -51,6 +51,10 @@ struct ZV_CORE_EXPORT ZVText {
   char* data() { return reinterpret_cast<char*>(this + 1); }
   static ZVText* make(std::string_view s);
   void retain() { refs.fetch_add(1, std::memory_order_relaxed); }
+  // For the parsing thread, while nothing it built is visible elsewhere.
+  void retainUnshared() {
+    refs.store(refs.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+  }
   void release() {
     if (refs.fetch_sub(1, std::memory_order_acq_rel) == 1) destroy();
   }
@@ -123,8 +127,8 @@ class ZV_CORE_EXPORT ZVKey {
 
   size_t inlineSize() const { return static_cast<unsigned char>(bytes_[kTagAt]) >> 1; }
   void clearInline() {
-    std::memset(bytes_, 0, sizeof bytes_);
-    bytes_[kTagAt] = 1;
+    constexpr uint64_t kEmpty = kLittle ? 1 : uint64_t{1} << 56;  // the tag of ""
+    std::memcpy(bytes_, &kEmpty, sizeof bytes_);
   }
   void setText(ZVText* text) {
     static_assert(alignof(ZVText) >= 2, "a text's address must be even");
@@ -270,8 +274,10 @@ class ZV_CORE_EXPORT ZVJSONValue {
   ZVJSONValue(ZVDictionaryPtr d) noexcept;
 
   ZVJSONValue(const ZVJSONValue& other) noexcept;
-  ZVJSONValue(ZVJSONValue&& other) noexcept : tag_(other.tag_) {
-    std::memcpy(raw_, other.raw_, sizeof raw_);
+  // Moves copy the whole 24 bytes at once: whatever the payload, it moves by
+  // its bytes, and the source is left nil.
+  ZVJSONValue(ZVJSONValue&& other) noexcept {
+    std::memcpy(static_cast<void*>(this), static_cast<const void*>(&other), sizeof(ZVJSONValue));
     other.tag_ = Tag::Nil;
   }
   ZVJSONValue& operator=(const ZVJSONValue& other) noexcept {
@@ -281,8 +287,7 @@ class ZV_CORE_EXPORT ZVJSONValue {
   ZVJSONValue& operator=(ZVJSONValue&& other) noexcept {
     if (this != &other) {
       reset();
-      std::memcpy(raw_, other.raw_, sizeof raw_);
-      tag_ = other.tag_;
+      std::memcpy(static_cast<void*>(this), static_cast<const void*>(&other), sizeof(ZVJSONValue));
       other.tag_ = Tag::Nil;
     }
     return *this;
