@@ -1,6 +1,7 @@
 #include <ZorvaneCoreKit/ZVJSON.h>
 
 #include <algorithm>
+#include <bit>
 #include <charconv>
 #include <cmath>
 #include <cstring>
@@ -810,7 +811,7 @@ ZVJSONValue::ZVJSONValue(const ZVJSONValue& other) noexcept : tag_(other.tag_) {
 
 void ZVJSONValue::setString(std::string_view s) {
   if (s.size() <= kInline) {
-    std::memcpy(raw_, s.data(), s.size());
+    if (!s.empty()) std::memcpy(raw_, s.data(), s.size());
     raw_[kInline] = static_cast<char>(s.size());
     tag_ = Tag::ShortString;
   } else {
@@ -986,18 +987,35 @@ ZVJSONValue ZVMutableDictionary::getAndRemoveObjectForKey(std::string_view key) 
 void ZVMutableDictionary::takeObjectsForKeys(std::span<const std::string_view> keys,
                                              std::span<ZVJSONValue> values) {
   const size_t wanted = std::min(keys.size(), values.size());
+  // The wanted keys grouped by length: a slot's key is compared only with
+  // the wanted keys of its length that are not taken yet.
+  constexpr size_t kMaxIndexed = 64;
+  const bool indexed = wanted <= kMaxIndexed;
+  uint64_t byLength[kMaxIndexed] = {};
+  if (indexed) {
+    for (size_t i = 0; i < wanted; ++i)
+      if (keys[i].size() < kMaxIndexed) byLength[keys[i].size()] |= uint64_t{1} << i;
+  }
   size_t taken = 0;
   for (Slot& slot : slots_) {
     if (taken == wanted) break;
     if (slot.value.isNil()) continue;
     const std::string_view key = slot.key.view();
-    for (size_t i = 0; i < wanted; ++i) {
-      // Lengths differ for most pairs: the bytes are compared only when they match.
-      if (keys[i].size() != key.size() || !values[i].isNil() || keys[i] != key) continue;
+    const auto take = [&](size_t i) {
+      if (!values[i].isNil() || keys[i] != key) return false;
       values[i] = std::move(slot.value);
       --live_;
       ++taken;
-      break;
+      return true;
+    };
+    if (indexed && key.size() < kMaxIndexed) {
+      for (uint64_t candidates = byLength[key.size()]; candidates != 0;
+           candidates &= candidates - 1) {
+        if (take(static_cast<size_t>(std::countr_zero(candidates)))) break;
+      }
+    } else if (!indexed) {
+      for (size_t i = 0; i < wanted; ++i)
+        if (take(i)) break;
     }
   }
   if (taken == 0) return;

@@ -228,6 +228,43 @@ TEST(JSONTest, Descriptions) {
             "[\n  \"\xEF\xBF\xBD\",\n  nan\n]");
 }
 
+TEST(JSONTest, ParsedPiecesOutliveTheirTreeAndGrowOnTheHeap) {
+  // Long strings and keys, and containers, come from one arena per parse:
+  // each piece taken out must keep working after the rest is gone, on
+  // another thread, and grow past the room it was parsed with.
+  const std::string text =
+      R"({"offers":[{"a long shared key":"first text over 22 bytes",)"
+      R"("id":"1","list":[1]},{"a long shared key":"second text over 22 bytes",)"
+      R"("id":"2","nested":{"x":1}}]})";
+  ZVJSONValue second, list, longText;
+  {
+    ZVDictionaryPtr root = parse(text).dictionary();
+    ZVArrayPtr offers = root->objectForKey("offers").array();
+    ZVDictionaryPtr first = (*offers)[0].dictionary();
+    list = first->objectForKey("list");
+    longText = first->getAndRemoveObjectForKey("a long shared key");
+    second = (*offers)[1];
+  }
+  std::thread([&] {
+    ZVDictionaryPtr d = second.dictionary();
+    ZVJSONValue taken[3];
+    const std::string_view keys[] = {"id", "absent", "a long shared key"};
+    d->takeObjectsForKeys(keys, taken);
+    EXPECT_EQ(*taken[0].string(), "2");
+    EXPECT_TRUE(taken[1].isNil());
+    EXPECT_EQ(*taken[2].string(), "second text over 22 bytes");
+    EXPECT_EQ(d->allKeys(), std::vector<std::string>{"nested"});
+    for (int i = 0; i < 40; ++i) d->setObject(fmt::format("grown key number {}", i), i);
+    d->objectForKey("nested").dictionary()->setObject("y", "a text longer than the inline room");
+    EXPECT_EQ(d->count(), 41u);
+    for (int i = 0; i < 100; ++i) list.array()->add(i);
+  }).join();
+  EXPECT_EQ(*longText.string(), "first text over 22 bytes");
+  EXPECT_EQ(list.array()->count(), 101u);
+  EXPECT_EQ(compact(second.dictionary()->objectForKey("nested")),
+            R"({"x":1,"y":"a text longer than the inline room"})");
+}
+
 TEST(JSONTest, ParsesConcurrentlyOnManyThreads) {
   std::vector<std::thread> threads;
   std::vector<std::string> results(4);

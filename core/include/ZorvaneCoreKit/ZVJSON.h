@@ -73,11 +73,11 @@ class ZV_CORE_EXPORT ZVKey {
  public:
   static constexpr size_t kInline = 7;
 
-  ZVKey() noexcept : ZVKey(std::string_view()) {}
+  ZVKey() noexcept { clearInline(); }
   explicit ZVKey(std::string_view s) {
     if (s.size() <= kInline) {
       std::memset(bytes_, 0, sizeof bytes_);
-      std::memcpy(bytes_ + kCharsAt, s.data(), s.size());
+      if (!s.empty()) std::memcpy(bytes_ + kCharsAt, s.data(), s.size());
       bytes_[kTagAt] = static_cast<char>((s.size() << 1) | 1);
     } else {
       setText(ZVText::make(s));
@@ -516,6 +516,15 @@ struct ZVJSONParseResult {
 /// leaves that room (the SDK's transport keeps it for answer bodies); the
 /// others copy the text first. A thread keeps its parser's buffers for the
 /// next text up to a few megabytes and gives larger ones back.
+///
+/// Memory: the containers, long strings and long keys of one result are cut
+/// from one arena, in parse order, and the arena is freed when the last of
+/// them is gone. A piece kept after the rest is dropped (a nested dictionary,
+/// a record's `extras`, a long string) therefore keeps the whole result's
+/// memory, about three times the text. That is the trade for a parse and a
+/// teardown without a heap allocation or free per piece; the SDK keeps a
+/// catalogue's records together, so they share one arena. Containers that
+/// grow after the parse take their new room from the heap.
 ZV_CORE_EXPORT ZVJSONParseResult ZVJSONParse(std::string_view text,
                                              const ZVJSONParseOptions& options = {});
 ZV_CORE_EXPORT ZVJSONParseResult ZVJSONParse(const std::string& text,
