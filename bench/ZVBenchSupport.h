@@ -15,8 +15,9 @@ namespace zvbench {
 /// manager's routing and handler, and the delivery on the main queue. The
 /// manager keeps the catalogue as its cache; call `forgetCatalogue` to
 /// release it. Returns null when the body is not an offers answer. Give it
-/// a body prepared by `asAnswerBody`, as the transport hands bodies over.
-ZVOfferArrayPtr decodeOffers(const std::string& body);
+/// a body prepared by `asAnswerBody`, as the transport hands bodies over;
+/// the parse pads it in place and leaves it as it was.
+ZVOfferArrayPtr decodeOffers(std::string& body);
 
 /// Gives `body` the spare capacity past its end that the transport leaves
 /// on every answer body (`ZVJSONPadding`), so that parsers read it in place.

@@ -23,7 +23,8 @@ void cacheHit(benchmark::State& state) {
   const auto size = static_cast<size_t>(state.range(0));
   ZVRewardsManager* manager = ZVRewardsManager::instance();
   manager->setRefreshInterval(1e9);
-  ZVOfferArrayPtr decoded = zvbench::decodeOffers(zvbench::asAnswerBody(zvbench::makeCatalogue(size)));
+  std::string body = zvbench::asAnswerBody(zvbench::makeCatalogue(size));
+  ZVOfferArrayPtr decoded = zvbench::decodeOffers(body);
   if (!decoded || decoded->size() != size) {
     state.SkipWithError("the catalogue did not decode");
     return;

@@ -53,9 +53,10 @@ bool same(simdjson::dom::element e, const ZVJSONValue& v) {
   switch (e.type()) {
     case T::ARRAY: {
       const ZVArrayPtr array = v.array();
-      if (!array || array->count() != e.get_array().value_unsafe().size()) return false;
+      const simdjson::dom::array items = e.get_array().value_unsafe();
+      if (!array || array->count() != items.size()) return false;
       size_t i = 0;
-      for (auto item : e.get_array().value_unsafe())
+      for (auto item : items)
         if (!same(item, (*array)[i++])) return false;
       return true;
     }

@@ -208,6 +208,7 @@ struct ThreadParser {
   // container then gets storage of its exact size, allocated once.
   std::vector<ZVJSONAccess::Slot> slots;
   std::vector<ZVJSONValue> items;
+  simdjson::dom::parser scalars;  // for scalars the walk leaves to the DOM parser
 
   // Sets the depth bound, which a fresh parser does not have yet.
   simdjson::error_code prepare(size_t size) {
@@ -217,6 +218,7 @@ struct ThreadParser {
 
   void trim() {
     if (parser.capacity() > kKeptCapacity) parser = od::parser();
+    if (scalars.capacity() > kKeptCapacity) scalars = simdjson::dom::parser();
     if (padded.capacity() > kKeptCapacity) std::vector<char>().swap(padded);
     if (keys.capacity() > 4096) std::vector<std::string_view>().swap(keys);
     if (slots.capacity() > 4096) std::vector<ZVJSONAccess::Slot>().swap(slots);
@@ -232,6 +234,40 @@ ThreadParser& threadParser() {
 
 std::string depthError(size_t limit) {
   return fmt::format("JSON nesting is deeper than {} levels", limit);
+}
+
+// A scalar text parsed on its own by the DOM parser (padded: `capacity` is at
+// least `size` + ZVJSONPadding).
+simdjson::error_code parseScalar(simdjson::dom::parser& parser, const char* data, size_t size,
+                                 size_t capacity, ZVJSONValue& out) {
+  simdjson::dom::element root;
+  if (const auto error = parser.parse(simdjson::padded_string_view(data, size, capacity)).get(root);
+      error != simdjson::SUCCESS)
+    return error;
+  using T = simdjson::dom::element_type;
+  switch (root.type()) {
+    case T::INT64:
+      out = ZVJSONValue(static_cast<long long>(root.get_int64().value_unsafe()));
+      break;
+    case T::UINT64:
+      out = ZVJSONValue(static_cast<double>(root.get_uint64().value_unsafe()));
+      break;
+    case T::DOUBLE:
+      out = ZVJSONValue(root.get_double().value_unsafe());
+      break;
+    case T::STRING:
+      out = ZVJSONValue(root.get_string().value_unsafe());
+      break;
+    case T::BOOL:
+      out = ZVJSONValue(root.get_bool().value_unsafe());
+      break;
+    case T::NULL_VALUE:
+      out = ZVJSONValue::null();
+      break;
+    default:  // blank space before a container is handled by the walk
+      return simdjson::INCORRECT_TYPE;
+  }
+  return simdjson::SUCCESS;
 }
 
 // The text of a string token without its quotes, when it holds no escape
@@ -255,7 +291,8 @@ class Builder {
         keys_(scratch.keys),
         slots_(scratch.slots),
         items_(scratch.items),
-        arena_(arena) {}
+        arena_(arena),
+        scalars_(scratch.scalars) {}
 
   simdjson::error_code error() const { return error_; }
   bool tooDeep() const { return tooDeep_; }
@@ -302,34 +339,59 @@ class Builder {
     return false;
   }
 
+  // The kind is read first and the number then by the getter of that kind
+  // (get_number() reads floats with more than 19 digits as 0 in this
+  // simdjson). A number the walk cannot read (a huge exponent, an integer
+  // beyond 64 bits) is read again on its own by the DOM parser, which has
+  // the last word; a failed getter leaves it for the walk to step over.
   template <class V>
   bool buildNumber(V& v, ZVJSONValue& out) {
-    od::number number;
-    if (!check(v.get_number().get(number))) return false;
-    switch (number.get_number_type()) {
-      case od::number_type::signed_integer:
-        out = ZVJSONValue(static_cast<long long>(number.get_int64()));
-        return true;
-      case od::number_type::unsigned_integer:
-        // Above the signed range: kept as the nearest double rather than refused.
-        out = ZVJSONValue(static_cast<double>(number.get_uint64()));
-        return true;
-      case od::number_type::floating_point_number:
-        out = ZVJSONValue(number.get_double());
-        return true;
+    od::number_type kind;
+    if (v.get_number_type().get(kind) == simdjson::SUCCESS) {
+      switch (kind) {
+        case od::number_type::signed_integer:
+          if (int64_t i = 0; v.get_int64().get(i) == simdjson::SUCCESS) {
+            out = ZVJSONValue(static_cast<long long>(i));
+            return true;
+          }
+          break;
+        case od::number_type::unsigned_integer:
+          // Above the signed range: kept as the nearest double rather than refused.
+          if (uint64_t u = 0; v.get_uint64().get(u) == simdjson::SUCCESS) {
+            out = ZVJSONValue(static_cast<double>(u));
+            return true;
+          }
+          break;
+        case od::number_type::floating_point_number:
+          // Past 19 digits the walk's own reading can be wrong: the DOM's is not.
+          if (double d = 0;
+              rawToken(v).size() <= 19 && v.get_double().get(d) == simdjson::SUCCESS) {
+            out = ZVJSONValue(d);
+            return true;
+          }
+          break;
+      }
     }
-    return check(simdjson::NUMBER_ERROR);
+    const std::string_view token = rawToken(v);
+    numberText_.assign(token);
+    numberText_.append(ZVJSONPadding, ' ');
+    return check(parseScalar(scalars_, numberText_.data(), token.size(), numberText_.size(), out));
+  }
+
+  // A token as it stands in the text, blank space after it included.
+  template <class V>
+  static std::string_view rawToken(V& v) {
+    if constexpr (std::is_same_v<V, od::document>) {
+      std::string_view token;
+      return v.raw_json_token().get(token) == simdjson::SUCCESS ? token : std::string_view();
+    } else {
+      return v.raw_json_token();
+    }
   }
 
   template <class V>
   bool buildString(V& v, ZVJSONValue& out) {
-    std::string_view token;
-    if constexpr (std::is_same_v<V, od::document>) {
-      if (!check(v.raw_json_token().get(token))) return false;
-    } else {
-      token = v.raw_json_token();
-    }
-    if (const std::optional<std::string_view> text = plainString(token)) {
+    if (const std::optional<std::string_view> text = plainString(rawToken(v))) {
       // Most strings hold no escape: copied once, straight from the text.
       od::raw_json_string raw;
       if (!check(v.get_raw_json_string().get(raw))) return false;
@@ -486,6 +548,8 @@ class Builder {
   std::vector<ZVJSONAccess::Slot>& slots_;
   std::vector<ZVJSONValue>& items_;
   ZVArena& arena_;
+  std::string numberText_;  // a number read again on its own
+  simdjson::dom::parser& scalars_;
   struct KeyCache {
     ZVText* texts[256] = {};
     ~KeyCache() {
@@ -1080,6 +1144,17 @@ namespace {
 ZVJSONParseResult parsePadded(const char* data, size_t size, size_t capacity, size_t limit,
                               ThreadParser& tp) {
   ZVJSONParseResult result;
+  // A scalar on its own (a number, a string, true...) goes to the DOM parser:
+  // the On-Demand walk misreads some, e.g. with long blank space after them.
+  const auto blank = [](char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r'; };
+  size_t first = 0;
+  while (first < size && blank(data[first])) ++first;
+  if (first == size || (data[first] != '{' && data[first] != '[')) {
+    if (const auto error = parseScalar(tp.scalars, data, size, capacity, result.value);
+        error != simdjson::SUCCESS)
+      result.error = fmt::format("invalid JSON: {}", simdjson::error_message(error));
+    return result;
+  }
   od::document document;
   simdjson::error_code error = tp.prepare(size);
   if (error == simdjson::SUCCESS) error = tp.parser.iterate(data, size, capacity).get(document);
@@ -1116,9 +1191,12 @@ ZVJSONParseResult parse(std::string_view text, size_t capacity, const ZVJSONPars
     ThreadParser& tp = threadParser();
     const char* data = text.data() != nullptr ? text.data() : "";
     if (capacity < text.size() + ZVJSONPadding) {
-      // No room to read past the end: work on a padded copy.
+      // No room to read past the end: work on a padded copy. The padding is
+      // blank, as what lies past a text's end can change how its last token
+      // reads.
       tp.padded.resize(text.size() + ZVJSONPadding);
       std::memcpy(tp.padded.data(), data, text.size());
+      std::memset(tp.padded.data() + text.size(), ' ', ZVJSONPadding);
       data = tp.padded.data();
       capacity = tp.padded.size();
     }
@@ -1137,8 +1215,16 @@ ZVJSONParseResult ZVJSONParse(std::string_view text, const ZVJSONParseOptions& o
   return parse(text, 0, options);
 }
 
-ZVJSONParseResult ZVJSONParse(const std::string& text, const ZVJSONParseOptions& options) {
-  return parse(text, text.capacity(), options);
+ZVJSONParseResult ZVJSONParse(std::string& text, const ZVJSONParseOptions& options) {
+  const size_t size = text.size();
+  try {
+    text.append(ZVJSONPadding, ' ');  // blank bytes the parser may read past the end
+  } catch (const std::bad_alloc&) {
+    return {{}, "out of memory while parsing JSON"};
+  }
+  ZVJSONParseResult result = parse(std::string_view(text.data(), size), text.size(), options);
+  text.resize(size);
+  return result;
 }
 
 bool ZVJSONSerialize(const ZVJSONValue& value, bool pretty, std::string& out) {

@@ -36,6 +36,12 @@ TEST(JSONTest, CompactRoundTripKeepsKindsOrderAndEscapes) {
       {"[9223372036854775807,-9223372036854775808]", "[9223372036854775807,-9223372036854775808]"},
       // Above the signed range but within 64 bits: kept as a double.
       {"18446744073709551615", "1.8446744073709552e+19"},
+      // More than 19 digits before the exponent.
+      {"[-66666666666666666666.5,1234567890123456789012.5e-3,-0.99170551507370917091132]",
+       "[-6.666666666666666e+19,1.2345678901234568e+18,-0.9917055150737092]"},
+      // A scalar on its own, long blank space after it.
+      {"0.712222222222222222222" + std::string(40, '\r'), "0.7122222222222222"},
+      {"true" + std::string(40, ' '), "true"},
       {R"("q\"b\\s\/ \u0001\t\n é \ud83d\ude00")",
        "\"q\\\"b\\\\s/ \\u0001\\t\\n é \xF0\x9F\x98\x80\""},
       {" \"top\" ", "\"top\""},

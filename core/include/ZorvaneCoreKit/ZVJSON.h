@@ -511,11 +511,13 @@ struct ZVJSONParseResult {
 /// and nesting deeper than `options.maxDepth` are errors; duplicate keys keep
 /// the position of the first occurrence and the value of the last.
 ///
-/// The parser reads up to `ZVJSONPadding` bytes past the end of the text. The
-/// `std::string` overload reads them in place when the string's capacity
-/// leaves that room (the SDK's transport keeps it for answer bodies); the
-/// others copy the text first. A thread keeps its parser's buffers for the
-/// next text up to a few megabytes and gives larger ones back.
+/// The parser reads up to `ZVJSONPadding` bytes past the end of the text, so
+/// the text is copied into a padded buffer first, except by the overload for
+/// a mutable `std::string`: it appends the padding to the string itself (in
+/// place when the capacity leaves that room, as the SDK's transport does for
+/// answer bodies), parses, and takes the padding off again; the string is as
+/// it was when the call returns, and no other thread may use it meanwhile. A thread keeps its
+/// parser's buffers for the next text up to a few megabytes and gives larger ones back.
 ///
 /// Memory: the containers, long strings and long keys of one result are cut
 /// from one arena, in parse order, and the arena is freed when the last of
@@ -527,13 +529,13 @@ struct ZVJSONParseResult {
 /// grow after the parse take their new room from the heap.
 ZV_CORE_EXPORT ZVJSONParseResult ZVJSONParse(std::string_view text,
                                              const ZVJSONParseOptions& options = {});
-ZV_CORE_EXPORT ZVJSONParseResult ZVJSONParse(const std::string& text,
+ZV_CORE_EXPORT ZVJSONParseResult ZVJSONParse(std::string& text,
                                              const ZVJSONParseOptions& options = {});
 inline ZVJSONParseResult ZVJSONParse(const char* text, const ZVJSONParseOptions& options = {}) {
   return ZVJSONParse(std::string_view(text), options);
 }
 
-/// Spare capacity past a text's end that lets `ZVJSONParse` read it in place.
+/// Spare capacity past a string's end that lets `ZVJSONParse` read it in place.
 inline constexpr size_t ZVJSONPadding = 64;
 
 /// Serialises a value. Returns false (and leaves `out` unspecified) when the
