@@ -277,9 +277,13 @@ void primeSDK(const Target& target) {
   }
 }
 
-void sdkInFlight(benchmark::State& state, const Target* target) {
+// `width` requests in flight; each answer sends the next request from the
+// transport's thread, as the raw loop re-adds a handle (or calls
+// curl_easy_perform again) as soon as one finishes. A width of 1 is the
+// sequential case: each request counts from its send to its handler having run.
+void sdkChained(benchmark::State& state, const Target* target, int width) {
   configure(*target);
-  primeSDK(*target);
+  if (width > 1) primeSDK(*target);
   ZVGenericRequestManager* manager = ZVGenericRequestManager::instance();
   const auto request = offersRequest();
   Tally tally;
@@ -289,57 +293,17 @@ void sdkInFlight(benchmark::State& state, const Target* target) {
       std::lock_guard lock(tally.mutex);
       tally.done = 0;
     }
-    // Each answer sends the next request from the transport's thread, as the
-    // raw loop re-adds a handle as soon as one finishes.
     std::function<void()> sendOne;
     sendOne = [&] {
       manager->sendRequest(request, [&](const std::string&, std::shared_ptr<ZVGenericResponse>,
                                         ZVErrorPtr error, ZVDictionaryPtr) {
-        if (sent.fetch_add(1) + kInFlight < kBatch) sendOne();
+        if (sent.fetch_add(1) + width < kBatch) sendOne();
         std::lock_guard lock(tally.mutex);
         if (error) ++tally.failures;
         if (++tally.done == kBatch) tally.cv.notify_one();
       });
     };
-    for (int i = 0; i < kInFlight; ++i) sendOne();
-    std::unique_lock lock(tally.mutex);
-    tally.cv.wait(lock, [&] { return tally.done == kBatch; });
-  }
-  state.SetItemsProcessed(state.iterations() * kBatch);
-  state.counters["connections"] = static_cast<double>(target->server->takeConnections());
-  if (tally.failures != 0) state.SkipWithError("requests failed");
-}
-
-// One request at a time, each sent from the completion handler of the one
-// before, as the raw loop calls curl_easy_perform again as soon as it
-// returns: each request counts from its send to its handler having run.
-void sdkSequential(benchmark::State& state, const Target* target) {
-  configure(*target);
-  ZVGenericRequestManager* manager = ZVGenericRequestManager::instance();
-  const auto request = offersRequest();
-  Tally tally;
-  for (auto _ : state) {
-    std::atomic<int> sent{0};
-    {
-      std::lock_guard lock(tally.mutex);
-      tally.done = 0;
-    }
-    std::function<void()> sendOne;
-    sendOne = [&] {
-      sent.fetch_add(1);
-      manager->sendRequest(request, [&](const std::string&, std::shared_ptr<ZVGenericResponse>,
-                                        ZVErrorPtr error, ZVDictionaryPtr) {
-        if (error) {
-          std::lock_guard lock(tally.mutex);
-          ++tally.failures;
-        }
-        if (sent.load() < kBatch) return sendOne();
-        std::lock_guard lock(tally.mutex);
-        tally.done = kBatch;
-        tally.cv.notify_one();
-      });
-    };
-    sendOne();
+    for (int i = 0; i < width; ++i) sendOne();
     std::unique_lock lock(tally.mutex);
     tally.cv.wait(lock, [&] { return tally.done == kBatch; });
   }
@@ -422,11 +386,12 @@ int main(int argc, char** argv) {
   };
   for (const auto& [name, target] : targets) {
     measure(benchmark::RegisterBenchmark(("raw_multi16/" + name).c_str(), rawMulti, target));
-    measure(benchmark::RegisterBenchmark(("sdk_inflight16/" + name).c_str(), sdkInFlight, target));
+    measure(benchmark::RegisterBenchmark(("sdk_inflight16/" + name).c_str(), sdkChained, target,
+                                         kInFlight));
     measure(
         benchmark::RegisterBenchmark(("raw_easy_reused/" + name).c_str(), rawEasy, target)->Arg(1));
     measure(
-        benchmark::RegisterBenchmark(("sdk_sequential/" + name).c_str(), sdkSequential, target));
+        benchmark::RegisterBenchmark(("sdk_sequential/" + name).c_str(), sdkChained, target, 1));
     measure(benchmark::RegisterBenchmark(("sdk_sequential_waiting/" + name).c_str(),
                                          sdkSequentialWaiting, target));
   }

@@ -1205,6 +1205,9 @@ ZVJSONParseResult parse(std::string_view text, size_t capacity, const ZVJSONPars
   } catch (const std::bad_alloc&) {
     result.value = ZVJSONValue();
     result.error = "out of memory while parsing JSON";
+  } catch (const std::length_error&) {
+    result.value = ZVJSONValue();
+    result.error = "a JSON array or object holds too many elements";
   }
   return result;
 }
