@@ -270,6 +270,28 @@ simdjson::error_code parseScalar(simdjson::dom::parser& parser, const char* data
   return simdjson::SUCCESS;
 }
 
+// The offset of the first '"' or '\\' at `p`, eight bytes at a time. The
+// text holds one before its end, and the padding past the end keeps the
+// last eight-byte read inside the buffer.
+size_t quoteOrBackslash(const char* p) {
+  constexpr uint64_t kOnes = 0x0101010101010101u;
+  constexpr uint64_t kHighs = 0x8080808080808080u;
+  for (size_t at = 0;; at += 8) {
+    uint64_t word;
+    std::memcpy(&word, p + at, sizeof word);
+    const uint64_t quote = word ^ (kOnes * '"');
+    const uint64_t backslash = word ^ (kOnes * '\\');
+    const uint64_t found =
+        (((quote - kOnes) & ~quote) | ((backslash - kOnes) & ~backslash)) & kHighs;
+    if (found != 0) {
+      if constexpr (std::endian::native == std::endian::little)
+        return at + static_cast<size_t>(std::countr_zero(found)) / 8;
+      for (size_t i = at;; ++i)  // other byte orders: find it byte by byte
+        if (p[i] == '"' || p[i] == '\\') return i;
+    }
+  }
+}
+
 // The text of a string token without its quotes, when it holds no escape
 // (then its bytes are the string's, UTF-8 already checked), or nothing.
 // A token runs from its opening quote to the next token, blanks included.
@@ -435,7 +457,7 @@ class Builder {
       if (!check(std::move(member).get(field)) || !readKey(field, key) ||
           !build(field.value(), depth, value))
         return false;
-      slots_.push_back({makeKey(key), std::move(value)});
+      slots_.emplace_back(makeKey(key), std::move(value));
     }
     auto result = makeInArena<ZVMutableDictionary>(arena_);
     auto& slots = ZVJSONAccess::slots(*result);
@@ -473,10 +495,9 @@ class Builder {
     // A key is a string token the parser has checked is closed; most hold no
     // escape and are read in place.
     const char* start = field.key().raw();
-    const char* p = start;
-    while (*p != '"' && *p != '\\') ++p;
-    if (*p == '"') {
-      key = std::string_view(start, static_cast<size_t>(p - start));
+    const size_t end = quoteOrBackslash(start);
+    if (start[end] == '"') {
+      key = std::string_view(start, end);
       return true;
     }
     return check(field.unescaped_key().get(key));

@@ -481,6 +481,8 @@ class ZV_CORE_EXPORT ZVMutableDictionary final
  private:
   friend struct ZVJSONAccess;  // the parser builds values in place
   struct Slot {
+    Slot() = default;
+    Slot(zv_detail::ZVKey&& k, ZVJSONValue&& v) noexcept : key(std::move(k)), value(std::move(v)) {}
     zv_detail::ZVKey key;
     ZVJSONValue value;
   };
