@@ -1193,8 +1193,6 @@ ZVJSONParseResult parsePadded(const char* data, size_t size, size_t capacity, si
       error = simdjson::TRAILING_CONTENT;
   }
   if (error == simdjson::SUCCESS) error = builder.error();
-  tp.slots.clear();  // what a failed walk left behind
-  tp.items.clear();
   if (builder.tooDeep() || error == simdjson::DEPTH_ERROR) {
     result.error = depthError(limit);
   } else if (error != simdjson::SUCCESS) {
@@ -1208,8 +1206,8 @@ ZVJSONParseResult parsePadded(const char* data, size_t size, size_t capacity, si
 ZVJSONParseResult parse(std::string_view text, size_t capacity, const ZVJSONParseOptions& options) {
   const size_t limit = std::min(options.maxDepth, kHardMaxDepth);
   ZVJSONParseResult result;
+  ThreadParser& tp = threadParser();
   try {
-    ThreadParser& tp = threadParser();
     const char* data = text.data() != nullptr ? text.data() : "";
     if (capacity < text.size() + ZVJSONPadding) {
       // No room to read past the end: work on a padded copy. The padding is
@@ -1230,6 +1228,10 @@ ZVJSONParseResult parse(std::string_view text, size_t capacity, const ZVJSONPars
     result.value = ZVJSONValue();
     result.error = "a JSON array or object holds too many elements";
   }
+  // A walk cut short by an exception leaves values on the scratch stacks,
+  // and with them its arena.
+  tp.slots.clear();
+  tp.items.clear();
   return result;
 }
 
