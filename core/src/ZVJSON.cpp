@@ -319,9 +319,17 @@ class Builder {
   simdjson::error_code error() const { return error_; }
   bool tooDeep() const { return tooDeep_; }
 
+  // The document's root, an array or an object (scalar texts go to the DOM
+  // parser before the walk).
+  bool buildRoot(od::document& document, ZVJSONValue& out) {
+    if (od::array array; document.get_array().get(array) == simdjson::SUCCESS)
+      return buildArray(array, 1, out);
+    od::object object;
+    return check(document.get_object().get(object)) && buildObject(object, 1, out);
+  }
+
   // `out` is nil on entry.
-  template <class V>
-  bool build(V& v, size_t depth, ZVJSONValue& out) {
+  bool build(od::value& v, size_t depth, ZVJSONValue& out) {
     od::json_type type;
     if (!check(v.type().get(type))) return false;
     switch (type) {
@@ -366,8 +374,7 @@ class Builder {
   // simdjson). A number the walk cannot read (a huge exponent, an integer
   // beyond 64 bits) is read again on its own by the DOM parser, which has
   // the last word; a failed getter leaves it for the walk to step over.
-  template <class V>
-  bool buildNumber(V& v, ZVJSONValue& out) {
+  bool buildNumber(od::value& v, ZVJSONValue& out) {
     od::number_type kind;
     if (v.get_number_type().get(kind) == simdjson::SUCCESS) {
       switch (kind) {
@@ -401,18 +408,9 @@ class Builder {
   }
 
   // A token as it stands in the text, blank space after it included.
-  template <class V>
-  static std::string_view rawToken(V& v) {
-    if constexpr (std::is_same_v<V, od::document>) {
-      std::string_view token;
-      return v.raw_json_token().get(token) == simdjson::SUCCESS ? token : std::string_view();
-    } else {
-      return v.raw_json_token();
-    }
-  }
+  static std::string_view rawToken(od::value& v) { return v.raw_json_token(); }
 
-  template <class V>
-  bool buildString(V& v, ZVJSONValue& out) {
+  bool buildString(od::value& v, ZVJSONValue& out) {
     if (const std::optional<std::string_view> text = plainString(rawToken(v))) {
       // Most strings hold no escape: copied once, straight from the text.
       od::raw_json_string raw;
@@ -1186,7 +1184,7 @@ ZVJSONParseResult parsePadded(const char* data, size_t size, size_t capacity, si
   } hold{new ZVArena(std::min(size * 2, size_t{64} << 10))};
   Builder builder(limit, tp, *hold.arena);
   ZVJSONValue value;
-  if (error == simdjson::SUCCESS && builder.build(document, 0, value)) {
+  if (error == simdjson::SUCCESS && builder.buildRoot(document, value)) {
     // Past the end of the text is where a whole document leaves the walk.
     const char* rest = nullptr;
     if (document.current_location().get(rest) != simdjson::OUT_OF_BOUNDS)
