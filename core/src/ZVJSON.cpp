@@ -181,6 +181,10 @@ uint64_t longKeyHash(std::string_view key) {
 
 constexpr size_t kNotFound = static_cast<size_t>(-1);
 
+// Up to this many wanted keys (and below this length) a multiple take
+// indexes the keys by length.
+constexpr size_t kMaxIndexedKeys = 64;
+
 // Orders keys by length first: any strict order finds duplicates, and most
 // keys differ in length.
 bool keyLess(std::string_view a, std::string_view b) {
@@ -200,15 +204,69 @@ constexpr size_t kKeptCapacity = size_t{4} << 20;
 // container one level past the limit, after the parser has entered it.
 constexpr size_t kParserDepth = kHardMaxDepth + 16;
 
+// A stack of values whose top elements leave by their bytes: keys and
+// values move by copying their bytes and hold nothing that points into
+// themselves, so a container takes its elements with one copy and the stack
+// forgets them without running their destructors.
+template <class T>
+class ScratchStack {
+ public:
+  ScratchStack() = default;
+  ScratchStack(const ScratchStack&) = delete;
+  ScratchStack& operator=(const ScratchStack&) = delete;
+  ~ScratchStack() { release(); }
+
+  size_t size() const { return size_; }
+  size_t capacity() const { return capacity_; }
+  T* begin() { return data_; }
+  T* end() { return data_ + size_; }
+  template <class... Args>
+  T& emplace_back(Args&&... args) {
+    if (size_ == capacity_) grow();
+    T* item = new (data_ + size_) T(std::forward<Args>(args)...);
+    ++size_;
+    return *item;
+  }
+  // Moves the elements from `base` up to `to` and forgets them.
+  void relocateTop(size_t base, void* to) {
+    std::memcpy(to, static_cast<const void*>(data_ + base), (size_ - base) * sizeof(T));
+    size_ = base;
+  }
+  void clear() {
+    while (size_ > 0) data_[--size_].~T();
+  }
+  void release() {
+    clear();
+    ::operator delete(data_);
+    data_ = nullptr;
+    capacity_ = 0;
+  }
+
+ private:
+  void grow() {
+    const size_t capacity = capacity_ == 0 ? 256 : 2 * capacity_;
+    T* fresh = static_cast<T*>(::operator new(capacity * sizeof(T)));
+    if (size_ != 0)
+      std::memcpy(static_cast<void*>(fresh), static_cast<const void*>(data_), size_ * sizeof(T));
+    ::operator delete(data_);
+    data_ = fresh;
+    capacity_ = capacity;
+  }
+
+  T* data_ = nullptr;
+  size_t size_ = 0;
+  size_t capacity_ = 0;
+};
+
 struct ThreadParser {
   od::parser parser;
   std::vector<char> padded;            // a copy of text that has no room to read past its end
   std::vector<std::string_view> keys;  // scratch for duplicate detection
   // Members and elements of the containers being built, innermost last: each
   // container then gets storage of its exact size, allocated once.
-  std::vector<ZVJSONAccess::Slot> slots;
-  std::vector<ZVJSONValue> items;
-  simdjson::dom::parser scalars;  // for scalars the walk leaves to the DOM parser
+  ScratchStack<ZVJSONAccess::Slot> slots;
+  ScratchStack<ZVJSONValue> items;
+  simdjson::dom::parser dom;  // for scalars the walk leaves to the DOM parser
 
   // Sets the depth bound, which a fresh parser does not have yet.
   simdjson::error_code prepare(size_t size) {
@@ -218,11 +276,11 @@ struct ThreadParser {
 
   void trim() {
     if (parser.capacity() > kKeptCapacity) parser = od::parser();
-    if (scalars.capacity() > kKeptCapacity) scalars = simdjson::dom::parser();
+    if (dom.capacity() > kKeptCapacity) dom = simdjson::dom::parser();
     if (padded.capacity() > kKeptCapacity) std::vector<char>().swap(padded);
     if (keys.capacity() > 4096) std::vector<std::string_view>().swap(keys);
-    if (slots.capacity() > 4096) std::vector<ZVJSONAccess::Slot>().swap(slots);
-    if (items.capacity() > 4096) std::vector<ZVJSONValue>().swap(items);
+    if (slots.capacity() > 4096) slots.release();
+    if (items.capacity() > 4096) items.release();
   }
 };
 
@@ -314,7 +372,7 @@ class Builder {
         slots_(scratch.slots),
         items_(scratch.items),
         arena_(arena),
-        scalars_(scratch.scalars) {}
+        scalars_(scratch.dom) {}
 
   simdjson::error_code error() const { return error_; }
   bool tooDeep() const { return tooDeep_; }
@@ -424,21 +482,22 @@ class Builder {
     return true;
   }
 
+  // Containers are built in place: each is made and set in `out` before its
+  // elements, which are built straight into the scratch stacks. A value
+  // written and copied at once would stall the copy on the store.
   bool buildArray(od::array array, size_t depth, ZVJSONValue& out) {
     if (depth > maxDepth_) {
       tooDeep_ = true;
       return false;
     }
+    ZVMutableArray& result = newArray(out);
     const size_t base = items_.size();
     for (auto element : array) {
       od::value item;
-      ZVJSONValue value;
-      if (!check(std::move(element).get(item)) || !build(item, depth, value)) return false;
-      items_.push_back(std::move(value));
+      if (!check(std::move(element).get(item)) || !build(item, depth, items_.emplace_back()))
+        return false;
     }
-    auto result = makeInArena<ZVMutableArray>(arena_);
-    fill(ZVJSONAccess::items(*result), items_, base);
-    ZVJSONAccess::setArray(out, std::move(result));
+    fill(ZVJSONAccess::items(result), items_, base);
     return true;
   }
 
@@ -447,39 +506,55 @@ class Builder {
       tooDeep_ = true;
       return false;
     }
+    ZVMutableDictionary& result = newDictionary(out);
     const size_t base = slots_.size();
     for (auto member : object) {
       od::field field;
       std::string_view key;
-      ZVJSONValue value;
       if (!check(std::move(member).get(field)) || !readKey(field, key) ||
-          !build(field.value(), depth, value))
+          !build(field.value(), depth, slots_.emplace_back(makeKey(key)).value))
         return false;
-      slots_.emplace_back(makeKey(key), std::move(value));
     }
-    auto result = makeInArena<ZVMutableDictionary>(arena_);
-    auto& slots = ZVJSONAccess::slots(*result);
-    fill(slots, slots_, base);
-    ZVJSONAccess::live(*result) = slots.size();
-    if (hasDuplicateKeys(slots)) mergeDuplicates(*result);
-    ZVJSONAccess::setDictionary(out, std::move(result));
+    finishObject(result, base);
     return true;
+  }
+
+  ZVMutableArray& newArray(ZVJSONValue& out) {
+    auto made = makeInArena<ZVMutableArray>(arena_);
+    ZVMutableArray& result = *made;
+    ZVJSONAccess::setArray(out, std::move(made));
+    return result;
+  }
+
+  ZVMutableDictionary& newDictionary(ZVJSONValue& out) {
+    auto made = makeInArena<ZVMutableDictionary>(arena_);
+    ZVMutableDictionary& result = *made;
+    ZVJSONAccess::setDictionary(out, std::move(made));
+    return result;
+  }
+
+  void finishObject(ZVMutableDictionary& result, size_t base) {
+    auto& slots = ZVJSONAccess::slots(result);
+    fill(slots, slots_, base);
+    ZVJSONAccess::live(result) = slots.size();
+    if (hasDuplicateKeys(slots)) mergeDuplicates(result);
   }
 
   // Moves the scratch stack's elements from `base` up into `store`, on
   // memory of their exact size cut from the arena.
   template <class Store, class T>
-  void fill(Store& store, std::vector<T>& scratch, size_t base) {
+  void fill(Store& store, ScratchStack<T>& scratch, size_t base) {
     const size_t n = scratch.size() - base;
-    if (n != 0) store.borrow(arena_.allocate(n * sizeof(T), alignof(T)), n);
-    for (size_t i = base; i < scratch.size(); ++i) store.emplace_back(std::move(scratch[i]));
-    scratch.resize(base);
+    if (n == 0) return;
+    void* memory = arena_.allocate(n * sizeof(T), alignof(T));
+    store.borrowToFill(memory, n);  // throws before anything moves if `n` is too large
+    scratch.relocateTop(base, memory);
   }
 
   // Long keys repeat across the objects of a document: equal ones share one
   // text, found through a small cache that forgets on collision.
   zv_detail::ZVKey makeKey(std::string_view key) {
-    if (key.size() <= zv_detail::ZVKey::kInline) return zv_detail::ZVKey(key);
+    if (key.size() <= zv_detail::ZVKey::kInline) return zv_detail::ZVKey::fromPadded(key);
     ZVText*& cached = keyCache_.texts[longKeyHash(key) >> 56];
     if (cached == nullptr || std::string_view(cached->data(), cached->size) != key) {
       if (cached != nullptr) cached->release();
@@ -564,8 +639,8 @@ class Builder {
 
   size_t maxDepth_;
   std::vector<std::string_view>& keys_;
-  std::vector<ZVJSONAccess::Slot>& slots_;
-  std::vector<ZVJSONValue>& items_;
+  ScratchStack<ZVJSONAccess::Slot>& slots_;
+  ScratchStack<ZVJSONValue>& items_;
   ZVArena& arena_;
   std::string numberText_;  // a number read again on its own
   simdjson::dom::parser& scalars_;
@@ -1070,40 +1145,43 @@ ZVJSONValue ZVMutableDictionary::getAndRemoveObjectForKey(std::string_view key) 
 void ZVMutableDictionary::takeObjectsForKeys(std::span<const std::string_view> keys,
                                              std::span<ZVJSONValue> values) {
   const size_t wanted = std::min(keys.size(), values.size());
-  // The wanted keys grouped by length: a slot's key is compared only with
-  // the wanted keys of its length that are not taken yet.
-  constexpr size_t kMaxIndexed = 64;
-  const bool indexed = wanted <= kMaxIndexed;
-  uint64_t byLength[kMaxIndexed] = {};
-  if (indexed) {
+  if (wanted > kMaxIndexedKeys) {
     for (size_t i = 0; i < wanted; ++i)
-      if (keys[i].size() < kMaxIndexed) byLength[keys[i].size()] |= uint64_t{1} << i;
+      if (values[i].isNil()) values[i] = getAndRemoveObjectForKey(keys[i]);
+    return;
+  }
+  // The wanted keys grouped by length: a slot's key is compared only with
+  // the wanted keys of its length that are not taken yet. Short keys are
+  // compared as the slots hold them, in one word.
+  uint64_t byLength[kMaxIndexedKeys] = {};
+  uint64_t words[kMaxIndexedKeys];
+  for (size_t i = 0; i < wanted; ++i) {
+    if (keys[i].size() >= kMaxIndexedKeys) continue;
+    byLength[keys[i].size()] |= uint64_t{1} << i;
+    if (keys[i].size() <= zv_detail::ZVKey::kInline) words[i] = zv_detail::ZVKey(keys[i]).bits();
   }
   size_t taken = 0;
   for (Slot& slot : slots_) {
     if (taken == wanted) break;
     if (slot.value.isNil()) continue;
-    const std::string_view key = slot.key.view();
-    const auto take = [&](size_t i) {
-      if (!values[i].isNil() || keys[i] != key) return false;
+    const bool shared = slot.key.shared();
+    const size_t size = slot.key.size();
+    if (size >= kMaxIndexedKeys) continue;
+    for (uint64_t candidates = byLength[size]; candidates != 0; candidates &= candidates - 1) {
+      const auto i = static_cast<size_t>(std::countr_zero(candidates));
+      if (!values[i].isNil()) continue;
+      if (shared ? slot.key.view() != keys[i] : slot.key.bits() != words[i]) continue;
       values[i] = std::move(slot.value);
       --live_;
       ++taken;
-      return true;
-    };
-    if (indexed && key.size() < kMaxIndexed) {
-      for (uint64_t candidates = byLength[key.size()]; candidates != 0;
-           candidates &= candidates - 1) {
-        if (take(static_cast<size_t>(std::countr_zero(candidates)))) break;
-      }
-    } else if (!indexed) {
-      for (size_t i = 0; i < wanted; ++i)
-        if (take(i)) break;
+      break;
     }
   }
-  if (taken == 0) return;
+  // The places left are compacted by the next removal or prune.
   while (!slots_.empty() && slots_.back().value.isNil()) slots_.pop_back();
-  compactIfSparse();
+  for (size_t i = 0; i < wanted; ++i)  // keys too long for the index, if any
+    if (keys[i].size() >= kMaxIndexedKeys && values[i].isNil())
+      values[i] = getAndRemoveObjectForKey(keys[i]);
 }
 
 void ZVMutableDictionary::compactIfSparse() {
@@ -1160,6 +1238,20 @@ void ZVMutableDictionary::appendUnchecked(std::string_view key, ZVJSONValue valu
 
 namespace {
 
+ZVJSONParseResult finish(simdjson::error_code error, const Builder& builder, size_t limit,
+                         ZVJSONValue& value) {
+  ZVJSONParseResult result;
+  if (error == simdjson::SUCCESS) error = builder.error();
+  if (builder.tooDeep() || error == simdjson::DEPTH_ERROR) {
+    result.error = depthError(limit);
+  } else if (error != simdjson::SUCCESS) {
+    result.error = fmt::format("invalid JSON: {}", simdjson::error_message(error));
+  } else {
+    result.value = std::move(value);
+  }
+  return result;
+}
+
 ZVJSONParseResult parsePadded(const char* data, size_t size, size_t capacity, size_t limit,
                               ThreadParser& tp) {
   ZVJSONParseResult result;
@@ -1169,7 +1261,7 @@ ZVJSONParseResult parsePadded(const char* data, size_t size, size_t capacity, si
   size_t first = 0;
   while (first < size && blank(data[first])) ++first;
   if (first == size || (data[first] != '{' && data[first] != '[')) {
-    if (const auto error = parseScalar(tp.scalars, data, size, capacity, result.value);
+    if (const auto error = parseScalar(tp.dom, data, size, capacity, result.value);
         error != simdjson::SUCCESS)
       result.error = fmt::format("invalid JSON: {}", simdjson::error_message(error));
     return result;
@@ -1190,15 +1282,7 @@ ZVJSONParseResult parsePadded(const char* data, size_t size, size_t capacity, si
     if (document.current_location().get(rest) != simdjson::OUT_OF_BOUNDS)
       error = simdjson::TRAILING_CONTENT;
   }
-  if (error == simdjson::SUCCESS) error = builder.error();
-  if (builder.tooDeep() || error == simdjson::DEPTH_ERROR) {
-    result.error = depthError(limit);
-  } else if (error != simdjson::SUCCESS) {
-    result.error = fmt::format("invalid JSON: {}", simdjson::error_message(error));
-  } else {
-    result.value = std::move(value);
-  }
-  return result;
+  return finish(error, builder, limit, value);
 }
 
 ZVJSONParseResult parse(std::string_view text, size_t capacity, const ZVJSONParseOptions& options) {

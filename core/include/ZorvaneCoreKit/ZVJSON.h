@@ -85,6 +85,22 @@ class ZV_CORE_EXPORT ZVKey {
   }
   /// Takes over one reference to `text`.
   explicit ZVKey(ZVText* text) noexcept { setText(text); }
+  /// An inline key (`s` at most kInline bytes) from text that may be read
+  /// eight bytes from its start: one word load and one store, so that a copy
+  /// made right after reads the key straight from the store.
+  static ZVKey fromPadded(std::string_view s) noexcept {
+    uint64_t word;
+    std::memcpy(&word, s.data(), sizeof word);
+    const unsigned bits = 8 * static_cast<unsigned>(s.size());
+    const uint64_t tag = (s.size() << 1) | 1;
+    if constexpr (kLittle)
+      word = bits == 0 ? tag : ((word & (~uint64_t{0} >> (64 - bits))) << 8) | tag;
+    else
+      word = bits == 0 ? tag : (word & ~(~uint64_t{0} >> bits)) | tag;
+    ZVKey key;
+    std::memcpy(key.bytes_, &word, sizeof word);
+    return key;
+  }
   ZVKey(const ZVKey& other) noexcept {
     std::memcpy(bytes_, other.bytes_, sizeof bytes_);
     if (shared()) text()->retain();
@@ -127,7 +143,7 @@ class ZV_CORE_EXPORT ZVKey {
 
   size_t inlineSize() const { return static_cast<unsigned char>(bytes_[kTagAt]) >> 1; }
   void clearInline() {
-    constexpr uint64_t kEmpty = kLittle ? 1 : uint64_t{1} << 56;  // the tag of ""
+    constexpr uint64_t kEmpty = 1;  // the tag of "", in the tag byte on either byte order
     std::memcpy(bytes_, &kEmpty, sizeof bytes_);
   }
   void setText(ZVText* text) {
@@ -175,6 +191,13 @@ class ZVStore {
     if (owned()) ::operator delete(data_);
     data_ = static_cast<T*>(memory);
     capacity_ = checked(capacity) | kBorrowed;
+  }
+
+  /// Starts a store of `count` elements on `memory`, which the store never
+  /// frees; the caller then places the elements there by their bytes.
+  void borrowToFill(void* memory, size_t count) {
+    borrow(memory, count);
+    size_ = static_cast<uint32_t>(count);
   }
 
   size_t size() const { return size_; }
@@ -447,8 +470,10 @@ class ZV_CORE_EXPORT ZVMutableDictionary final
   /// Returns the value stored under `key` (nil when absent) and removes the entry.
   ZVJSONValue getAndRemoveObjectForKey(std::string_view key);
   /// `getAndRemoveObjectForKey` for each of `keys` in one pass: `values[i]`
-  /// receives the value of `keys[i]` (nil when absent). `values` holds at
-  /// least as many elements as `keys`; keys repeated in `keys` are taken once.
+  /// receives the value of `keys[i]` (nil when absent). `values` starts nil
+  /// and holds at least as many elements as `keys` (extra keys are ignored);
+  /// keys repeated in `keys` are taken once. The removed entries' places are
+  /// compacted by the next removal or `prune`.
   void takeObjectsForKeys(std::span<const std::string_view> keys, std::span<ZVJSONValue> values);
   /// What remains for a record's `extras`: removes the top-level entries whose
   /// value is the JSON null (they tell a host nothing and are a common source
@@ -483,6 +508,7 @@ class ZV_CORE_EXPORT ZVMutableDictionary final
   struct Slot {
     Slot() = default;
     Slot(zv_detail::ZVKey&& k, ZVJSONValue&& v) noexcept : key(std::move(k)), value(std::move(v)) {}
+    explicit Slot(zv_detail::ZVKey&& k) noexcept : key(std::move(k)) {}
     zv_detail::ZVKey key;
     ZVJSONValue value;
   };
