@@ -40,25 +40,29 @@ class ZVArena {
   }
 
   void* allocate(size_t bytes, size_t align) {
-    auto at = [&] { return (reinterpret_cast<uintptr_t>(cursor_) + align - 1) & ~(align - 1); };
-    if (cursor_ == nullptr || at() + bytes > reinterpret_cast<uintptr_t>(limit_)) {
-      const size_t size = std::max(nextChunk_, bytes + align);
-      chunks_.reserve(chunks_.size() + 1);  // before the chunk: nothing leaks if this throws
-      char* begin = static_cast<char*>(::operator new(size));
-      chunks_.push_back(begin);
-      cursor_ = begin;
-      limit_ = begin + size;
-      nextChunk_ = std::min(nextChunk_ * 2, kMaxChunk);
-    }
-    char* p = reinterpret_cast<char*>(at());
-    cursor_ = p + bytes;
-    return p;
+    const uintptr_t at = (reinterpret_cast<uintptr_t>(cursor_) + align - 1) & ~(align - 1);
+    if (cursor_ == nullptr || at + bytes > reinterpret_cast<uintptr_t>(limit_))
+      return allocateInNewChunk(bytes, align);
+    cursor_ = reinterpret_cast<char*>(at + bytes);
+    return reinterpret_cast<char*>(at);
   }
 
  private:
   // Small enough for malloc to serve from memory it already has, so that
   // parsing answer after answer does not fault fresh pages in each time.
   static constexpr size_t kMaxChunk = size_t{64} << 10;
+
+  [[gnu::noinline]] void* allocateInNewChunk(size_t bytes, size_t align) {
+    const size_t size = std::max(nextChunk_, bytes + align);
+    chunks_.reserve(chunks_.size() + 1);  // before the chunk: nothing leaks if this throws
+    char* begin = static_cast<char*>(::operator new(size));
+    chunks_.push_back(begin);
+    limit_ = begin + size;
+    nextChunk_ = std::min(nextChunk_ * 2, kMaxChunk);
+    const uintptr_t at = (reinterpret_cast<uintptr_t>(begin) + align - 1) & ~(align - 1);
+    cursor_ = reinterpret_cast<char*>(at + bytes);
+    return reinterpret_cast<char*>(at);
+  }
 
   std::atomic<size_t> refs_{1};
   std::vector<void*> chunks_;
@@ -92,6 +96,7 @@ using zv_detail::ZVText;
 // Private access for the parser, which builds containers in place.
 struct ZVJSONAccess {
   // Long strings are cut from the arena, which each of them keeps alive.
+  // `s` may be read past its end: it lies in the parser's padded text.
   static void setString(ZVJSONValue& value, std::string_view s, ZVArena& arena);
   static void setArray(ZVJSONValue& value, ZVArrayPtr array) {
     new (value.raw_) ZVArrayPtr(std::move(array));
@@ -123,7 +128,11 @@ ZVText* arenaText(ZVArena& arena, std::string_view s) {
 
 void ZVJSONAccess::setString(ZVJSONValue& value, std::string_view s, ZVArena& arena) {
   if (s.size() <= ZVJSONValue::kInline) {
-    value.setString(s);
+    // A fixed-size copy: the parser's text is padded, and the bytes past
+    // the string's count are never read.
+    std::memcpy(value.raw_, s.data(), ZVJSONValue::kInline);
+    value.raw_[ZVJSONValue::kInline] = static_cast<char>(s.size());
+    value.tag_ = ZVJSONValue::Tag::ShortString;
     return;
   }
   new (value.raw_) ZVText*(arenaText(arena, s));
@@ -328,46 +337,37 @@ simdjson::error_code parseScalar(simdjson::dom::parser& parser, const char* data
   return simdjson::SUCCESS;
 }
 
-// The offset of the first '"' or '\\' at `p`, eight bytes at a time. The
-// text holds one before its end, and the padding past the end keeps the
-// last eight-byte read inside the buffer.
-size_t quoteOrBackslash(const char* p) {
-  constexpr uint64_t kOnes = 0x0101010101010101u;
-  constexpr uint64_t kHighs = 0x8080808080808080u;
-  for (size_t at = 0;; at += 8) {
-    uint64_t word;
-    std::memcpy(&word, p + at, sizeof word);
-    const uint64_t quote = word ^ (kOnes * '"');
-    const uint64_t backslash = word ^ (kOnes * '\\');
-    const uint64_t found =
-        (((quote - kOnes) & ~quote) | ((backslash - kOnes) & ~backslash)) & kHighs;
-    if (found != 0) {
-      if constexpr (std::endian::native == std::endian::little)
-        return at + static_cast<size_t>(std::countr_zero(found)) / 8;
-      for (size_t i = at;; ++i)  // other byte orders: find it byte by byte
-        if (p[i] == '"' || p[i] == '\\') return i;
-    }
-  }
-}
+// Finds the backslashes of a text as a walk in text order asks about its
+// strings: each stretch of text is searched once, so a string's check is
+// mostly one comparison.
+class Backslashes {
+ public:
+  Backslashes(const char* text, size_t size) : from_(text), next_(text), end_(text + size) {}
 
-// The text of a string token without its quotes, when it holds no escape
-// (then its bytes are the string's, UTF-8 already checked), or nothing.
-// A token runs from its opening quote to the next token, blanks included.
-std::optional<std::string_view> plainString(std::string_view token) {
-  const size_t close = token.find_last_of('"');
-  if (close == 0 || close == std::string_view::npos) return std::nullopt;
-  std::string_view text = token.substr(1, close - 1);
-  if (std::memchr(text.data(), '\\', text.size()) != nullptr) return std::nullopt;
-  return text;
-}
+  // Whether [start, end) of the text holds a backslash.
+  bool within(const char* start, const char* end) {
+    if (start < from_ || start > next_) {  // outside what is known: search on from here
+      from_ = start;
+      const void* found = std::memchr(start, '\\', static_cast<size_t>(end_ - start));
+      next_ = found != nullptr ? static_cast<const char*>(found) : end_;
+    }
+    return next_ < end;
+  }
+
+ private:
+  const char* from_;  // no backslash lies in [from_, next_)
+  const char* next_;
+  const char* end_;
+};
 
 // Builds values straight from the parser's walk over the text: no
 // intermediate document tree. Every step checks its error; the first one
 // stops the walk.
 class Builder {
  public:
-  Builder(size_t maxDepth, ThreadParser& scratch, ZVArena& arena)
-      : maxDepth_(maxDepth),
+  Builder(std::string_view text, size_t maxDepth, ThreadParser& scratch, ZVArena& arena)
+      : backslashes_(text.data(), text.size()),
+        maxDepth_(maxDepth),
         keys_(scratch.keys),
         slots_(scratch.slots),
         items_(scratch.items),
@@ -386,8 +386,9 @@ class Builder {
     return check(document.get_object().get(object)) && buildObject(object, 1, out);
   }
 
-  // `out` is nil on entry.
-  bool build(od::value& v, size_t depth, ZVJSONValue& out) {
+  // `out` is nil on entry. Inlined into the loops over elements and members,
+  // which recurse only into containers.
+  [[gnu::always_inline]] bool build(od::value& v, size_t depth, ZVJSONValue& out) {
     od::json_type type;
     if (!check(v.type().get(type))) return false;
     switch (type) {
@@ -432,7 +433,7 @@ class Builder {
   // simdjson). A number the walk cannot read (a huge exponent, an integer
   // beyond 64 bits) is read again on its own by the DOM parser, which has
   // the last word; a failed getter leaves it for the walk to step over.
-  bool buildNumber(od::value& v, ZVJSONValue& out) {
+  [[gnu::always_inline]] bool buildNumber(od::value& v, ZVJSONValue& out) {
     od::number_type kind;
     if (v.get_number_type().get(kind) == simdjson::SUCCESS) {
       switch (kind) {
@@ -459,6 +460,10 @@ class Builder {
           break;
       }
     }
+    return readNumberAlone(v, out);
+  }
+
+  [[gnu::noinline]] bool readNumberAlone(od::value& v, ZVJSONValue& out) {
     const std::string_view token = rawToken(v);
     numberText_.assign(token);
     numberText_.append(ZVJSONPadding, ' ');
@@ -468,7 +473,18 @@ class Builder {
   // A token as it stands in the text, blank space after it included.
   static std::string_view rawToken(od::value& v) { return v.raw_json_token(); }
 
-  bool buildString(od::value& v, ZVJSONValue& out) {
+  // The text of a string token without its quotes, when it holds no escape
+  // (then its bytes are the string's, UTF-8 already checked), or nothing.
+  // A token runs from its opening quote to the next token, blanks included.
+  std::optional<std::string_view> plainString(std::string_view token) {
+    const size_t close = token.find_last_of('"');
+    if (close == 0 || close == std::string_view::npos) return std::nullopt;
+    const char* start = token.data() + 1;
+    if (backslashes_.within(start, token.data() + close)) return std::nullopt;
+    return std::string_view(start, close - 1);
+  }
+
+  [[gnu::always_inline]] bool buildString(od::value& v, ZVJSONValue& out) {
     if (const std::optional<std::string_view> text = plainString(rawToken(v))) {
       // Most strings hold no escape: copied once, straight from the text.
       od::raw_json_string raw;
@@ -485,7 +501,7 @@ class Builder {
   // Containers are built in place: each is made and set in `out` before its
   // elements, which are built straight into the scratch stacks. A value
   // written and copied at once would stall the copy on the store.
-  bool buildArray(od::array array, size_t depth, ZVJSONValue& out) {
+  [[gnu::noinline]] bool buildArray(od::array array, size_t depth, ZVJSONValue& out) {
     if (depth > maxDepth_) {
       tooDeep_ = true;
       return false;
@@ -501,7 +517,7 @@ class Builder {
     return true;
   }
 
-  bool buildObject(od::object object, size_t depth, ZVJSONValue& out) {
+  [[gnu::noinline]] bool buildObject(od::object object, size_t depth, ZVJSONValue& out) {
     if (depth > maxDepth_) {
       tooDeep_ = true;
       return false;
@@ -511,7 +527,8 @@ class Builder {
     for (auto member : object) {
       od::field field;
       std::string_view key;
-      if (!check(std::move(member).get(field)) || !readKey(field, key) ||
+      if (!check(std::move(member).get(field)) ||
+          !readKey(field, rawToken(field.value()).data(), key) ||
           !build(field.value(), depth, slots_.emplace_back(makeKey(key)).value))
         return false;
     }
@@ -564,13 +581,19 @@ class Builder {
     return zv_detail::ZVKey(cached);
   }
 
-  bool readKey(od::field& field, std::string_view& key) {
-    // A key is a string token the parser has checked is closed; most hold no
-    // escape and are read in place.
+  // `value` is where the token after the key starts. A key is a string
+  // token the parser has checked is closed and followed by ':'; most hold
+  // no escape and are read in place, up to the last quote before the ':'.
+  bool readKey(od::field& field, const char* value, std::string_view& key) {
     const char* start = field.key().raw();
-    const size_t end = quoteOrBackslash(start);
-    if (start[end] == '"') {
-      key = std::string_view(start, end);
+    const char* end = value;
+    do --end;
+    while (*end != ':');
+    do --end;
+    while (*end != '"');
+    const auto size = static_cast<size_t>(end - start);
+    if (!backslashes_.within(start, end)) {
+      key = std::string_view(start, size);
       return true;
     }
     return check(field.unescaped_key().get(key));
@@ -637,6 +660,7 @@ class Builder {
     ZVJSONAccess::live(dictionary) = slots.size();
   }
 
+  Backslashes backslashes_;
   size_t maxDepth_;
   std::vector<std::string_view>& keys_;
   ScratchStack<ZVJSONAccess::Slot>& slots_;
@@ -1274,7 +1298,7 @@ ZVJSONParseResult parsePadded(const char* data, size_t size, size_t capacity, si
     ZVArena* arena;
     ~Hold() { arena->release(); }
   } hold{new ZVArena(std::min(size * 2, size_t{64} << 10))};
-  Builder builder(limit, tp, *hold.arena);
+  Builder builder(std::string_view(data, size), limit, tp, *hold.arena);
   ZVJSONValue value;
   if (error == simdjson::SUCCESS && builder.buildRoot(document, value)) {
     // Past the end of the text is where a whole document leaves the walk.
