@@ -190,10 +190,6 @@ uint64_t longKeyHash(std::string_view key) {
 
 constexpr size_t kNotFound = static_cast<size_t>(-1);
 
-// Up to this many wanted keys (and below this length) a multiple take
-// indexes the keys by length.
-constexpr size_t kMaxIndexedKeys = 64;
-
 // Orders keys by length first: any strict order finds duplicates, and most
 // keys differ in length.
 bool keyLess(std::string_view a, std::string_view b) {
@@ -1166,46 +1162,60 @@ ZVJSONValue ZVMutableDictionary::getAndRemoveObjectForKey(std::string_view key) 
   return value;
 }
 
+ZVMutableDictionary::KeyList::KeyList(std::span<const std::string_view> keys)
+    : keys_(keys.begin(), keys.end()) {
+  views_.assign(keys_.begin(), keys_.end());
+  indexed_ = views_.size() <= kIndexed;
+  if (!indexed_) return;
+  for (size_t i = 0; i < views_.size(); ++i) {
+    if (views_[i].size() >= kIndexed) {
+      unindexed_ |= uint64_t{1} << i;
+      continue;
+    }
+    byLength_[views_[i].size()] |= uint64_t{1} << i;
+    if (views_[i].size() <= zv_detail::ZVKey::kInline)
+      words_[i] = zv_detail::ZVKey(views_[i]).bits();
+  }
+}
+
 void ZVMutableDictionary::takeObjectsForKeys(std::span<const std::string_view> keys,
                                              std::span<ZVJSONValue> values) {
+  takeObjectsForKeys(KeyList(keys), values);
+}
+
+void ZVMutableDictionary::takeObjectsForKeys(const KeyList& list, std::span<ZVJSONValue> values) {
+  const std::span<const std::string_view> keys = list.views_;
   const size_t wanted = std::min(keys.size(), values.size());
-  if (wanted > kMaxIndexedKeys) {
+  if (!list.indexed_ || wanted < keys.size()) {
     for (size_t i = 0; i < wanted; ++i)
       if (values[i].isNil()) values[i] = getAndRemoveObjectForKey(keys[i]);
     return;
   }
-  // The wanted keys grouped by length: a slot's key is compared only with
-  // the wanted keys of its length that are not taken yet. Short keys are
-  // compared as the slots hold them, in one word.
-  uint64_t byLength[kMaxIndexedKeys] = {};
-  uint64_t words[kMaxIndexedKeys];
-  for (size_t i = 0; i < wanted; ++i) {
-    if (keys[i].size() >= kMaxIndexedKeys) continue;
-    byLength[keys[i].size()] |= uint64_t{1} << i;
-    if (keys[i].size() <= zv_detail::ZVKey::kInline) words[i] = zv_detail::ZVKey(keys[i]).bits();
-  }
-  size_t taken = 0;
+  // A slot's key is compared only with the wanted keys of its length that
+  // are not taken yet; short keys are compared in one word.
+  uint64_t open = wanted == 64 ? ~uint64_t{0} : (uint64_t{1} << wanted) - 1;
   for (Slot& slot : slots_) {
-    if (taken == wanted) break;
+    if (open == 0) break;
     if (slot.value.isNil()) continue;
-    const bool shared = slot.key.shared();
     const size_t size = slot.key.size();
-    if (size >= kMaxIndexedKeys) continue;
-    for (uint64_t candidates = byLength[size]; candidates != 0; candidates &= candidates - 1) {
+    if (size >= KeyList::kIndexed) continue;
+    const bool shared = slot.key.shared();
+    for (uint64_t candidates = list.byLength_[size] & open; candidates != 0;
+         candidates &= candidates - 1) {
       const auto i = static_cast<size_t>(std::countr_zero(candidates));
-      if (!values[i].isNil()) continue;
-      if (shared ? slot.key.view() != keys[i] : slot.key.bits() != words[i]) continue;
+      if (shared ? slot.key.view() != keys[i] : slot.key.bits() != list.words_[i]) continue;
       values[i] = std::move(slot.value);
+      open &= ~(uint64_t{1} << i);
       --live_;
-      ++taken;
       break;
     }
   }
   // The places left are compacted by the next removal or prune.
   while (!slots_.empty() && slots_.back().value.isNil()) slots_.pop_back();
-  for (size_t i = 0; i < wanted; ++i)  // keys too long for the index, if any
-    if (keys[i].size() >= kMaxIndexedKeys && values[i].isNil())
-      values[i] = getAndRemoveObjectForKey(keys[i]);
+  for (uint64_t rest = list.unindexed_ & open; rest != 0; rest &= rest - 1) {
+    const auto i = static_cast<size_t>(std::countr_zero(rest));  // a key too long for the index
+    values[i] = getAndRemoveObjectForKey(keys[i]);
+  }
 }
 
 void ZVMutableDictionary::compactIfSparse() {

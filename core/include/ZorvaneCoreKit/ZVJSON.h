@@ -14,6 +14,7 @@
 #include <bit>
 #include <cstdint>
 #include <cstring>
+#include <initializer_list>
 #include <memory>
 #include <new>
 #include <optional>
@@ -469,11 +470,35 @@ class ZV_CORE_EXPORT ZVMutableDictionary final
   void removeObjectForKey(std::string_view key);
   /// Returns the value stored under `key` (nil when absent) and removes the entry.
   ZVJSONValue getAndRemoveObjectForKey(std::string_view key);
+  /// Keys prepared once for `takeObjectsForKeys`: the list a record takes
+  /// from every object it is built from. Immutable, so it may be shared
+  /// between threads (a function-local static, typically).
+  class ZV_CORE_EXPORT KeyList {
+   public:
+    explicit KeyList(std::span<const std::string_view> keys);
+    KeyList(std::initializer_list<std::string_view> keys)
+        : KeyList(std::span<const std::string_view>(keys.begin(), keys.size())) {}
+    KeyList(const KeyList&) = delete;
+    KeyList& operator=(const KeyList&) = delete;
+    size_t size() const { return views_.size(); }
+
+   private:
+    friend class ZVMutableDictionary;
+    static constexpr size_t kIndexed = 64;  // keys, and key lengths, the index covers
+    std::vector<std::string> keys_;
+    std::vector<std::string_view> views_;  // into keys_
+    bool indexed_ = false;
+    uint64_t byLength_[kIndexed] = {};  // bit i set: key i has this length
+    uint64_t words_[kIndexed] = {};     // short keys as a dictionary stores them
+    uint64_t unindexed_ = 0;            // bit i set: key i is too long for the index
+  };
+
   /// `getAndRemoveObjectForKey` for each of `keys` in one pass: `values[i]`
   /// receives the value of `keys[i]` (nil when absent). `values` starts nil
   /// and holds at least as many elements as `keys` (extra keys are ignored);
   /// keys repeated in `keys` are taken once. The removed entries' places are
   /// compacted by the next removal or `prune`.
+  void takeObjectsForKeys(const KeyList& keys, std::span<ZVJSONValue> values);
   void takeObjectsForKeys(std::span<const std::string_view> keys, std::span<ZVJSONValue> values);
   /// What remains for a record's `extras`: removes the top-level entries whose
   /// value is the JSON null (they tell a host nothing and are a common source

@@ -1,6 +1,5 @@
 #include <ZorvaneRewardsKit/ZVOffer.h>
 
-#include <iterator>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -30,11 +29,11 @@ std::shared_ptr<ZVOffer> ZVOffer::initMutableWithDictionary(const ZVDictionaryPt
   ZVMutableDictionary& d = *dictionary;
 
   // The keys the record consumes, taken in one pass; values are moved, not copied.
-  static constexpr std::string_view kKeys[] = {
+  static const ZVMutableDictionary::KeyList kKeys = {
       "id",         "name",     "type",   "description", "points",
       "start_time", "end_time", "weight", "featured",    "requires_skills_test",
       "tier",       "logo",     "status", "data"};
-  ZVJSONValue v[std::size(kKeys)];
+  ZVJSONValue v[14];
   d.takeObjectsForKeys(kKeys, v);
   offer->offerID_ = ZVUtil::nilOrStringFromObject(v[0]);
   offer->name_ = std::move(v[1]);
