@@ -203,7 +203,7 @@ namespace od = simdjson::ondemand;
 
 // A thread keeps its parser's buffers for the next answer up to this size of
 // text; a larger answer's buffers are given back once it is parsed.
-constexpr size_t kKeptCapacity = size_t{4} << 20;
+constexpr size_t kKeptCapacity = size_t{16} << 20;
 
 // The parser's own depth bound sits a little above ours: the walk refuses a
 // container one level past the limit, after the parser has entered it.
