@@ -196,6 +196,40 @@ TEST(JSONTest, DictionaryKeepsInsertionOrderThroughRemovals) {
   }
 }
 
+TEST(JSONTest, TakesKeysOfEveryLengthInOnePass) {
+  const std::string longKey(70, 'k');
+  // Inline and shared keys on both sides of the 7-byte boundary, an empty
+  // key, an escaped one, and a key too long for the list's index.
+  ZVDictionaryPtr dict =
+      parse(
+          fmt::format(R"({{"\u0069d":1,"":2,"seven77":3,"eight888":4,"{}":5,"tail":6}})", longKey))
+          .dictionary();
+  static const ZVMutableDictionary::KeyList kKeys = {"id", longKey,    "absent", "id",
+                                                     "",   "eight888", "seven77"};
+  ZVJSONValue taken[7];
+  dict->takeObjectsForKeys(kKeys, taken);
+  const int64_t expected[] = {1, 5, -1, -1, 2, 4, 3};  // -1: nil
+  for (size_t i = 0; i < 7; ++i)
+    EXPECT_EQ(taken[i].isNil() ? -1 : taken[i].integerValue(), expected[i]) << i;
+  EXPECT_EQ(dict->allKeys(), std::vector<std::string>{"tail"});
+  EXPECT_EQ(dict->count(), 1u);
+
+  // More keys than the index holds: the same result, key by key.
+  std::vector<std::string> names;
+  std::string text = "{";
+  for (int i = 0; i < 70; ++i) {
+    names.push_back(fmt::format("key{}", i));
+    text += fmt::format(R"("key{}":{},)", i, i);
+  }
+  text.back() = '}';
+  dict = parse(text).dictionary();
+  const std::vector<std::string_view> views(names.begin(), names.end());
+  std::vector<ZVJSONValue> values(views.size());
+  dict->takeObjectsForKeys(views, values);
+  EXPECT_EQ(values[69].integerValue(), 69);
+  EXPECT_TRUE(dict->empty());
+}
+
 TEST(JSONTest, PruneDropsTopLevelNullsInPlace) {
   ZVDictionaryPtr dict = parse(R"({"a":null,"b":{"c":null},"d":0})").dictionary();
   ZVDictionaryPtr nestedB = dict->objectForKey("b").dictionary();
