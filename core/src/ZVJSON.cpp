@@ -495,8 +495,8 @@ class Builder {
   }
 
   // Containers are built in place: each is made and set in `out` before its
-  // elements, which are built straight into the scratch stacks. A value
-  // written and copied at once would stall the copy on the store.
+  // elements, which are built straight into the scratch stacks and then move
+  // into the container with one copy; no value is built aside and copied.
   [[gnu::noinline]] bool buildArray(od::array array, size_t depth, ZVJSONValue& out) {
     if (depth > maxDepth_) {
       tooDeep_ = true;
@@ -1162,20 +1162,47 @@ ZVJSONValue ZVMutableDictionary::getAndRemoveObjectForKey(std::string_view key) 
   return value;
 }
 
+uint64_t ZVMutableDictionary::KeyList::signature(std::string_view key) {
+  if (key.size() <= zv_detail::ZVKey::kInline) return zv_detail::ZVKey(key).bits();
+  uint64_t head;
+  std::memcpy(&head, key.data(), sizeof head);
+  return head ^ (key.size() * 0x9E3779B97F4A7C15u);
+}
+
 ZVMutableDictionary::KeyList::KeyList(std::span<const std::string_view> keys)
     : keys_(keys.begin(), keys.end()) {
   views_.assign(keys_.begin(), keys_.end());
   indexed_ = views_.size() <= kIndexed;
   if (!indexed_) return;
+  uint64_t signatures[kIndexed];
   for (size_t i = 0; i < views_.size(); ++i) {
     if (views_[i].size() >= kIndexed) {
       unindexed_ |= uint64_t{1} << i;
       continue;
     }
-    byLength_[views_[i].size()] |= uint64_t{1} << i;
-    if (views_[i].size() <= zv_detail::ZVKey::kInline)
-      words_[i] = zv_detail::ZVKey(views_[i]).bits();
+    signatures[i] = signature(views_[i]);
+    if (views_[i].size() <= zv_detail::ZVKey::kInline) words_[i] = signatures[i];
   }
+  // The multiplier that leaves the fewest keys sharing a place: a slot then
+  // has one candidate to compare with, or none.
+  size_t fewest = ~size_t{0};
+  for (uint64_t attempt = 0; attempt < 256 && fewest != 0; ++attempt) {
+    const uint64_t multiplier = (2 * attempt + 1) * 0x9E3779B97F4A7C15u;
+    uint64_t used = 0;
+    size_t shared = 0;
+    for (size_t i = 0; i < views_.size(); ++i) {
+      if ((unindexed_ >> i) & 1) continue;
+      const uint64_t bit = uint64_t{1} << ((signatures[i] * multiplier) >> 58);
+      shared += (used & bit) != 0;
+      used |= bit;
+    }
+    if (shared < fewest) {
+      fewest = shared;
+      multiplier_ = multiplier;
+    }
+  }
+  for (size_t i = 0; i < views_.size(); ++i)
+    if (((unindexed_ >> i) & 1) == 0) byPlace_[place(signatures[i])] |= uint64_t{1} << i;
 }
 
 void ZVMutableDictionary::takeObjectsForKeys(std::span<const std::string_view> keys,
@@ -1191,19 +1218,20 @@ void ZVMutableDictionary::takeObjectsForKeys(const KeyList& list, std::span<ZVJS
       if (values[i].isNil()) values[i] = getAndRemoveObjectForKey(keys[i]);
     return;
   }
-  // A slot's key is compared only with the wanted keys of its length that
-  // are not taken yet; short keys are compared in one word.
+  // A slot's key is compared only with the wanted keys not taken yet whose
+  // signature lands on the same place; short keys are compared in one word.
   uint64_t open = wanted == 64 ? ~uint64_t{0} : (uint64_t{1} << wanted) - 1;
   for (Slot& slot : slots_) {
     if (open == 0) break;
     if (slot.value.isNil()) continue;
-    const size_t size = slot.key.size();
-    if (size >= KeyList::kIndexed) continue;
     const bool shared = slot.key.shared();
-    for (uint64_t candidates = list.byLength_[size] & open; candidates != 0;
+    const std::string_view key = shared ? slot.key.view() : std::string_view();
+    if (key.size() >= KeyList::kIndexed) continue;
+    const uint64_t signature = shared ? KeyList::signature(key) : slot.key.bits();
+    for (uint64_t candidates = list.byPlace_[list.place(signature)] & open; candidates != 0;
          candidates &= candidates - 1) {
       const auto i = static_cast<size_t>(std::countr_zero(candidates));
-      if (shared ? slot.key.view() != keys[i] : slot.key.bits() != list.words_[i]) continue;
+      if (shared ? key != keys[i] : signature != list.words_[i]) continue;
       values[i] = std::move(slot.value);
       open &= ~(uint64_t{1} << i);
       --live_;

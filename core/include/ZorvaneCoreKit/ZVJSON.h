@@ -87,8 +87,8 @@ class ZV_CORE_EXPORT ZVKey {
   /// Takes over one reference to `text`.
   explicit ZVKey(ZVText* text) noexcept { setText(text); }
   /// An inline key (`s` at most kInline bytes) from text that may be read
-  /// eight bytes from its start: one word load and one store, so that a copy
-  /// made right after reads the key straight from the store.
+  /// eight bytes from its start: one word load and one store instead of a
+  /// byte-wise copy.
   static ZVKey fromPadded(std::string_view s) noexcept {
     uint64_t word;
     std::memcpy(&word, s.data(), sizeof word);
@@ -485,12 +485,17 @@ class ZV_CORE_EXPORT ZVMutableDictionary final
    private:
     friend class ZVMutableDictionary;
     static constexpr size_t kIndexed = 64;  // keys, and key lengths, the index covers
+    // A key's signature: a short key's word as a dictionary stores it; for a
+    // longer one, its length and first eight bytes mixed.
+    static uint64_t signature(std::string_view key);
+    size_t place(uint64_t signature) const { return (signature * multiplier_) >> 58; }
     std::vector<std::string> keys_;
     std::vector<std::string_view> views_;  // into keys_
     bool indexed_ = false;
-    uint64_t byLength_[kIndexed] = {};  // bit i set: key i has this length
-    uint64_t words_[kIndexed] = {};     // short keys as a dictionary stores them
-    uint64_t unindexed_ = 0;            // bit i set: key i is too long for the index
+    uint64_t multiplier_ = 0;          // spreads the keys' signatures over the places
+    uint64_t byPlace_[kIndexed] = {};  // bit i set: key i's signature lands here
+    uint64_t words_[kIndexed] = {};    // short keys as a dictionary stores them
+    uint64_t unindexed_ = 0;           // bit i set: key i is too long for the index
   };
 
   /// `getAndRemoveObjectForKey` for each of `keys` in one pass: `values[i]`
