@@ -161,7 +161,7 @@ class ZV_CORE_EXPORT ZVKey {
 
 // A container's elements, contiguous: a lean vector (16 bytes) that can
 // start on memory it does not own (cut from a parse's arena) and moves to the
-// heap only if it grows.
+// heap only if it grows. T moves by its bytes, as keys and values do.
 template <class T>
 class ZVStore {
  public:
@@ -229,15 +229,21 @@ class ZVStore {
     while (size_ > 0) pop_back();
   }
   /// Removes the elements for which `pred` holds, keeping the others' order.
+  /// The kept ones move down by their bytes.
   template <class Pred>
   void eraseIf(Pred pred) {
     uint32_t kept = 0;
     for (uint32_t i = 0; i < size_; ++i) {
-      if (pred(data_[i])) continue;
-      if (kept != i) data_[kept] = std::move(data_[i]);
+      if (pred(data_[i])) {
+        data_[i].~T();
+        continue;
+      }
+      if (kept != i)
+        std::memcpy(static_cast<void*>(data_ + kept), static_cast<const void*>(data_ + i),
+                    sizeof(T));
       ++kept;
     }
-    while (size_ > kept) pop_back();
+    size_ = kept;
   }
   /// Gives back unused room, unless the memory is borrowed.
   void shrinkToFit() {
