@@ -271,7 +271,7 @@ struct ThreadParser {
   // container then gets storage of its exact size, allocated once.
   ScratchStack<ZVJSONAccess::Slot> slots;
   ScratchStack<ZVJSONValue> items;
-  simdjson::dom::parser dom;  // for scalars the walk leaves to the DOM parser
+  simdjson::dom::parser scalars;  // for scalars the walk leaves to the DOM parser
 
   // Sets the depth bound, which a fresh parser does not have yet.
   simdjson::error_code prepare(size_t size) {
@@ -281,7 +281,7 @@ struct ThreadParser {
 
   void trim() {
     if (parser.capacity() > kKeptCapacity) parser = od::parser();
-    if (dom.capacity() > kKeptCapacity) dom = simdjson::dom::parser();
+    if (scalars.capacity() > kKeptCapacity) scalars = simdjson::dom::parser();
     if (padded.capacity() > kKeptCapacity) std::vector<char>().swap(padded);
     if (keys.capacity() > 4096) std::vector<std::string_view>().swap(keys);
     if (slots.capacity() > 4096) slots.release();
@@ -368,7 +368,7 @@ class Builder {
         slots_(scratch.slots),
         items_(scratch.items),
         arena_(arena),
-        scalars_(scratch.dom) {}
+        scalars_(scratch.scalars) {}
 
   simdjson::error_code error() const { return error_; }
   bool tooDeep() const { return tooDeep_; }
@@ -1300,20 +1300,6 @@ void ZVMutableDictionary::appendUnchecked(std::string_view key, ZVJSONValue valu
 
 namespace {
 
-ZVJSONParseResult finish(simdjson::error_code error, const Builder& builder, size_t limit,
-                         ZVJSONValue& value) {
-  ZVJSONParseResult result;
-  if (error == simdjson::SUCCESS) error = builder.error();
-  if (builder.tooDeep() || error == simdjson::DEPTH_ERROR) {
-    result.error = depthError(limit);
-  } else if (error != simdjson::SUCCESS) {
-    result.error = fmt::format("invalid JSON: {}", simdjson::error_message(error));
-  } else {
-    result.value = std::move(value);
-  }
-  return result;
-}
-
 ZVJSONParseResult parsePadded(const char* data, size_t size, size_t capacity, size_t limit,
                               ThreadParser& tp) {
   ZVJSONParseResult result;
@@ -1323,7 +1309,7 @@ ZVJSONParseResult parsePadded(const char* data, size_t size, size_t capacity, si
   size_t first = 0;
   while (first < size && blank(data[first])) ++first;
   if (first == size || (data[first] != '{' && data[first] != '[')) {
-    if (const auto error = parseScalar(tp.dom, data, size, capacity, result.value);
+    if (const auto error = parseScalar(tp.scalars, data, size, capacity, result.value);
         error != simdjson::SUCCESS)
       result.error = fmt::format("invalid JSON: {}", simdjson::error_message(error));
     return result;
@@ -1344,7 +1330,15 @@ ZVJSONParseResult parsePadded(const char* data, size_t size, size_t capacity, si
     if (document.current_location().get(rest) != simdjson::OUT_OF_BOUNDS)
       error = simdjson::TRAILING_CONTENT;
   }
-  return finish(error, builder, limit, value);
+  if (error == simdjson::SUCCESS) error = builder.error();
+  if (builder.tooDeep() || error == simdjson::DEPTH_ERROR) {
+    result.error = depthError(limit);
+  } else if (error != simdjson::SUCCESS) {
+    result.error = fmt::format("invalid JSON: {}", simdjson::error_message(error));
+  } else {
+    result.value = std::move(value);
+  }
+  return result;
 }
 
 ZVJSONParseResult parse(std::string_view text, size_t capacity, const ZVJSONParseOptions& options) {
