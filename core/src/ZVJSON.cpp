@@ -223,8 +223,6 @@ class ScratchStack {
 
   size_t size() const { return size_; }
   size_t capacity() const { return capacity_; }
-  T* begin() { return data_; }
-  T* end() { return data_ + size_; }
   template <class... Args>
   T& emplace_back(Args&&... args) {
     if (size_ == capacity_) grow();

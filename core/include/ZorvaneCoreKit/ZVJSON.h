@@ -260,10 +260,8 @@ class ZVStore {
   void moveTo(size_t n) {
     const uint32_t capacity = checked(n);
     T* fresh = n == 0 ? nullptr : static_cast<T*>(::operator new(n * sizeof(T)));
-    for (uint32_t i = 0; i < size_; ++i) {
-      new (fresh + i) T(std::move(data_[i]));
-      data_[i].~T();
-    }
+    if (size_ != 0)
+      std::memcpy(static_cast<void*>(fresh), static_cast<const void*>(data_), size_ * sizeof(T));
     if (owned()) ::operator delete(data_);
     data_ = fresh;
     capacity_ = capacity;
