@@ -4,11 +4,13 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <condition_variable>
 #include <mutex>
 #include <thread>
 #include <vector>
 
+#include "ZVHTTP2Server.h"
 #include "ZVLoopbackServer.h"
 
 namespace {
@@ -287,6 +289,102 @@ TEST_F(TransportTest, ReplacingTheTransportFailsRequestsInFlight) {
   ASSERT_NE(calls[0].error, nullptr);
   EXPECT_EQ(calls[0].error->type(), ZVErrorTypeTransport);
   EXPECT_EQ(calls[0].error->code(), ZVErrorShutdown);
+}
+
+// Keeps what the transport answered, on its way to the caller.
+class AnswerLog : public ZVTransportWrapper {
+ public:
+  using ZVTransportWrapper::ZVTransportWrapper;
+  void send(ZVHTTPRequest request, Completion done) override {
+    inner()->send(std::move(request), [this, done = std::move(done)](ZVHTTPResult result) {
+      {
+        std::lock_guard lock(mutex_);
+        results_.push_back(result);
+      }
+      done(std::move(result));
+    });
+  }
+  std::vector<ZVHTTPResult> results() {
+    std::lock_guard lock(mutex_);
+    return results_;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::vector<ZVHTTPResult> results_;  // guarded by mutex_
+};
+
+TEST(HTTP2Test, SixteenInFlightShareOneMultiplexedConnection) {
+  constexpr int kTotal = 64;
+  constexpr int kInFlight = 16;
+  constexpr const char* kBody = R"({"status":"ok","offers":[]})";
+  const ZVConfiguration saved = Zorvane::configuration();
+  for (const bool throughManager : {false, true}) {
+    SCOPED_TRACE(throughManager ? "through the request manager" : "through the transport");
+    zvtest::ZVHTTP2Server server(kBody);
+    auto log = std::make_shared<AnswerLog>(ZVMakeCurlTransport());
+    ZVConfiguration config;
+    config.serviceHost = server.baseURL();
+    config.appID = "app";
+    config.accessToken = kToken;
+    config.caFile = server.caFile();
+    config.requestTimeout = 5s;
+    Zorvane::configure(config);
+    ZVGenericRequestManager::instance()->setTransport(log);
+
+    std::mutex mutex;
+    std::condition_variable changed;
+    int finished = 0;  // guarded by mutex
+    int errors = 0;    // guarded by mutex
+    std::atomic<int> started{0};
+    auto finish = [&](bool failed) {
+      std::lock_guard lock(mutex);
+      errors += failed;
+      ++finished;
+      changed.notify_all();
+    };
+    // Each answer sends the next request, so that 16 stay in flight.
+    std::function<void()> sendNext = [&] {
+      if (started.fetch_add(1) >= kTotal) return;
+      if (throughManager) {
+        ZVGenericRequestManager::instance()->sendRequest(
+            makeRequest(0, kOffersURL), [&](const std::string&, std::shared_ptr<ZVGenericResponse>,
+                                            ZVErrorPtr error, ZVDictionaryPtr) {
+              sendNext();
+              finish(error != nullptr);
+            });
+      } else {
+        ZVHTTPRequest request;
+        request.method = "GET";
+        request.url = server.baseURL() + "/offers";
+        request.caFile = server.caFile();
+        log->send(std::move(request), [&](ZVHTTPResult) {
+          sendNext();
+          finish(false);
+        });
+      }
+    };
+    for (int i = 0; i < kInFlight; ++i) sendNext();
+    {
+      std::unique_lock lock(mutex);
+      ASSERT_TRUE(changed.wait_for(lock, 20s, [&] { return finished == kTotal; }))
+          << finished << " of " << kTotal << " answered";
+      EXPECT_EQ(errors, 0);
+    }
+    ZVGenericRequestManager::instance()->setTransport(nullptr);
+
+    const std::vector<ZVHTTPResult> results = log->results();
+    ASSERT_EQ(results.size(), size_t{kTotal});
+    for (const ZVHTTPResult& result : results) {
+      ASSERT_EQ(result.failure, ZVTransportFailure::None) << result.failureMessage;
+      EXPECT_EQ(result.status, 200);
+      EXPECT_EQ(result.httpVersion, "2");
+      EXPECT_EQ(result.body, kBody);
+    }
+    EXPECT_EQ(server.streams(), size_t{kTotal});
+    EXPECT_EQ(server.connections(), 1u);
+  }
+  Zorvane::configure(saved);
 }
 
 }  // namespace

@@ -1,0 +1,374 @@
+#include "ZVHTTP2Server.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <stdexcept>
+#include <string_view>
+
+#include <nghttp2/nghttp2.h>
+#include <openssl/bio.h>
+#include <openssl/bn.h>
+#include <openssl/err.h>
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+#include <openssl/ssl.h>
+#include <openssl/x509.h>
+#include <openssl/x509v3.h>
+
+namespace zvtest {
+
+namespace {
+
+// How often the accept loop looks at the stop flag.
+constexpr int kPollMs = 20;
+// Answers are gathered up to this size before one TLS write.
+constexpr size_t kWriteChunk = 64 * 1024;
+
+template <auto Free>
+struct Deleter {
+  template <class T>
+  void operator()(T* p) const {
+    Free(p);
+  }
+};
+using X509Ptr = std::unique_ptr<X509, Deleter<X509_free>>;
+using KeyPtr = std::unique_ptr<EVP_PKEY, Deleter<EVP_PKEY_free>>;
+using ExtPtr = std::unique_ptr<X509_EXTENSION, Deleter<X509_EXTENSION_free>>;
+using BIOPtr = std::unique_ptr<BIO, Deleter<BIO_free_all>>;
+using SSLPtr = std::unique_ptr<SSL, Deleter<SSL_free>>;
+using SessionPtr = std::unique_ptr<nghttp2_session, Deleter<nghttp2_session_del>>;
+using CallbacksPtr =
+    std::unique_ptr<nghttp2_session_callbacks, Deleter<nghttp2_session_callbacks_del>>;
+
+[[noreturn]] void fail(const char* what) {
+  char text[256] = "";
+  if (const unsigned long code = ERR_get_error(); code != 0)
+    ERR_error_string_n(code, text, sizeof text);
+  ERR_clear_error();
+  throw std::runtime_error(std::string("HTTP/2 server: ") + what + (*text ? ": " : "") + text);
+}
+
+bool addExtension(X509* cert, X509V3_CTX* ctx, int nid, const char* value) {
+  ExtPtr ext(X509V3_EXT_conf_nid(nullptr, ctx, nid, value));
+  return ext && X509_add_ext(cert, ext.get(), -1) == 1;
+}
+
+// A self-signed P-256 certificate for 127.0.0.1, valid for a day.
+std::pair<X509Ptr, KeyPtr> makeCertificate() {
+  KeyPtr key(EVP_EC_gen("P-256"));
+  X509Ptr cert(X509_new());
+  if (!key || !cert) fail("no key");
+  X509_NAME* name = X509_get_subject_name(cert.get());
+  X509V3_CTX ctx;
+  X509V3_set_ctx_nodb(&ctx);
+  X509V3_set_ctx(&ctx, cert.get(), cert.get(), nullptr, nullptr, 0);
+  const bool built =
+      X509_set_version(cert.get(), 2) == 1 &&
+      ASN1_INTEGER_set(X509_get_serialNumber(cert.get()), 1) == 1 &&
+      X509_gmtime_adj(X509_getm_notBefore(cert.get()), -3600) != nullptr &&
+      X509_gmtime_adj(X509_getm_notAfter(cert.get()), 24L * 3600) != nullptr &&
+      X509_set_pubkey(cert.get(), key.get()) == 1 &&
+      X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC,
+                                 reinterpret_cast<const unsigned char*>("127.0.0.1"), -1, -1,
+                                 0) == 1 &&
+      X509_set_issuer_name(cert.get(), name) == 1 &&
+      addExtension(cert.get(), &ctx, NID_basic_constraints, "critical,CA:TRUE") &&
+      addExtension(cert.get(), &ctx, NID_key_usage, "critical,digitalSignature,keyCertSign") &&
+      addExtension(cert.get(), &ctx, NID_ext_key_usage, "serverAuth") &&
+      addExtension(cert.get(), &ctx, NID_subject_key_identifier, "hash") &&
+      addExtension(cert.get(), &ctx, NID_subject_alt_name, "IP:127.0.0.1") &&
+      X509_sign(cert.get(), key.get(), EVP_sha256()) > 0;
+  if (!built) fail("cannot build the certificate");
+  return {std::move(cert), std::move(key)};
+}
+
+std::string pemOf(X509* cert) {
+  BIOPtr memory(BIO_new(BIO_s_mem()));
+  if (!memory || PEM_write_bio_X509(memory.get(), cert) != 1) fail("cannot encode the certificate");
+  char* data = nullptr;
+  const long size = BIO_get_mem_data(memory.get(), &data);
+  return std::string(data, static_cast<size_t>(size));
+}
+
+// Only "h2": a client that does not offer it gets no protocol and fails.
+int selectH2(SSL*, const unsigned char** out, unsigned char* outLength, const unsigned char* in,
+             unsigned int inLength, void*) {
+  static const unsigned char kH2[] = {2, 'h', '2'};
+  unsigned char* chosen = nullptr;
+  if (SSL_select_next_proto(&chosen, outLength, kH2, sizeof kH2, in, inLength) !=
+      OPENSSL_NPN_NEGOTIATED)
+    return SSL_TLSEXT_ERR_ALERT_FATAL;
+  *out = chosen;
+  return SSL_TLSEXT_ERR_OK;
+}
+
+int listenOnLoopback(int& port) {
+  const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) throw std::runtime_error("HTTP/2 server: no socket");
+  const int one = 1;
+  ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+      ::listen(fd, 128) != 0 ||
+      ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+    ::close(fd);
+    throw std::runtime_error("HTTP/2 server: cannot listen on 127.0.0.1");
+  }
+  port = ntohs(address.sin_port);
+  return fd;
+}
+
+nghttp2_nv header(std::string_view name, std::string_view value) {
+  return {reinterpret_cast<uint8_t*>(const_cast<char*>(name.data())),
+          reinterpret_cast<uint8_t*>(const_cast<char*>(value.data())), name.size(), value.size(),
+          NGHTTP2_NV_FLAG_NONE};
+}
+
+}  // namespace
+
+// One connection's HTTP/2 session; lives on that connection's thread.
+struct HTTP2Session {
+  struct Stream {
+    std::string body;
+    std::string length;
+    size_t sent = 0;
+  };
+
+  HTTP2Session(ZVHTTP2Server& server, size_t connection) : server(server), connection(connection) {}
+
+  ZVHTTP2Server& server;
+  const size_t connection;
+  std::map<int32_t, Stream> streams;
+
+  // The request is complete once its stream ends from the client's side.
+  static int onFrame(nghttp2_session* session, const nghttp2_frame* frame, void* user) {
+    auto& self = *static_cast<HTTP2Session*>(user);
+    const bool requestEnds =
+        (frame->hd.type == NGHTTP2_HEADERS || frame->hd.type == NGHTTP2_DATA) &&
+        (frame->hd.flags & NGHTTP2_FLAG_END_STREAM) != 0;
+    if (!requestEnds) return 0;
+    const int32_t id = frame->hd.stream_id;
+    Stream& stream = self.streams[id];
+    stream.body = self.server.bodySnapshot();
+    stream.length = std::to_string(stream.body.size());
+    const nghttp2_nv headers[] = {header(":status", "200"),
+                                  header("content-type", "application/json"),
+                                  header("content-length", stream.length)};
+    nghttp2_data_provider provider{};
+    provider.source.ptr = &stream;
+    provider.read_callback = readBody;
+    if (nghttp2_submit_response(session, id, headers, std::size(headers), &provider) != 0)
+      return NGHTTP2_ERR_CALLBACK_FAILURE;
+    self.server.noteServed(self.connection);
+    return 0;
+  }
+
+  static ssize_t readBody(nghttp2_session*, int32_t, uint8_t* buffer, size_t length,
+                          uint32_t* flags, nghttp2_data_source* source, void*) {
+    auto& stream = *static_cast<Stream*>(source->ptr);
+    const size_t n = std::min(length, stream.body.size() - stream.sent);
+    std::memcpy(buffer, stream.body.data() + stream.sent, n);
+    stream.sent += n;
+    if (stream.sent == stream.body.size()) *flags |= NGHTTP2_DATA_FLAG_EOF;
+    return static_cast<ssize_t>(n);
+  }
+
+  static int onClose(nghttp2_session*, int32_t id, uint32_t, void* user) {
+    static_cast<HTTP2Session*>(user)->streams.erase(id);
+    return 0;
+  }
+};
+
+ZVHTTP2Server::ZVHTTP2Server(std::string body) : body_(std::move(body)) {
+  auto [cert, key] = makeCertificate();
+  std::string pattern = (std::filesystem::temp_directory_path() / "zv-h2-XXXXXX").string();
+  if (::mkdtemp(pattern.data()) == nullptr)
+    throw std::runtime_error("HTTP/2 server: no temporary folder");
+  directory_ = pattern;
+  caFile_ = directory_ + "/ca.pem";
+  {
+    std::ofstream out(caFile_, std::ios::binary);
+    out << pemOf(cert.get());
+    if (!out) {
+      std::filesystem::remove_all(directory_);
+      throw std::runtime_error("HTTP/2 server: cannot write " + caFile_);
+    }
+  }
+
+  try {
+    context_ = SSL_CTX_new(TLS_server_method());
+    if (context_ == nullptr) fail("no TLS context");
+    SSL_CTX_set_min_proto_version(context_, TLS1_2_VERSION);
+    if (SSL_CTX_use_certificate(context_, cert.get()) != 1 ||
+        SSL_CTX_use_PrivateKey(context_, key.get()) != 1)
+      fail("cannot use the certificate");
+    SSL_CTX_set_alpn_select_cb(context_, selectH2, nullptr);
+    listener_ = listenOnLoopback(port_);
+  } catch (...) {
+    SSL_CTX_free(context_);
+    std::filesystem::remove_all(directory_);
+    throw;
+  }
+  acceptor_ = std::thread([this] { acceptLoop(); });
+}
+
+ZVHTTP2Server::~ZVHTTP2Server() {
+  {
+    std::lock_guard lock(mutex_);
+    stopping_ = true;
+    // Wakes workers blocked in a TLS read or write; each closes its own socket.
+    for (const int socket : open_) ::shutdown(socket, SHUT_RDWR);
+  }
+  acceptor_.join();
+  std::vector<std::thread> workers;
+  {
+    std::lock_guard lock(mutex_);
+    workers.swap(workers_);
+  }
+  for (std::thread& worker : workers) worker.join();
+  ::close(listener_);
+  SSL_CTX_free(context_);
+  std::error_code ignored;
+  std::filesystem::remove_all(directory_, ignored);
+}
+
+std::string ZVHTTP2Server::baseURL() const {
+  return "https://127.0.0.1:" + std::to_string(port_);
+}
+
+void ZVHTTP2Server::setBody(std::string body) {
+  std::lock_guard lock(mutex_);
+  body_ = std::move(body);
+}
+
+std::string ZVHTTP2Server::bodySnapshot() {
+  std::lock_guard lock(mutex_);
+  return body_;
+}
+
+void ZVHTTP2Server::noteServed(size_t connection) {
+  ++streams_;
+  std::lock_guard lock(mutex_);
+  serving_.insert(connection);
+}
+
+size_t ZVHTTP2Server::takeServingConnections() {
+  std::lock_guard lock(mutex_);
+  const size_t n = serving_.size();
+  serving_.clear();
+  return n;
+}
+
+void ZVHTTP2Server::acceptLoop() {
+  pollfd entry{listener_, POLLIN, 0};
+  while (!stopping_) {
+    if (::poll(&entry, 1, kPollMs) <= 0) continue;
+    const int socket = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
+    if (socket < 0) continue;
+    std::lock_guard lock(mutex_);
+    // Checked under the lock the destructor shuts sockets down with, so that
+    // no connection escapes it.
+    if (stopping_) {
+      ::close(socket);
+      break;
+    }
+    const size_t id = ++connections_;
+    open_.insert(socket);
+    workers_.emplace_back([this, socket, id] { serve(socket, id); });
+  }
+}
+
+void ZVHTTP2Server::forget(int socket) {
+  {
+    std::lock_guard lock(mutex_);
+    open_.erase(socket);
+  }
+  ::close(socket);
+}
+
+// Blocking TLS on one connection: read what the client sent, feed it to the
+// session, write what the session has to say, until either side is done.
+void ZVHTTP2Server::serve(int socket, size_t id) {
+  // OpenSSL writes with write(2): a client that already closed must give
+  // EPIPE on this thread, not a SIGPIPE that ends the process.
+  sigset_t pipe;
+  sigemptyset(&pipe);
+  sigaddset(&pipe, SIGPIPE);
+  pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
+  const int one = 1;
+  ::setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+  SSLPtr ssl(SSL_new(context_));
+  if (!ssl || SSL_set_fd(ssl.get(), socket) != 1 || SSL_accept(ssl.get()) != 1) {
+    ERR_clear_error();
+    ssl.reset();
+    forget(socket);
+    return;
+  }
+
+  HTTP2Session state(*this, id);
+  CallbacksPtr callbacks([] {
+    nghttp2_session_callbacks* made = nullptr;
+    nghttp2_session_callbacks_new(&made);
+    return made;
+  }());
+  SessionPtr session;
+  if (callbacks) {
+    nghttp2_session_callbacks_set_on_frame_recv_callback(callbacks.get(), HTTP2Session::onFrame);
+    nghttp2_session_callbacks_set_on_stream_close_callback(callbacks.get(), HTTP2Session::onClose);
+    nghttp2_session* made = nullptr;
+    if (nghttp2_session_server_new(&made, callbacks.get(), &state) == 0) session.reset(made);
+  }
+  const nghttp2_settings_entry settings[] = {{NGHTTP2_SETTINGS_MAX_CONCURRENT_STREAMS, 128}};
+  bool alive = session && nghttp2_submit_settings(session.get(), NGHTTP2_FLAG_NONE, settings,
+                                                  std::size(settings)) == 0;
+
+  std::string out;
+  auto flush = [&] {
+    if (out.empty()) return true;
+    const bool written = SSL_write(ssl.get(), out.data(), static_cast<int>(out.size())) ==
+                         static_cast<int>(out.size());
+    out.clear();
+    return written;
+  };
+  uint8_t buffer[16 * 1024];
+  while (alive && !stopping_) {
+    while (alive) {
+      const uint8_t* data = nullptr;
+      const ssize_t n = nghttp2_session_mem_send(session.get(), &data);
+      if (n <= 0) {
+        alive = n == 0 && flush();
+        break;
+      }
+      out.append(reinterpret_cast<const char*>(data), static_cast<size_t>(n));
+      if (out.size() >= kWriteChunk) alive = flush();
+    }
+    if (!alive || (nghttp2_session_want_read(session.get()) == 0 &&
+                   nghttp2_session_want_write(session.get()) == 0))
+      break;
+    const int got = SSL_read(ssl.get(), buffer, sizeof buffer);
+    if (got <= 0) break;
+    alive = nghttp2_session_mem_recv(session.get(), buffer, static_cast<size_t>(got)) == got;
+  }
+  ERR_clear_error();
+  session.reset();
+  ssl.reset();
+  forget(socket);
+}
+
+}  // namespace zvtest
