@@ -3,13 +3,15 @@
 // run: a multi loop with 16 requests in flight, and one reused easy handle
 // for sequential requests. Both sides send the same request and keep the
 // answer's body; ours also parses it and runs the completion handler. Plain HTTP/1.1 against a
-// minimal server, and HTTPS (HTTP/1.1) against a TLS server with a self-signed certificate. Prints
-// one line per pair with the ratio and how many connections the server saw (reuse keeps it near the
-// number in flight).
+// minimal server, HTTPS (HTTP/1.1) against a TLS server with a self-signed certificate, and HTTPS
+// over HTTP/2 against the test suite's nghttp2 server, where both sides multiplex their requests
+// over one connection. Prints one line per pair with the ratio and how many connections the server
+// saw (reuse keeps it near the number in flight over HTTP/1.1, at one over HTTP/2).
 #include <atomic>
 #include <condition_variable>
 #include <cstdio>
 #include <filesystem>
+#include <functional>
 #include <iostream>
 #include <map>
 #include <memory>
@@ -30,6 +32,7 @@
 
 #include "ZVBenchReport.h"
 #include "ZVBenchSupport.h"
+#include "ZVHTTP2Server.h"
 
 namespace {
 
@@ -87,11 +90,14 @@ class Server {
 };
 
 struct Target {
-  Server* server;
   std::string scheme;
+  int port = 0;
   std::string caFile;
+  bool http2 = false;  // HTTP/2 over TLS, requests multiplexed on a connection
+  // Distinct connections that served requests since the last call.
+  std::function<size_t()> takeConnections;
   std::string url() const {
-    return fmt::format("{}://127.0.0.1:{}{}?locale=en_CA", scheme, server->port(), kPath);
+    return fmt::format("{}://127.0.0.1:{}{}?locale=en_CA", scheme, port, kPath);
   }
 };
 
@@ -122,7 +128,13 @@ void setUp(RawHandle& raw, const Target& target, const std::string& url) {
   curl_easy_setopt(easy, CURLOPT_WRITEDATA, &raw.body);
   curl_easy_setopt(easy, CURLOPT_PRIVATE, &raw.body);
   curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
-  curl_easy_setopt(easy, CURLOPT_HTTP_VERSION, CURL_HTTP_VERSION_1_1);
+  if (target.http2) {
+    curl_easy_setopt(easy, CURLOPT_HTTP_VERSION, CURL_HTTP_VERSION_2TLS);
+    // Waits for the connection being opened rather than opening another.
+    curl_easy_setopt(easy, CURLOPT_PIPEWAIT, 1L);
+  } else {
+    curl_easy_setopt(easy, CURLOPT_HTTP_VERSION, CURL_HTTP_VERSION_1_1);
+  }
   if (!target.caFile.empty()) curl_easy_setopt(easy, CURLOPT_CAINFO, target.caFile.c_str());
 }
 
@@ -163,6 +175,8 @@ RawMulti& rawMultiFor(const Target& target) {
     curl_multi_setopt(raw.multi, CURLMOPT_MAX_HOST_CONNECTIONS, static_cast<long>(kInFlight));
     // Keeps the connections while no handle is attached between iterations.
     curl_multi_setopt(raw.multi, CURLMOPT_MAXCONNECTS, static_cast<long>(2 * kInFlight));
+    curl_multi_setopt(raw.multi, CURLMOPT_PIPELINING,
+                      target.http2 ? CURLPIPE_MULTIPLEX : CURLPIPE_NOTHING);
     raw.handles.resize(kInFlight);
     for (RawHandle& handle : raw.handles) setUp(handle, target, target.url());
     // Opens the connections a few at a time: the server's listen backlog is
@@ -210,7 +224,7 @@ void rawMulti(benchmark::State& state, const Target* target) {
   int64_t failures = 0;
   for (auto _ : state) failures += rawBatch(raw, kInFlight, kBatch);
   state.SetItemsProcessed(state.iterations() * kBatch);
-  state.counters["connections"] = static_cast<double>(target->server->takeConnections());
+  state.counters["connections"] = static_cast<double>(target->takeConnections());
   if (failures != 0) state.SkipWithError("requests failed");
 }
 
@@ -227,7 +241,7 @@ void rawEasy(benchmark::State& state, const Target* target) {
     if (curl_easy_perform(raw.easy) != CURLE_OK) ++failures;
   }
   state.SetItemsProcessed(state.iterations());
-  state.counters["connections"] = static_cast<double>(target->server->takeConnections());
+  state.counters["connections"] = static_cast<double>(target->takeConnections());
   if (failures != 0) state.SkipWithError("requests failed");
 }
 
@@ -241,7 +255,7 @@ struct Tally {
 
 void configure(const Target& target) {
   ZVConfiguration config;
-  config.serviceHost = fmt::format("{}://127.0.0.1:{}", target.scheme, target.server->port());
+  config.serviceHost = fmt::format("{}://127.0.0.1:{}", target.scheme, target.port);
   config.allowInsecureHTTP = true;
   config.appID = "bench";
   config.accessToken = "bench-token";
@@ -308,7 +322,7 @@ void sdkChained(benchmark::State& state, const Target* target, int width) {
     tally.cv.wait(lock, [&] { return tally.done == kBatch; });
   }
   state.SetItemsProcessed(state.iterations() * kBatch);
-  state.counters["connections"] = static_cast<double>(target->server->takeConnections());
+  state.counters["connections"] = static_cast<double>(target->takeConnections());
   if (tally.failures != 0) state.SkipWithError("requests failed");
 }
 
@@ -333,7 +347,7 @@ void sdkSequentialWaiting(benchmark::State& state, const Target* target) {
     tally.done = 0;
   }
   state.SetItemsProcessed(state.iterations());
-  state.counters["connections"] = static_cast<double>(target->server->takeConnections());
+  state.counters["connections"] = static_cast<double>(target->takeConnections());
   if (tally.failures != 0) state.SkipWithError("requests failed");
 }
 
@@ -360,23 +374,28 @@ int main(int argc, char** argv) {
   curl_global_init(CURL_GLOBAL_DEFAULT);
 
   Server plain(false, "", "");
-  Target http{&plain, "http", ""};
+  Target http{"http", plain.port(), "", false, [&] { return plain.takeConnections(); }};
 
   std::error_code ec;
   const auto dir = std::filesystem::temp_directory_path() / fmt::format("zv-bench-{}", getpid());
   std::filesystem::create_directories(dir, ec);
   std::string cert, key;
   std::unique_ptr<Server> secure;
-  Target https{nullptr, "https", ""};
+  Target https;
   if (makeCertificate(dir.string(), cert, key)) {
     secure = std::make_unique<Server>(true, cert, key);
-    https = {secure.get(), "https", cert};
+    https = {"https", secure->port(), cert, false, [&] { return secure->takeConnections(); }};
   } else {
     fmt::print(stderr, "zv_bench_transport: no openssl tool; HTTPS not measured\n");
   }
 
+  zvtest::ZVHTTP2Server multiplexing(kBody);
+  Target h2{"https", multiplexing.port(), multiplexing.caFile(), true,
+            [&] { return multiplexing.takeServingConnections(); }};
+
   std::vector<std::pair<std::string, const Target*>> targets = {{"http1", &http}};
   if (secure) targets.emplace_back("https1", &https);
+  targets.emplace_back("h2", &h2);
   // Many short repetitions in a shuffled order, medians kept: on a shared
   // machine both sides of a ratio then meet the same background load.
   auto measure = [](benchmark::internal::Benchmark* bench) {
