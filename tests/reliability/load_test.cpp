@@ -1,11 +1,9 @@
 // Load: many threads on every operation at once, a keep-alive soak that must
 // leave no descriptor or thread behind, and concurrent orders that must never
 // spend more points than the user has.
-#include <httplib.h>
-
 #include <ZVSandbox.h>
-#include <fmt/format.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <set>
@@ -89,27 +87,11 @@ TEST(LoadTest, ThreadsCallEveryOperationWhileUserStateIsClearedAndEachHandlerRun
 }
 
 TEST(LoadTest, KeepAliveSoakLeavesNoDescriptorOrThreadBehind) {
-  httplib::Server server;
-  std::mutex mutex;
-  std::set<int> clientPorts;  // guarded by mutex
-  std::atomic<size_t> served{0};
-  server.Get(R"([\s\S]*)", [&](const httplib::Request& request, httplib::Response& response) {
-    ++served;
-    {
-      std::lock_guard lock(mutex);
-      clientPorts.insert(request.remote_port);
-    }
-    response.set_content(R"({"status":"ok","orders":[{"id":"1","status":"approved"}]})",
-                         "application/json");
+  ZVLoopbackServer server;
+  server.setHandler([](const LoopbackRequest&) {
+    return LoopbackResponse{.body = R"({"status":"ok","orders":[{"id":"1","status":"approved"}]})"};
   });
-  server.set_tcp_nodelay(true);
-  server.set_keep_alive_max_count(1'000'000);
-  server.new_task_queue = [] { return new httplib::ThreadPool(24); };
-  const int port = server.bind_to_any_port("127.0.0.1");
-  ASSERT_GT(port, 0);
-  std::thread listener([&] { server.listen_after_bind(); });
-  while (!server.is_running()) std::this_thread::sleep_for(1ms);
-  configureService(fmt::format("http://127.0.0.1:{}", port));
+  configureService(server.baseURL());
 
   // The baseline: one exchange has run (the server's workers exist), then the
   // transport was dropped with its connections, so the next request starts afresh.
@@ -145,15 +127,14 @@ TEST(LoadTest, KeepAliveSoakLeavesNoDescriptorOrThreadBehind) {
   const double seconds =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   EXPECT_EQ(failed, 0u);
-  EXPECT_EQ(served.load(), total + 1);  // and the warm-up
-  {
-    std::lock_guard lock(mutex);
-    // Kept alive: hundreds of requests per connection on average (about one
-    // connection per request in flight; a slow scheduler adds a few).
-    EXPECT_GE(total / clientPorts.size(), 100u) << clientPorts.size() << " connections";
-    std::printf("soak: %zu requests in %.1f s over %zu connections\n", total, seconds,
-                clientPorts.size());
-  }
+  EXPECT_EQ(server.requestCount(), total + 1);  // and the warm-up
+  std::set<int> clientPorts;
+  for (const LoopbackRequest& request : server.requests()) clientPorts.insert(request.remotePort);
+  // Kept alive: hundreds of requests per connection on average (about one
+  // connection per request in flight; a slow scheduler adds a few).
+  EXPECT_GE(total / clientPorts.size(), 100u) << clientPorts.size() << " connections";
+  std::printf("soak: %zu requests in %.1f s over %zu connections\n", total, seconds,
+              clientPorts.size());
 
   // Dropping the transport closes its connections and ends its thread; the
   // server's side of each connection closes once it sees that.
@@ -162,8 +143,6 @@ TEST(LoadTest, KeepAliveSoakLeavesNoDescriptorOrThreadBehind) {
   const Resources after = resourcesNow();
   EXPECT_EQ(after.descriptors, before.descriptors);
   EXPECT_EQ(after.threads, before.threads);
-  server.stop();
-  listener.join();
 }
 
 TEST(LoadTest, ConcurrentOrdersNeverSpendMorePointsThanTheUserHas) {
@@ -172,7 +151,6 @@ TEST(LoadTest, ConcurrentOrdersNeverSpendMorePointsThanTheUserHas) {
                      .certDir = "",
                      .appID = "app",
                      .accessToken = kSecretToken,
-                     .initialPoints = 5000,
                      .faults = {}});
   CloseConnectionsFirst closeFirst;
   std::string problem;
