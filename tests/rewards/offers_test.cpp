@@ -16,8 +16,8 @@ constexpr const char* kTwoOffers =
 
 class OffersTest : public RewardsTest {
  protected:
-  void fetchFresh() {
-    answer(kTwoOffers);
+  void fetchFresh(const char* body = kTwoOffers) {
+    answer(body);
     Outcome<const ZVOfferArray> outcome;
     manager()->forceFetchOffersWithLocale(ZVLocale("en_US"), outcome.handler());
     ASSERT_TRUE(outcome.wait());
@@ -76,18 +76,20 @@ TEST_F(OffersTest, CacheFreshnessFollowsTheRefreshInterval) {
     double age;  // seconds after the stamp
     bool force;
     bool sends;
+    const char* cachedBody = kTwoOffers;
   } cases[] = {
       {"10 s after the stamp is fresh", 300, 10, false, false},
       {"exactly the interval is stale", 300, 300, false, true},
       {"a clock set back is fresh", 300, -50, false, false},
       {"a NaN interval is stale", nan, 10, false, true},
       {"a forced fetch always sends", 300, 10, true, true},
+      {"an empty catalogue is fresh too", 300, 10, false, false, R"({"status":"ok","offers":[]})"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     manager()->resetData();
     setClock(1'000'000.0);
-    fetchFresh();
+    fetchFresh(c.cachedBody);
     ASSERT_EQ(manager()->lastRefreshTime(), 1'000'000.0);
     const ZVOfferArrayPtr cached = manager()->offers();
     const size_t before = server.requestCount();
@@ -163,19 +165,6 @@ TEST_F(OffersTest, AnswerWithoutOkEmptiesTheCatalogueAndZeroesTheStamp) {
     EXPECT_EQ(manager()->lastRefreshTime(), 0.0);
   }
   EXPECT_EQ(notifications.count(ZV_REWARDS_MANAGER_REQUEST_DID_FAIL_NOTIFICATION), 3u);
-}
-
-TEST_F(OffersTest, EmptyCatalogueIsFreshToo) {
-  answer(R"({"status":"ok","offers":[]})");
-  Outcome<const ZVOfferArray> first;
-  manager()->fetchOffersWithCompletionHandler(first.handler());
-  ASSERT_TRUE(first.wait());
-  ASSERT_TRUE(first.result && first.result->empty());
-  Outcome<const ZVOfferArray> second;
-  manager()->fetchOffersWithCompletionHandler(second.handler());
-  ASSERT_TRUE(second.wait());
-  EXPECT_TRUE(second.result && second.result->empty());
-  EXPECT_EQ(server.requestCount(), 1u);
 }
 
 TEST_F(OffersTest, NullLocaleFallsBackToCustomThenDeviceLocale) {

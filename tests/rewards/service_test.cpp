@@ -168,12 +168,6 @@ TEST_F(ServiceTest, SkillQuestionFlow) {
   ASSERT_TRUE(challenge.result);
   EXPECT_EQ(challenge.result->challengeID(), "99");
 
-  answer(R"({"status":"Ok"})");
-  Outcome<ZVSkillChallenge> refused;
-  manager()->answerSkillQuestionForOfferID("5", "q1", "4", refused.handler());
-  ASSERT_TRUE(refused.wait());
-  EXPECT_TRUE(refused.error);
-
   answer(R"({"status":"ok"})");
   manager()->fetchSkillQuestionWithCompletionHandler(nullptr);
   ASSERT_TRUE(drainUntil([&] {
