@@ -11,7 +11,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-TEST(MainQueueTest, RunsInOrderNeverInlineAndSurvivesThrowingTasks) {
+TEST(MainQueueTest, DrainRunsQueuedTasksInOrderNeverInlineAndSurvivesThrowingTasks) {
   ZVMainQueue queue;
   std::vector<int> order;
   queue.async([&] { order.push_back(1); });
@@ -21,10 +21,8 @@ TEST(MainQueueTest, RunsInOrderNeverInlineAndSurvivesThrowingTasks) {
   EXPECT_EQ(queue.pendingCount(), 3u);
   EXPECT_EQ(queue.drain(), 3u);
   EXPECT_EQ(order, (std::vector<int>{1, 2}));
-}
 
-TEST(MainQueueTest, DrainRunsOnlyWhatWasQueuedBefore) {
-  ZVMainQueue queue;
+  // A drain runs only what was queued before it started.
   int inner = 0;
   queue.async([&] { queue.async([&] { ++inner; }); });
   EXPECT_EQ(queue.drain(), 1u);

@@ -62,7 +62,6 @@ TEST(BaseManagerTest, ClearsUserStateOnUserChangeUntilDestroyed) {
   auto* center = ZVNotificationCenter::defaultCenter();
   {
     Manager manager;
-    EXPECT_EQ(manager.refreshInterval(), 300.0);
     center->postNotificationName(ZV_USER_MANAGER_USER_DID_CHANGE_NOTIFICATION, &who);
     center->postNotificationName("unrelated", &who);
     EXPECT_EQ(manager.cleared, (std::vector<const ZVObject*>{&who}));

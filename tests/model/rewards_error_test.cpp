@@ -55,11 +55,4 @@ TEST(RewardsErrorTest, AnyJSONTypeUnderAnyKey) {
   EXPECT_FALSE(ZVRewardsError(ZVErrorTypeService, ZVDictionaryPtr()).message());
 }
 
-TEST(RewardsErrorTest, ValidationErrorKeepsItsFixedText) {
-  ZVRewardsError error(ZVErrorTypeValidation, ZVErrorServerNoRequest, "Missing 'order' parameter");
-  EXPECT_EQ(error.message(), "Missing 'order' parameter");
-  EXPECT_EQ(error.code(), ZVErrorServerNoRequest);
-  EXPECT_FALSE(error.raw());
-}
-
 }  // namespace
