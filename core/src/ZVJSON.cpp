@@ -387,12 +387,12 @@ class Builder {
     if (!check(v.type().get(type))) return false;
     switch (type) {
       case od::json_type::array: {
-        od::array array;
-        return check(v.get_array().get(array)) && buildArray(array, depth + 1, out);
+        auto array = v.get_array();
+        return check(array.error()) && buildArray(array.value_unsafe(), depth + 1, out);
       }
       case od::json_type::object: {
-        od::object object;
-        return check(v.get_object().get(object)) && buildObject(object, depth + 1, out);
+        auto object = v.get_object();
+        return check(object.error()) && buildObject(object.value_unsafe(), depth + 1, out);
       }
       case od::json_type::number:
         return buildNumber(v, out);
@@ -495,7 +495,7 @@ class Builder {
   // Containers are built in place: each is made and set in `out` before its
   // elements, which are built straight into the scratch stacks and then move
   // into the container with one copy; no value is built aside and copied.
-  [[gnu::noinline]] bool buildArray(od::array array, size_t depth, ZVJSONValue& out) {
+  [[gnu::noinline]] bool buildArray(od::array& array, size_t depth, ZVJSONValue& out) {
     if (depth > maxDepth_) {
       tooDeep_ = true;
       return false;
@@ -503,15 +503,17 @@ class Builder {
     ZVMutableArray& result = newArray(out);
     const size_t base = items_.size();
     for (auto element : array) {
-      od::value item;
-      if (!check(std::move(element).get(item)) || !build(item, depth, items_.emplace_back()))
-        return false;
+      // The iterator's result is used in place: copying it out makes the
+      // processor wait to read back what it has just stored.
+      if (!check(element.error())) return false;
+      od::value& item = element.value_unsafe();
+      if (!build(item, depth, items_.emplace_back())) return false;
     }
     fill(ZVJSONAccess::items(result), items_, base);
     return true;
   }
 
-  [[gnu::noinline]] bool buildObject(od::object object, size_t depth, ZVJSONValue& out) {
+  [[gnu::noinline]] bool buildObject(od::object& object, size_t depth, ZVJSONValue& out) {
     if (depth > maxDepth_) {
       tooDeep_ = true;
       return false;
@@ -519,10 +521,10 @@ class Builder {
     ZVMutableDictionary& result = newDictionary(out);
     const size_t base = slots_.size();
     for (auto member : object) {
-      od::field field;
+      if (!check(member.error())) return false;
+      od::field& field = member.value_unsafe();  // in place, as for array elements
       std::string_view key;
-      if (!check(std::move(member).get(field)) ||
-          !readKey(field, rawToken(field.value()).data(), key) ||
+      if (!readKey(field, rawToken(field.value()).data(), key) ||
           !build(field.value(), depth, slots_.emplace_back(makeKey(key)).value))
         return false;
     }
