@@ -8,6 +8,7 @@
 #include <iterator>
 #include <new>
 #include <optional>
+#include <span>
 #include <type_traits>
 #include <unordered_map>
 
@@ -223,6 +224,8 @@ class ScratchStack {
 
   size_t size() const { return size_; }
   size_t capacity() const { return capacity_; }
+  // The elements from `base` up.
+  std::span<const T> top(size_t base) const { return {data_ + base, size_ - base}; }
   template <class... Args>
   T& emplace_back(Args&&... args) {
     if (size_ == capacity_) grow();
@@ -547,10 +550,13 @@ class Builder {
   }
 
   void finishObject(ZVMutableDictionary& result, size_t base) {
+    // Looked for on the scratch stack, written a while ago: the copy just
+    // made would be read back from stores still under way.
+    const bool duplicates = hasDuplicateKeys(slots_.top(base));
     auto& slots = ZVJSONAccess::slots(result);
     fill(slots, slots_, base);
     ZVJSONAccess::live(result) = slots.size();
-    if (hasDuplicateKeys(slots)) mergeDuplicates(result);
+    if (duplicates) mergeDuplicates(result);
   }
 
   // Moves the scratch stack's elements from `base` up into `store`, on
