@@ -27,9 +27,12 @@ std::string asAnswerBody(std::string body) {
   return body;
 }
 
-ZVOfferArrayPtr decodeOffers(std::string& body) {
+namespace {
+
+ZVOfferArrayPtr decode(std::string& body, bool dropBody) {
   // What the request manager does with an answer body...
   ZVJSONParseResult parsed = ZVJSONParse(body);
+  if (dropBody) std::string().swap(body);
   ZVDictionaryPtr dict = parsed.value.dictionary();
   if (!dict) return nullptr;
   // ...and what the manager's routing does with the response.
@@ -46,6 +49,16 @@ ZVOfferArrayPtr decodeOffers(std::string& body) {
   while (!called && ZVMainQueue::shared()->drain() != 0) {
   }
   return delivered;
+}
+
+}  // namespace
+
+ZVOfferArrayPtr decodeOffers(std::string& body) {
+  return decode(body, false);
+}
+
+ZVOfferArrayPtr decodeOffers(std::string&& body) {
+  return decode(body, true);
 }
 
 void forgetCatalogue() {

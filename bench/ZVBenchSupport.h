@@ -19,6 +19,11 @@ namespace zvbench {
 /// the parse pads it in place and leaves it as it was.
 ZVOfferArrayPtr decodeOffers(std::string& body);
 
+/// The same for a body the decode owns: like the request manager, which
+/// drops the transport's result once it is parsed, it frees the body before
+/// the records are built.
+ZVOfferArrayPtr decodeOffers(std::string&& body);
+
 /// Gives `body` the spare capacity past its end that the transport leaves
 /// on every answer body (`ZVJSONPadding`), so that parsers read it in place.
 std::string asAnswerBody(std::string body);

@@ -202,9 +202,16 @@ bool keyLess(std::string_view a, std::string_view b) {
 
 namespace od = simdjson::ondemand;
 
-// A thread keeps its parser's buffers for the next answer up to this size of
-// text; a larger answer's buffers are given back once it is parsed.
+// A thread keeps its parser's buffers for the next answer: always up to this
+// size of text, and beyond it while answers keep their size, so that a run of
+// large answers does not fault fresh buffers in for each one.
 constexpr size_t kKeptCapacity = size_t{16} << 20;
+// Above kKeptCapacity, buffers sized for more than this many times the text
+// just parsed are given back: a one-off large answer holds them only until
+// the thread's next parse.
+constexpr size_t kKeptOversize = 4;
+// Nor are buffers kept for a text larger than this.
+constexpr size_t kMaxKeptCapacity = size_t{256} << 20;
 
 // The parser's own depth bound sits a little above ours: the walk refuses a
 // container one level past the limit, after the parser has entered it.
@@ -280,8 +287,11 @@ struct ThreadParser {
     return parser.allocate(std::max<size_t>(size, 4096), kParserDepth);
   }
 
-  void trim() {
-    if (parser.capacity() > kKeptCapacity) parser = od::parser();
+  void trim(size_t textSize) {
+    const size_t keep = textSize > kMaxKeptCapacity
+                            ? kKeptCapacity
+                            : std::max(kKeptCapacity, kKeptOversize * textSize);
+    if (parser.capacity() > keep) parser = od::parser();
     if (scalars.capacity() > kKeptCapacity) scalars = simdjson::dom::parser();
     if (padded.capacity() > kKeptCapacity) std::vector<char>().swap(padded);
     if (keys.capacity() > 4096) std::vector<std::string_view>().swap(keys);
@@ -1364,7 +1374,7 @@ ZVJSONParseResult parse(std::string_view text, size_t capacity, const ZVJSONPars
       capacity = tp.padded.size();
     }
     result = parsePadded(data, text.size(), capacity, limit, tp);
-    tp.trim();
+    tp.trim(text.size());
   } catch (const std::bad_alloc&) {
     result.value = ZVJSONValue();
     result.error = "out of memory while parsing JSON";

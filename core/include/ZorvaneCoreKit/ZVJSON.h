@@ -580,10 +580,12 @@ struct ZVJSONParseResult {
 /// answer bodies), parses, and takes the padding off again; the string is as
 /// it was when the call returns, and no other thread may use it meanwhile.
 ///
-/// A thread keeps its parser's buffers for the next text, up to texts of
-/// 16 MB: after such a text it holds about 0.8 times its size (resident),
-/// which spares the next parse faulting the buffers in afresh. A larger
-/// text's buffers are given back once it is parsed.
+/// A thread keeps its parser's buffers for its next text, which spares that
+/// parse faulting fresh buffers in; they hold about 0.8 times the size of the
+/// largest text they served (resident). Buffers for texts up to 16 MB are
+/// always kept. Larger ones are kept while the texts keep their size: the
+/// next parse gives them back if its text is less than a quarter of theirs,
+/// and buffers for a text over 256 MB are given back at once.
 ///
 /// Memory: the containers, long strings and long keys of one result are cut
 /// from one arena, in parse order, and the arena is freed when the last of
