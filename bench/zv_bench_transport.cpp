@@ -2,11 +2,15 @@
 // loopback server, beside raw libcurl against the same server in the same
 // run: a multi loop with 16 requests in flight, and one reused easy handle
 // for sequential requests. Both sides send the same request and keep the
-// answer's body; ours also parses it and runs the completion handler. Plain HTTP/1.1 against a
-// minimal server, HTTPS (HTTP/1.1) against a TLS server with a self-signed certificate, and HTTPS
-// over HTTP/2 against the test suite's nghttp2 server, where both sides multiplex their requests
-// over one connection. Prints one line per pair with the ratio and how many connections the server
-// saw (reuse keeps it near the number in flight over HTTP/1.1, at one over HTTP/2).
+// answer's body; ours also parses it and runs the completion handler. The two
+// sides take turns within every iteration, a batch each, so that they meet
+// the same speed of a shared machine. Plain HTTP/1.1 against a minimal
+// server, HTTPS (HTTP/1.1) against a TLS server with a self-signed
+// certificate, and HTTPS over HTTP/2 against the test suite's nghttp2 server,
+// where both sides multiplex their requests over one connection. Prints one
+// line per pair with the ratio and how many connections the server saw during
+// a batch (reuse keeps it at the number in flight over HTTP/1.1, at one over
+// HTTP/2).
 #include <atomic>
 #include <condition_variable>
 #include <cstdio>
@@ -219,15 +223,6 @@ int64_t rawBatch(RawMulti& raw, int width, int total) {
   return failures;
 }
 
-void rawMulti(benchmark::State& state, const Target* target) {
-  RawMulti& raw = rawMultiFor(*target);
-  int64_t failures = 0;
-  for (auto _ : state) failures += rawBatch(raw, kInFlight, kBatch);
-  state.SetItemsProcessed(state.iterations() * kBatch);
-  state.counters["connections"] = static_cast<double>(target->takeConnections());
-  if (failures != 0) state.SkipWithError("requests failed");
-}
-
 void rawEasy(benchmark::State& state, const Target* target) {
   const bool reuse = state.range(0) != 0;
   RawHandle& raw = rawEasies[{target, reuse}];
@@ -291,39 +286,83 @@ void primeSDK(const Target& target) {
   }
 }
 
-// `width` requests in flight; each answer sends the next request from the
-// transport's thread, as the raw loop re-adds a handle (or calls
-// curl_easy_perform again) as soon as one finishes. A width of 1 is the
-// sequential case: each request counts from its send to its handler having run.
-void sdkChained(benchmark::State& state, const Target* target, int width) {
-  configure(*target);
-  if (width > 1) primeSDK(*target);
+// Sends `total` requests through the SDK with `width` in flight; each answer
+// sends the next request from the transport's thread, as the raw loop re-adds
+// a handle (or calls curl_easy_perform again) as soon as one finishes. A
+// width of 1 is the sequential case: each request counts from its send to its
+// handler having run. Returns the failures.
+int sdkBatch(const std::shared_ptr<ZVGenericRequest>& request, int width, int total) {
   ZVGenericRequestManager* manager = ZVGenericRequestManager::instance();
-  const auto request = offersRequest();
   Tally tally;
-  for (auto _ : state) {
-    std::atomic<int> sent{0};
-    {
+  std::atomic<int> sent{0};
+  std::function<void()> sendOne;
+  sendOne = [&] {
+    manager->sendRequest(request, [&](const std::string&, std::shared_ptr<ZVGenericResponse>,
+                                      ZVErrorPtr error, ZVDictionaryPtr) {
+      if (sent.fetch_add(1) + width < total) sendOne();
       std::lock_guard lock(tally.mutex);
-      tally.done = 0;
-    }
-    std::function<void()> sendOne;
-    sendOne = [&] {
-      manager->sendRequest(request, [&](const std::string&, std::shared_ptr<ZVGenericResponse>,
-                                        ZVErrorPtr error, ZVDictionaryPtr) {
-        if (sent.fetch_add(1) + width < kBatch) sendOne();
-        std::lock_guard lock(tally.mutex);
-        if (error) ++tally.failures;
-        if (++tally.done == kBatch) tally.cv.notify_one();
-      });
-    };
-    for (int i = 0; i < width; ++i) sendOne();
-    std::unique_lock lock(tally.mutex);
-    tally.cv.wait(lock, [&] { return tally.done == kBatch; });
+      if (error) ++tally.failures;
+      if (++tally.done == total) tally.cv.notify_one();
+    });
+  };
+  for (int i = 0; i < width; ++i) sendOne();
+  std::unique_lock lock(tally.mutex);
+  tally.cv.wait(lock, [&] { return tally.done == total; });
+  return tally.failures;
+}
+
+// Ours and raw libcurl take turns within each iteration, a batch each, in a
+// rotating order: on a shared machine whose speed drifts from second to
+// second, both sides of the ratio then meet the same conditions. With 16 in
+// flight the raw side is a multi loop; sequential, one reused easy handle.
+// Each repetition reports both rates, their ratio and the most connections
+// the server saw during one batch of either side.
+void paired(benchmark::State& state, const Target* target, int width) {
+  configure(*target);
+  RawMulti* multi = nullptr;
+  RawHandle* easy = nullptr;
+  if (width > 1) {
+    primeSDK(*target);
+    multi = &rawMultiFor(*target);
+  } else {
+    easy = &rawEasies[{target, true}];
+    if (easy->easy == nullptr) setUp(*easy, *target, target->url());
   }
-  state.SetItemsProcessed(state.iterations() * kBatch);
-  state.counters["connections"] = static_cast<double>(target->takeConnections());
-  if (tally.failures != 0) state.SkipWithError("requests failed");
+  const auto request = offersRequest();
+  target->takeConnections();   // what the set-up opened
+  double seconds[2] = {0, 0};  // ours, raw
+  size_t connections[2] = {0, 0};
+  int64_t failures = 0;
+  int turn = 0;
+  for (auto _ : state) {
+    const double before = seconds[0] + seconds[1];
+    for (int part = 0; part < 2; ++part) {
+      const int side = (turn + part) % 2;
+      const auto start = std::chrono::steady_clock::now();
+      if (side == 0) {
+        failures += sdkBatch(request, width, kBatch);
+      } else if (multi != nullptr) {
+        failures += rawBatch(*multi, kInFlight, kBatch);
+      } else {
+        for (int i = 0; i < kBatch; ++i) {
+          easy->body.clear();
+          if (curl_easy_perform(easy->easy) != CURLE_OK) ++failures;
+        }
+      }
+      seconds[side] +=
+          std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+      connections[side] = std::max(connections[side], target->takeConnections());
+    }
+    ++turn;
+    state.SetIterationTime(seconds[0] + seconds[1] - before);
+  }
+  const double requests = static_cast<double>(state.iterations() * kBatch);
+  state.counters["sdk_rps"] = requests / seconds[0];
+  state.counters["raw_rps"] = requests / seconds[1];
+  state.counters["ratio"] = seconds[1] / seconds[0];
+  state.counters["sdk_connections"] = static_cast<double>(connections[0]);
+  state.counters["raw_connections"] = static_cast<double>(connections[1]);
+  if (failures != 0) state.SkipWithError("requests failed");
 }
 
 // One request at a time from a thread that waits for each answer: adds the
@@ -396,23 +435,19 @@ int main(int argc, char** argv) {
   std::vector<std::pair<std::string, const Target*>> targets = {{"http1", &http}};
   if (secure) targets.emplace_back("https1", &https);
   targets.emplace_back("h2", &h2);
-  // Many short repetitions in a shuffled order, medians kept: on a shared
-  // machine both sides of a ratio then meet the same background load.
+  // Short repetitions, medians kept; the pairs and the side figures run in
+  // a shuffled order.
   auto measure = [](benchmark::internal::Benchmark* bench) {
-    bench->MinTime(0.15)->MinWarmUpTime(0.05)->Repetitions(9)->ReportAggregatesOnly(true);
-    bench->UseRealTime();
-    return bench;
+    return bench->MinTime(0.15)->MinWarmUpTime(0.05)->Repetitions(9)->ReportAggregatesOnly(true);
   };
   for (const auto& [name, target] : targets) {
-    measure(benchmark::RegisterBenchmark(("raw_multi16/" + name).c_str(), rawMulti, target));
-    measure(benchmark::RegisterBenchmark(("sdk_inflight16/" + name).c_str(), sdkChained, target,
-                                         kInFlight));
-    measure(
-        benchmark::RegisterBenchmark(("raw_easy_reused/" + name).c_str(), rawEasy, target)->Arg(1));
-    measure(
-        benchmark::RegisterBenchmark(("sdk_sequential/" + name).c_str(), sdkChained, target, 1));
+    measure(benchmark::RegisterBenchmark(("inflight16/" + name).c_str(), paired, target, kInFlight))
+        ->UseManualTime();
+    measure(benchmark::RegisterBenchmark(("sequential/" + name).c_str(), paired, target, 1))
+        ->UseManualTime();
     measure(benchmark::RegisterBenchmark(("sdk_sequential_waiting/" + name).c_str(),
-                                         sdkSequentialWaiting, target));
+                                         sdkSequentialWaiting, target))
+        ->UseRealTime();
   }
   if (secure)
     benchmark::RegisterBenchmark("raw_easy_new_connection/https1", rawEasy, &https)
@@ -430,25 +465,25 @@ int main(int argc, char** argv) {
   auto rate = [&](const std::string& name) {
     return reporter.counter(name + "/real_time", "items_per_second");
   };
-  auto connections = [&](const std::string& name) {
-    return reporter.counter(name + "/real_time", "connections");
-  };
   for (const auto& [name, target] : targets) {
-    const double multi = rate("raw_multi16/" + name), ours = rate("sdk_inflight16/" + name);
+    auto pair = [&](const std::string& pattern, const char* counter) {
+      return reporter.counter(pattern + "/" + name + "/manual_time", counter);
+    };
     fmt::print(
         "transport {} inflight=16 sdk_rps={:.0f} raw_multi_rps={:.0f} ratio={:.3f} "
         "sdk_connections={:.0f} raw_connections={:.0f}\n",
-        name, ours, multi, multi > 0 ? ours / multi : 0.0, connections("sdk_inflight16/" + name),
-        connections("raw_multi16/" + name));
-    const double easy = rate("raw_easy_reused/" + name + "/1"),
-                 seq = rate("sdk_sequential/" + name),
-                 waiting = rate("sdk_sequential_waiting/" + name);
+        name, pair("inflight16", "sdk_rps"), pair("inflight16", "raw_rps"),
+        pair("inflight16", "ratio"), pair("inflight16", "sdk_connections"),
+        pair("inflight16", "raw_connections"));
+    const double easy = pair("sequential", "raw_rps");
+    const double waiting = rate("sdk_sequential_waiting/" + name);
     fmt::print(
         "transport {} sequential sdk_rps={:.0f} raw_easy_rps={:.0f} ratio={:.3f} "
         "sdk_connections={:.0f} raw_connections={:.0f} sdk_waiting_thread_rps={:.0f} "
         "waiting_ratio={:.3f}\n",
-        name, seq, easy, easy > 0 ? seq / easy : 0.0, connections("sdk_sequential/" + name),
-        connections("raw_easy_reused/" + name + "/1"), waiting, easy > 0 ? waiting / easy : 0.0);
+        name, pair("sequential", "sdk_rps"), easy, pair("sequential", "ratio"),
+        pair("sequential", "sdk_connections"), pair("sequential", "raw_connections"), waiting,
+        easy > 0 ? waiting / easy : 0.0);
   }
   if (secure)
     fmt::print("transport https1 new_connection_per_request raw_easy_rps={:.0f}\n",
