@@ -28,6 +28,8 @@
 #include <openssl/x509.h>
 #include <openssl/x509v3.h>
 
+#include "ZVLoopbackSocket.h"
+
 namespace zvtest {
 
 namespace {
@@ -115,25 +117,6 @@ int selectH2(SSL*, const unsigned char** out, unsigned char* outLength, const un
   return SSL_TLSEXT_ERR_OK;
 }
 
-int listenOnLoopback(int& port) {
-  const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (fd < 0) throw std::runtime_error("HTTP/2 server: no socket");
-  const int one = 1;
-  ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof address;
-  if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-      ::listen(fd, 128) != 0 ||
-      ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
-    ::close(fd);
-    throw std::runtime_error("HTTP/2 server: cannot listen on 127.0.0.1");
-  }
-  port = ntohs(address.sin_port);
-  return fd;
-}
-
 nghttp2_nv header(std::string_view name, std::string_view value) {
   return {reinterpret_cast<uint8_t*>(const_cast<char*>(name.data())),
           reinterpret_cast<uint8_t*>(const_cast<char*>(value.data())), name.size(), value.size(),
@@ -219,7 +202,7 @@ ZVHTTP2Server::ZVHTTP2Server(std::string body) : body_(std::move(body)) {
         SSL_CTX_use_PrivateKey(context_, key.get()) != 1)
       fail("cannot use the certificate");
     SSL_CTX_set_alpn_select_cb(context_, selectH2, nullptr);
-    listener_ = listenOnLoopback(port_);
+    listener_ = listenOnLoopback(port_, "HTTP/2 server");
   } catch (...) {
     SSL_CTX_free(context_);
     std::filesystem::remove_all(directory_);

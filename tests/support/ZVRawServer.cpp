@@ -13,32 +13,14 @@
 #include <cstdlib>
 #include <stdexcept>
 
+#include "ZVLoopbackSocket.h"
+
 namespace zvtest {
 
 namespace {
 
 // How often blocked loops look at the stop flag.
 constexpr int kPollMs = 20;
-
-int listenOnLoopback(int& port) {
-  const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (fd < 0) throw std::runtime_error("raw server: no socket");
-  const int one = 1;
-  ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  address.sin_port = 0;
-  socklen_t length = sizeof address;
-  if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-      ::listen(fd, 128) != 0 ||
-      ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
-    ::close(fd);
-    throw std::runtime_error("raw server: cannot listen on 127.0.0.1");
-  }
-  port = ntohs(address.sin_port);
-  return fd;
-}
 
 // Where the head ends and how long the body is, once the head is complete.
 bool requestComplete(const std::string& data) {
@@ -61,7 +43,7 @@ bool requestComplete(const std::string& data) {
 }  // namespace
 
 ZVRawServer::ZVRawServer(RawScript script) : script_(std::move(script)) {
-  listener_ = listenOnLoopback(port_);
+  listener_ = listenOnLoopback(port_, "raw server");
   acceptor_ = std::thread([this] { acceptLoop(); });
 }
 
@@ -91,7 +73,7 @@ std::string ZVRawServer::answer(int status, std::string_view contentType, std::s
 
 int ZVRawServer::closedPort() {
   int port = 0;
-  ::close(listenOnLoopback(port));
+  ::close(listenOnLoopback(port, "raw server"));
   return port;
 }
 
