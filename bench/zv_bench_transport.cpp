@@ -438,7 +438,7 @@ int main(int argc, char** argv) {
   // Short repetitions, medians kept; the pairs and the side figures run in
   // a shuffled order.
   auto measure = [](benchmark::internal::Benchmark* bench) {
-    return bench->MinTime(0.15)->MinWarmUpTime(0.05)->Repetitions(15)->ReportAggregatesOnly(true);
+    return bench->MinTime(0.4)->MinWarmUpTime(0.05)->Repetitions(15)->ReportAggregatesOnly(true);
   };
   for (const auto& [name, target] : targets) {
     measure(benchmark::RegisterBenchmark(("inflight16/" + name).c_str(), paired, target, kInFlight))
