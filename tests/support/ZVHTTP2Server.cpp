@@ -13,21 +13,15 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <map>
 #include <stdexcept>
 #include <string_view>
 
 #include <nghttp2/nghttp2.h>
-#include <openssl/bio.h>
-#include <openssl/bn.h>
 #include <openssl/err.h>
-#include <openssl/evp.h>
-#include <openssl/pem.h>
 #include <openssl/ssl.h>
-#include <openssl/x509.h>
-#include <openssl/x509v3.h>
 
+#include "SandboxCertificate.h"
 #include "ZVLoopbackSocket.h"
 
 namespace zvtest {
@@ -46,10 +40,6 @@ struct Deleter {
     Free(p);
   }
 };
-using X509Ptr = std::unique_ptr<X509, Deleter<X509_free>>;
-using KeyPtr = std::unique_ptr<EVP_PKEY, Deleter<EVP_PKEY_free>>;
-using ExtPtr = std::unique_ptr<X509_EXTENSION, Deleter<X509_EXTENSION_free>>;
-using BIOPtr = std::unique_ptr<BIO, Deleter<BIO_free_all>>;
 using SSLPtr = std::unique_ptr<SSL, Deleter<SSL_free>>;
 using SessionPtr = std::unique_ptr<nghttp2_session, Deleter<nghttp2_session_del>>;
 using CallbacksPtr =
@@ -61,48 +51,6 @@ using CallbacksPtr =
     ERR_error_string_n(code, text, sizeof text);
   ERR_clear_error();
   throw std::runtime_error(std::string("HTTP/2 server: ") + what + (*text ? ": " : "") + text);
-}
-
-bool addExtension(X509* cert, X509V3_CTX* ctx, int nid, const char* value) {
-  ExtPtr ext(X509V3_EXT_conf_nid(nullptr, ctx, nid, value));
-  return ext && X509_add_ext(cert, ext.get(), -1) == 1;
-}
-
-// A self-signed P-256 certificate for 127.0.0.1, valid for a day.
-std::pair<X509Ptr, KeyPtr> makeCertificate() {
-  KeyPtr key(EVP_EC_gen("P-256"));
-  X509Ptr cert(X509_new());
-  if (!key || !cert) fail("no key");
-  X509_NAME* name = X509_get_subject_name(cert.get());
-  X509V3_CTX ctx;
-  X509V3_set_ctx_nodb(&ctx);
-  X509V3_set_ctx(&ctx, cert.get(), cert.get(), nullptr, nullptr, 0);
-  const bool built =
-      X509_set_version(cert.get(), 2) == 1 &&
-      ASN1_INTEGER_set(X509_get_serialNumber(cert.get()), 1) == 1 &&
-      X509_gmtime_adj(X509_getm_notBefore(cert.get()), -3600) != nullptr &&
-      X509_gmtime_adj(X509_getm_notAfter(cert.get()), 24L * 3600) != nullptr &&
-      X509_set_pubkey(cert.get(), key.get()) == 1 &&
-      X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC,
-                                 reinterpret_cast<const unsigned char*>("127.0.0.1"), -1, -1,
-                                 0) == 1 &&
-      X509_set_issuer_name(cert.get(), name) == 1 &&
-      addExtension(cert.get(), &ctx, NID_basic_constraints, "critical,CA:TRUE") &&
-      addExtension(cert.get(), &ctx, NID_key_usage, "critical,digitalSignature,keyCertSign") &&
-      addExtension(cert.get(), &ctx, NID_ext_key_usage, "serverAuth") &&
-      addExtension(cert.get(), &ctx, NID_subject_key_identifier, "hash") &&
-      addExtension(cert.get(), &ctx, NID_subject_alt_name, "IP:127.0.0.1") &&
-      X509_sign(cert.get(), key.get(), EVP_sha256()) > 0;
-  if (!built) fail("cannot build the certificate");
-  return {std::move(cert), std::move(key)};
-}
-
-std::string pemOf(X509* cert) {
-  BIOPtr memory(BIO_new(BIO_s_mem()));
-  if (!memory || PEM_write_bio_X509(memory.get(), cert) != 1) fail("cannot encode the certificate");
-  char* data = nullptr;
-  const long size = BIO_get_mem_data(memory.get(), &data);
-  return std::string(data, static_cast<size_t>(size));
 }
 
 // Only "h2": a client that does not offer it gets no protocol and fails.
@@ -179,27 +127,25 @@ struct HTTP2Session {
 };
 
 ZVHTTP2Server::ZVHTTP2Server(std::string body) : body_(std::move(body)) {
-  auto [cert, key] = makeCertificate();
+  // The sandbox's certificate (localhost and 127.0.0.1), in a folder of our own.
   std::string pattern = (std::filesystem::temp_directory_path() / "zv-h2-XXXXXX").string();
   if (::mkdtemp(pattern.data()) == nullptr)
     throw std::runtime_error("HTTP/2 server: no temporary folder");
   directory_ = pattern;
-  caFile_ = directory_ + "/ca.pem";
-  {
-    std::ofstream out(caFile_, std::ios::binary);
-    out << pemOf(cert.get());
-    if (!out) {
-      std::filesystem::remove_all(directory_);
-      throw std::runtime_error("HTTP/2 server: cannot write " + caFile_);
-    }
+  zvsandbox::CertificateFiles files;
+  std::string problem;
+  if (!zvsandbox::ensureCertificate(directory_, files, problem)) {
+    std::filesystem::remove_all(directory_);
+    throw std::runtime_error("HTTP/2 server: " + problem);
   }
+  caFile_ = files.certificate.string();
 
   try {
     context_ = SSL_CTX_new(TLS_server_method());
     if (context_ == nullptr) fail("no TLS context");
     SSL_CTX_set_min_proto_version(context_, TLS1_2_VERSION);
-    if (SSL_CTX_use_certificate(context_, cert.get()) != 1 ||
-        SSL_CTX_use_PrivateKey(context_, key.get()) != 1)
+    if (SSL_CTX_use_certificate_file(context_, caFile_.c_str(), SSL_FILETYPE_PEM) != 1 ||
+        SSL_CTX_use_PrivateKey_file(context_, files.privateKey.c_str(), SSL_FILETYPE_PEM) != 1)
       fail("cannot use the certificate");
     SSL_CTX_set_alpn_select_cb(context_, selectH2, nullptr);
     listener_ = listenOnLoopback(port_, "HTTP/2 server");

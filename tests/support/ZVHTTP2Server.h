@@ -20,9 +20,9 @@ namespace zvtest {
 /// construction (which returns once it accepts connections) until
 /// destruction (which closes every connection and joins its threads).
 ///
-/// Its certificate is self-signed for 127.0.0.1 and made afresh for each
-/// server; `caFile` names it as a PEM file in a temporary folder that the
-/// destructor removes.
+/// Its certificate is the sandbox's kind (self-signed for localhost and
+/// 127.0.0.1), made afresh for each server; `caFile` names it as a PEM file
+/// in a temporary folder that the destructor removes.
 ///
 /// Throws std::runtime_error when it cannot start.
 ///
