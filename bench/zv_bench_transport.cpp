@@ -11,6 +11,16 @@
 // line per pair with the ratio and how many connections the server saw during
 // a batch (reuse keeps it at the number in flight over HTTP/1.1, at one over
 // HTTP/2).
+//
+// Sequential pairs run with every thread of the process on one CPU. One
+// request at a time is a ping-pong between two threads, client and server,
+// and on a 2-CPU virtual machine its cost depends mostly on where the
+// scheduler puts them: forced onto two CPUs, each exchange took about four
+// times as long as on one, for raw libcurl and for us alike, and left free
+// the pair flips between the two placements from one batch to the next. On
+// one CPU both sides meet the same placement, so the ratio measures the work
+// each does per request. The same pairs with placement left to the scheduler
+// are printed beside them.
 #include <atomic>
 #include <condition_variable>
 #include <cstdio>
@@ -20,10 +30,14 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <sched.h>
+#include <sys/types.h>
 
 #include <benchmark/benchmark.h>
 #include <curl/curl.h>
@@ -240,6 +254,46 @@ void rawEasy(benchmark::State& state, const Target* target) {
   if (failures != 0) state.SkipWithError("requests failed");
 }
 
+// Confines every thread of the process to the CPU the caller runs on, for
+// its lifetime; then each thread gets its CPUs back, and threads started in
+// the meantime get the caller's.
+class OneCPU {
+ public:
+  OneCPU() {
+    const int cpu = sched_getcpu();
+    cpu_set_t one;
+    CPU_ZERO(&one);
+    CPU_SET(cpu < 0 ? 0 : cpu, &one);
+    sched_getaffinity(0, sizeof callerMask_, &callerMask_);
+    for (const pid_t tid : threads()) {
+      cpu_set_t mask;
+      if (sched_getaffinity(tid, sizeof mask, &mask) == 0 &&
+          sched_setaffinity(tid, sizeof one, &one) == 0)
+        saved_[tid] = mask;
+    }
+  }
+  ~OneCPU() {
+    for (const pid_t tid : threads()) {
+      const auto found = saved_.find(tid);
+      const cpu_set_t& mask = found != saved_.end() ? found->second : callerMask_;
+      sched_setaffinity(tid, sizeof mask, &mask);
+    }
+  }
+  OneCPU(const OneCPU&) = delete;
+  OneCPU& operator=(const OneCPU&) = delete;
+
+ private:
+  static std::vector<pid_t> threads() {
+    std::vector<pid_t> tids;
+    std::error_code ec;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task", ec))
+      tids.push_back(static_cast<pid_t>(std::stol(entry.path().filename().string())));
+    return tids;
+  }
+  cpu_set_t callerMask_;
+  std::map<pid_t, cpu_set_t> saved_;
+};
+
 // Completion counting shared with the transport's thread.
 struct Tally {
   std::mutex mutex;
@@ -317,7 +371,9 @@ int sdkBatch(const std::shared_ptr<ZVGenericRequest>& request, int width, int to
 // flight the raw side is a multi loop; sequential, one reused easy handle.
 // Each repetition reports both rates, their ratio and the most connections
 // the server saw during one batch of either side.
-void paired(benchmark::State& state, const Target* target, int width) {
+void paired(benchmark::State& state, const Target* target, int width, bool oneCPU) {
+  std::optional<OneCPU> pinned;
+  if (oneCPU) pinned.emplace();
   configure(*target);
   RawMulti* multi = nullptr;
   RawHandle* easy = nullptr;
@@ -441,9 +497,13 @@ int main(int argc, char** argv) {
     return bench->MinTime(0.4)->MinWarmUpTime(0.05)->Repetitions(15)->ReportAggregatesOnly(true);
   };
   for (const auto& [name, target] : targets) {
-    measure(benchmark::RegisterBenchmark(("inflight16/" + name).c_str(), paired, target, kInFlight))
+    measure(benchmark::RegisterBenchmark(("inflight16/" + name).c_str(), paired, target, kInFlight,
+                                         false))
         ->UseManualTime();
-    measure(benchmark::RegisterBenchmark(("sequential/" + name).c_str(), paired, target, 1))
+    measure(benchmark::RegisterBenchmark(("sequential/" + name).c_str(), paired, target, 1, true))
+        ->UseManualTime();
+    measure(benchmark::RegisterBenchmark(("sequential_unpinned/" + name).c_str(), paired, target, 1,
+                                         false))
         ->UseManualTime();
     measure(benchmark::RegisterBenchmark(("sdk_sequential_waiting/" + name).c_str(),
                                          sdkSequentialWaiting, target))
@@ -476,14 +536,19 @@ int main(int argc, char** argv) {
         pair("inflight16", "ratio"), pair("inflight16", "sdk_connections"),
         pair("inflight16", "raw_connections"));
     const double easy = pair("sequential", "raw_rps");
+    // The waiting thread runs with placement left to the scheduler.
+    const double unpinnedEasy = pair("sequential_unpinned", "raw_rps");
     const double waiting = rate("sdk_sequential_waiting/" + name);
     fmt::print(
         "transport {} sequential sdk_rps={:.0f} raw_easy_rps={:.0f} ratio={:.3f} "
-        "sdk_connections={:.0f} raw_connections={:.0f} sdk_waiting_thread_rps={:.0f} "
+        "sdk_connections={:.0f} raw_connections={:.0f} unpinned_sdk_rps={:.0f} "
+        "unpinned_raw_easy_rps={:.0f} unpinned_ratio={:.3f} sdk_waiting_thread_rps={:.0f} "
         "waiting_ratio={:.3f}\n",
         name, pair("sequential", "sdk_rps"), easy, pair("sequential", "ratio"),
-        pair("sequential", "sdk_connections"), pair("sequential", "raw_connections"), waiting,
-        easy > 0 ? waiting / easy : 0.0);
+        pair("sequential", "sdk_connections"), pair("sequential", "raw_connections"),
+        pair("sequential_unpinned", "sdk_rps"), pair("sequential_unpinned", "raw_rps"),
+        pair("sequential_unpinned", "ratio"), waiting,
+        unpinnedEasy > 0 ? waiting / unpinnedEasy : 0.0);
   }
   if (secure)
     fmt::print("transport https1 new_connection_per_request raw_easy_rps={:.0f}\n",
