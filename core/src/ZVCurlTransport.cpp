@@ -132,7 +132,9 @@ size_t onHeader(char* data, size_t size, size_t count, void* user) {
         value.remove_prefix(1);
       while (!value.empty() && (value.back() == ' ' || value.back() == '\t'))
         value.remove_suffix(1);
-      transfer->result.headers.emplace_back(std::string(line.substr(0, colon)), std::string(value));
+      ZVHeaders& headers = transfer->result.headers;
+      if (headers.capacity() == 0) headers.reserve(8);  // one allocation for a usual answer
+      headers.emplace_back(std::string(line.substr(0, colon)), std::string(value));
     }
   } catch (...) {
     transfer->outOfMemory = true;

@@ -4,6 +4,8 @@
 
 #include <fmt/format.h>
 
+#include "ZorvaneSettings.h"
+
 #include <algorithm>
 #include <atomic>
 #include <cctype>
@@ -47,15 +49,17 @@ void appendEscaped(std::string& out, unsigned char c) {
 }
 
 // Appends `text` with everything but the unreserved characters and `keep`
-// escaped.
+// escaped; runs that need no escape are appended whole.
 void appendPercentEncoded(std::string& out, std::string_view text, std::string_view keep = {}) {
-  for (const char ch : text) {
-    const auto c = static_cast<unsigned char>(ch);
-    if (isUnreserved(c) || (c != 0 && keep.find(ch) != std::string_view::npos))
-      out += ch;
-    else
-      appendEscaped(out, c);
+  size_t run = 0;
+  for (size_t i = 0; i < text.size(); ++i) {
+    const auto c = static_cast<unsigned char>(text[i]);
+    if (isUnreserved(c) || (c != 0 && keep.find(text[i]) != std::string_view::npos)) continue;
+    out.append(text.substr(run, i - run));
+    appendEscaped(out, c);
+    run = i + 1;
   }
+  out.append(text.substr(run));
 }
 
 std::string percentEncode(std::string_view text, std::string_view keep = {}) {
@@ -67,15 +71,18 @@ std::string percentEncode(std::string_view text, std::string_view keep = {}) {
 
 // application/x-www-form-urlencoded: space as '+', the rest as in percentEncode.
 void appendFormEncoded(std::string& out, std::string_view text) {
-  for (const char ch : text) {
-    const auto c = static_cast<unsigned char>(ch);
-    if (isUnreserved(c))
-      out += ch;
-    else if (c == ' ')
+  size_t run = 0;
+  for (size_t i = 0; i < text.size(); ++i) {
+    const auto c = static_cast<unsigned char>(text[i]);
+    if (isUnreserved(c)) continue;
+    out.append(text.substr(run, i - run));
+    if (c == ' ')
       out += '+';
     else
       appendEscaped(out, c);
+    run = i + 1;
   }
+  out.append(text.substr(run));
 }
 
 // Appends the encoded path to `out`.
@@ -129,12 +136,33 @@ struct ResolvedURL {
   }
 };
 
-ResolvedURL resolve(const ZVConfiguration& config, const ZVGenericRequest& request,
-                    std::string& error) {
+// What every request sent under one configuration shares, worked out once
+// per configuration rather than at every send.
+struct Service {
+  std::shared_ptr<const ZVConfiguration> config;
+  std::string error;     // why no request can be sent under it, or ""
+  std::string origin;    // "scheme://host", host as configured
+  size_t hostStart = 0;  // where the host starts in `origin`
+  std::string appID;     // percent-encoded, dot segments included
+  std::string bearer;    // the Authorization header's value, or "" without a token
+  bool tokenHasControlChars = false;
+};
+
+bool hasControlChar(std::string_view text) {
+  return std::ranges::any_of(text, [](char c) {
+    const auto u = static_cast<unsigned char>(c);
+    return u < 0x20 || u == 0x7F;
+  });
+}
+
+Service prepareService(std::shared_ptr<const ZVConfiguration> shared) {
+  Service service;
+  service.config = std::move(shared);
+  const ZVConfiguration& config = *service.config;
   std::string_view host = config.serviceHost;
   if (host.empty()) {
-    error = "no service host configured";
-    return {};
+    service.error = "no service host configured";
+    return service;
   }
   std::string scheme = "https";
   if (const size_t sep = host.find("://"); sep != std::string_view::npos) {
@@ -145,22 +173,64 @@ ResolvedURL resolve(const ZVConfiguration& config, const ZVGenericRequest& reque
   }
   while (host.ends_with('/')) host.remove_suffix(1);
   if (scheme != "http" && scheme != "https") {
-    error = fmt::format("service host {} has the scheme \"{}\": only https (or http) is supported",
-                        config.serviceHost, scheme);
-    return {};
+    service.error =
+        fmt::format("service host {} has the scheme \"{}\": only https (or http) is supported",
+                    config.serviceHost, scheme);
+    return service;
   }
   if (host.empty() || !std::ranges::all_of(host, [](char c) {
         return isSafeHostChar(static_cast<unsigned char>(c));
       })) {
-    error = fmt::format("service host \"{}\" is not a host name with an optional port",
-                        percentEncode(config.serviceHost, "/:@[]"));
-    return {};
+    service.error = fmt::format("service host \"{}\" is not a host name with an optional port",
+                                percentEncode(config.serviceHost, "/:@[]"));
+    return service;
   }
   if (scheme == "http" && !config.allowInsecureHTTP) {
-    error = fmt::format("plain http to {} is refused: set allowInsecureHTTP to allow it", host);
+    service.error =
+        fmt::format("plain http to {} is refused: set allowInsecureHTTP to allow it", host);
+    return service;
+  }
+  service.origin = scheme + "://";
+  service.hostStart = service.origin.size();
+  service.origin.append(host);
+  // An app id of "." or ".." would be a dot segment: encode it like one.
+  service.appID = percentEncode(config.appID);
+  if (service.appID == "." || service.appID == "..") {
+    std::string dots;
+    appendEncodedPath(dots, service.appID, "");
+    service.appID = std::move(dots);
+  }
+  // Checked here, said at each send: the token itself never reaches a message.
+  service.tokenHasControlChars = hasControlChar(config.accessToken);
+  if (!config.accessToken.empty()) service.bearer = "Bearer " + config.accessToken;
+  return service;
+}
+
+// The service of the current configuration. Worked out again only when the
+// configuration was replaced since the last send.
+std::shared_ptr<const Service> currentService() {
+  std::shared_ptr<const ZVConfiguration> config = zv_detail::currentConfiguration();
+  struct Cache {
+    std::mutex mutex;
+    std::shared_ptr<const Service> last;  // guarded by mutex
+  };
+  // Leaked, like the settings: requests may be sent while statics are destroyed.
+  static Cache* const cache = new Cache();
+  {
+    std::lock_guard lock(cache->mutex);
+    if (cache->last && cache->last->config == config) return cache->last;
+  }
+  auto made = std::make_shared<const Service>(prepareService(std::move(config)));
+  std::lock_guard lock(cache->mutex);
+  cache->last = made;
+  return made;
+}
+
+ResolvedURL resolve(const Service& service, const ZVGenericRequest& request, std::string& error) {
+  if (!service.error.empty()) {
+    error = service.error;
     return {};
   }
-
   const std::string& base = request.baseURL();
   const std::string_view rest = std::string_view(base).substr(
       base.starts_with(kHostPlaceholder) ? kHostPlaceholder.size() : 0);
@@ -169,25 +239,17 @@ ResolvedURL resolve(const ZVConfiguration& config, const ZVGenericRequest& reque
     error = fmt::format("request URL of {} does not start with \"https://:host/\"", request.kind());
     return {};
   }
-  if (config.appID.empty() && hasAppIDSegment(rest)) {
+  if (service.config->appID.empty() && hasAppIDSegment(rest)) {
     error = "no app id configured";
     return {};
   }
 
   ResolvedURL resolved;
-  // An app id of "." or ".." would be a dot segment: encode it like one.
-  std::string appID = percentEncode(config.appID);
-  if (appID == "." || appID == "..") {
-    std::string dots;
-    appendEncodedPath(dots, appID, "");
-    appID = std::move(dots);
-  }
   std::string& url = resolved.url;
-  url.reserve(scheme.size() + 3 + host.size() + rest.size() + appID.size() + 32);
-  url.append(scheme).append("://");
-  resolved.hostStart = url.size();
-  url.append(host);
-  appendEncodedPath(url, rest, appID);
+  url.reserve(service.origin.size() + rest.size() + service.appID.size() + 32);
+  url.append(service.origin);
+  resolved.hostStart = service.hostStart;
+  appendEncodedPath(url, rest, service.appID);
   resolved.pathEnd = url.size();
   if (request.method() != ZVRequestMethodSubmit && !request.params().empty()) {
     char separator = '?';
@@ -332,11 +394,14 @@ class Delivery {
   }
 
   const std::shared_ptr<ZVGenericRequest>& request() const { return request_; }
+  // Where the request went; the response takes the URL.
+  ResolvedURL& where() { return where_; }
 
  private:
   std::atomic<size_t>& inFlight_;
   ZVRequestCallback callback_;
   std::shared_ptr<ZVGenericRequest> request_;
+  ResolvedURL where_;  // set before the send; the transport's completion alone uses it then
   std::atomic<bool> done_{false};
 };
 
@@ -395,13 +460,6 @@ void refuse(const std::shared_ptr<Delivery>& delivery, Outcome outcome) {
   }
 }
 
-bool hasControlChar(std::string_view text) {
-  return std::ranges::any_of(text, [](char c) {
-    const auto u = static_cast<unsigned char>(c);
-    return u < 0x20 || u == 0x7F;
-  });
-}
-
 }  // namespace
 
 ZVGenericRequestManager* ZVGenericRequestManager::instance() {
@@ -414,7 +472,7 @@ ZVGenericRequestManager* ZVGenericRequestManager::instance() {
 std::string ZVGenericRequestManager::resolveURL(const ZVGenericRequest& request,
                                                 std::string& error) {
   error.clear();
-  return resolve(Zorvane::configuration(), request, error).url;
+  return resolve(*currentService(), request, error).url;
 }
 
 void ZVGenericRequestManager::setTransport(std::shared_ptr<ZVTransport> transport) {
@@ -452,14 +510,15 @@ void ZVGenericRequestManager::sendRequest(std::shared_ptr<ZVGenericRequest> requ
       refuse(delivery, failed(ZVErrorTypeValidation, "", "no request to send"));
       return;
     }
-    const ZVConfiguration config = Zorvane::configuration();
+    const std::shared_ptr<const Service> service = currentService();
+    const ZVConfiguration& config = *service->config;
     std::string error;
-    ResolvedURL where = resolve(config, *request, error);
+    ResolvedURL where = resolve(*service, *request, error);
     if (!error.empty()) {
       refuse(delivery, failed(ZVErrorTypeConfiguration, ZVErrorNotConfigured, std::move(error)));
       return;
     }
-    if (hasControlChar(config.accessToken)) {
+    if (service->tokenHasControlChars) {
       // Said without the token itself, which must never reach a message.
       refuse(delivery, failed(ZVErrorTypeConfiguration, ZVErrorNotConfigured,
                               "the access token holds control characters"));
@@ -470,8 +529,7 @@ void ZVGenericRequestManager::sendRequest(std::shared_ptr<ZVGenericRequest> requ
     http.url = where.url;
     http.headers.reserve(4);
     http.headers.emplace_back("Accept", "application/json");
-    if (!config.accessToken.empty())
-      http.headers.emplace_back("Authorization", "Bearer " + config.accessToken);
+    if (!service->bearer.empty()) http.headers.emplace_back("Authorization", service->bearer);
     http.headers.emplace_back("User-Agent", kUserAgent);
     if (request->method() == ZVRequestMethodSubmit) {
       http.method = "POST";
@@ -500,17 +558,19 @@ void ZVGenericRequestManager::sendRequest(std::shared_ptr<ZVGenericRequest> requ
                               "could not start the HTTP transport"));
       return;
     }
-    sender->send(std::move(http),
-                 [delivery, where = std::move(where)](ZVHTTPResult result) mutable {
-                   Outcome outcome;
-                   try {
-                     outcome = interpret(std::move(result), *delivery->request(), where);
-                   } catch (const std::exception& e) {
-                     outcome = failed(ZVErrorTypeTransport, ZVErrorTransportOther,
-                                      fmt::format("could not read the answer: {}", e.what()));
-                   }
-                   (*delivery)(std::move(outcome));
-                 });
+    delivery->where() = std::move(where);
+    // Only the delivery is captured, so the completion fits in the function's
+    // own storage.
+    sender->send(std::move(http), [delivery](ZVHTTPResult result) {
+      Outcome outcome;
+      try {
+        outcome = interpret(std::move(result), *delivery->request(), delivery->where());
+      } catch (const std::exception& e) {
+        outcome = failed(ZVErrorTypeTransport, ZVErrorTransportOther,
+                         fmt::format("could not read the answer: {}", e.what()));
+      }
+      (*delivery)(std::move(outcome));
+    });
   } catch (...) {
     // Most likely bad_alloc while building the request; the callback still runs.
     std::string reason = "unknown error";

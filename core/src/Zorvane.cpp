@@ -2,12 +2,17 @@
 
 #include <mutex>
 
+#include "ZorvaneSettings.h"
+
 namespace {
 
 struct Settings {
   std::mutex mutex;
-  ZVConfiguration configuration;         // guarded by mutex
-  std::optional<ZVLocale> customLocale;  // guarded by mutex
+  // Replaced whole, never changed in place: a request keeps the one it was
+  // sent under without copying it.
+  std::shared_ptr<const ZVConfiguration> configuration =
+      std::make_shared<const ZVConfiguration>();  // guarded by mutex
+  std::optional<ZVLocale> customLocale;           // guarded by mutex
 };
 
 Settings& settings() {
@@ -19,12 +24,18 @@ Settings& settings() {
 }  // namespace
 
 void Zorvane::configure(const ZVConfiguration& configuration) {
+  auto replacement = std::make_shared<const ZVConfiguration>(configuration);
   Settings& s = settings();
   std::lock_guard lock(s.mutex);
-  s.configuration = configuration;
+  s.configuration.swap(replacement);
+  // The previous one is released after the unlock, with `replacement`.
 }
 
 ZVConfiguration Zorvane::configuration() {
+  return *zv_detail::currentConfiguration();
+}
+
+std::shared_ptr<const ZVConfiguration> zv_detail::currentConfiguration() {
   Settings& s = settings();
   std::lock_guard lock(s.mutex);
   return s.configuration;
