@@ -1,5 +1,7 @@
 #include "ZVBenchSupport.h"
 
+#include "ZVRewardsRouting.h"
+
 #include <cstdio>
 #include <fstream>
 #include <iterator>
@@ -9,12 +11,12 @@
 #include <simdjson.h>
 #include <nlohmann/json.hpp>
 
-#include <ZorvaneCoreKit/ZVGenericRequest.h>
 #include <ZorvaneCoreKit/ZVJSON.h>
 #include <ZorvaneCoreKit/ZVLogger.h>
 #include <ZorvaneCoreKit/ZVMainQueue.h>
 #include <ZorvaneRewardsKit/ZVRewardsConstants.h>
 #include <ZorvaneRewardsKit/ZVRewardsManager.h>
+#include "http/ZVGenericRequest.h"
 
 namespace zvbench {
 
@@ -40,12 +42,12 @@ ZVOfferArrayPtr decode(std::string& body, bool dropBody) {
       200, "https://127.0.0.1/api/v1/apps/bench/offers", std::move(dict));
   ZVOfferArrayPtr delivered;
   bool called = false;
-  ZVRewardsManager::instance()->requestKind(
-      kKindFetchRewardOffers, std::move(response), nullptr,
-      [&](std::shared_ptr<const ZVObject> result, ZVErrorPtr) {
-        called = true;
-        delivered = std::dynamic_pointer_cast<const ZVOfferArray>(result);
-      });
+  ZVRewardsRouting(*ZVRewardsManager::instance())
+      .requestKind(kKindFetchRewardOffers, std::move(response), nullptr,
+                   ZVOffersCompletionHandler([&](ZVOfferArrayPtr result, ZVErrorPtr) {
+                     called = true;
+                     delivered = std::move(result);
+                   }));
   while (!called && ZVMainQueue::shared()->drain() != 0) {
   }
   return delivered;

@@ -44,9 +44,9 @@
 #include <fmt/format.h>
 #include <httplib.h>
 
-#include <ZorvaneCoreKit/ZVGenericRequest.h>
-#include <ZorvaneCoreKit/ZVGenericRequestManager.h>
 #include <ZorvaneCoreKit/Zorvane.h>
+#include "http/ZVGenericRequest.h"
+#include "http/ZVGenericRequestManager.h"
 
 #include "ZVBenchReport.h"
 #include "ZVBenchSupport.h"

@@ -15,6 +15,8 @@
 #include <ZorvaneRewardsKit/ZVRewardsError.h>
 #include <ZorvaneRewardsKit/ZorvaneRewardsKit.h>
 
+#include "ZVRewardsRouting.h"
+
 namespace {
 
 // Answers every request with the bytes under test, from the fuzzer's own loop
@@ -50,14 +52,15 @@ std::shared_ptr<ReplayTransport> setUp() {
   ZVLogger::instance()->setLogLevel(1);
   ZVLogger::instance()->setSink([](std::string_view) {});
   auto transport = std::make_shared<ReplayTransport>();
-  ZVGenericRequestManager::instance()->setTransport(transport);
+  Zorvane::setTransport(transport);
   return transport;
 }
 
 int calls = 0;  // the fuzzer is single-threaded; handlers run on its thread
 
-ZVCompletionHandler countingHandler() {
-  return [](std::shared_ptr<const ZVObject> result, ZVErrorPtr error) {
+template <class T>
+auto typed() {
+  return [](std::shared_ptr<T> result, ZVErrorPtr error) {
     ++calls;
     if ((result == nullptr) == (error == nullptr)) std::abort();  // exactly one of the two
     if (result) (void)result->description();
@@ -65,11 +68,15 @@ ZVCompletionHandler countingHandler() {
   };
 }
 
-template <class T>
-auto typed() {
-  return [](std::shared_ptr<T> result, ZVErrorPtr error) {
-    countingHandler()(std::move(result), std::move(error));
-  };
+// A handler of the kind's own type.
+ZVAnyCompletionHandler countingHandler(std::string_view kind) {
+  if (kind == kKindPlaceOrder) return ZVOrderCompletionHandler(typed<ZVOrder>());
+  if (kind == kKindFetchRewardOrders) return ZVOrdersCompletionHandler(typed<const ZVOrderArray>());
+  if (kind == kKindFetchSkillQuestion)
+    return ZVSkillQuestionCompletionHandler(typed<ZVSkillQuestion>());
+  if (kind == kKindAnswerSkillQuestion)
+    return ZVSkillChallengeCompletionHandler(typed<ZVSkillChallenge>());
+  return ZVOffersCompletionHandler(typed<const ZVOfferArray>());
 }
 
 }  // namespace
@@ -88,7 +95,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const ZVJSONParseResult parsed = ZVJSONParse(bytes);
     auto response = std::make_shared<ZVGenericResponse>(200, "https://rewards.example.com/x",
                                                         parsed.value.dictionary());
-    manager->requestKind(kind, std::move(response), nullptr, countingHandler());
+    ZVRewardsRouting(*manager).requestKind(kind, std::move(response), nullptr,
+                                           countingHandler(kind));
   }
   {
     const ZVJSONParseResult parsed = ZVJSONParse(bytes);

@@ -14,6 +14,8 @@
 
 #include <ZorvaneCoreKit/ZorvaneCoreKit.h>
 
+#include "http/ZVGenericRequestManager.h"
+
 namespace {
 
 constexpr std::string_view kHost = "https://rewards.example.com:8443";

@@ -18,6 +18,8 @@
 
 #include <ZorvaneCoreKit/ZVJSON.h>
 
+#include "json/ZVKeyList.h"
+
 namespace {
 
 [[noreturn]] void fail(const char* what) {
@@ -90,8 +92,8 @@ void edit(const ZVJSONValue& v, size_t depth) {
     d->setObject("a key longer than seven bytes", 1);
     d->setObject("k", "a value longer than twenty-two bytes");
     ZVJSONValue taken[2];
-    const std::string_view wanted[] = {"k", "a key longer than seven bytes"};
-    d->takeObjectsForKeys(wanted, taken);
+    ZV_KEY_LIST(wanted, "k", "a key longer than seven bytes");
+    zv_detail::takeObjectsForKeys(*d, wanted, taken);
     if (taken[0].string() == std::nullopt || !taken[1].isInteger()) fail("take lost a value");
     (void)d->prune();
     (void)d->mutableCopy();

@@ -8,13 +8,13 @@
 
 #include <ZorvaneCoreKit/ZVAddress.h>
 #include <ZorvaneCoreKit/ZVJSON.h>
-#include <ZorvaneCoreKit/ZVUtil.h>
 #include <ZorvaneRewardsKit/ZVOffer.h>
 #include <ZorvaneRewardsKit/ZVOrder.h>
 #include <ZorvaneRewardsKit/ZVOrderRequest.h>
 #include <ZorvaneRewardsKit/ZVRewardsError.h>
 #include <ZorvaneRewardsKit/ZVSkillChallenge.h>
 #include <ZorvaneRewardsKit/ZVSkillQuestion.h>
+#include "base/ZVUtil.h"
 
 namespace {
 

@@ -1,6 +1,7 @@
 // Notifications: observing outcomes, whoever started the operation.
 #include <cstdio>
 #include <memory>
+#include <optional>
 
 #include <ZorvaneRewardsKit/ZorvaneRewardsKit.h>
 
@@ -8,22 +9,18 @@ int main() {
   ZVNotificationCenter* center = ZVNotificationCenter::defaultCenter();
 
   //! [observe_offers]
-  ZVObserverToken offersToken = center->addObserver(
-      ZV_REWARDS_MANAGER_DID_FETCH_OFFERS_NOTIFICATION, ZVRewardsManager::instance(),
-      [](const ZVNotification& note) {
-        auto data = note.userInfo.find(ZV_MANAGER_NOTIFICATION_DATA_KEY);
-        if (data == note.userInfo.end()) return;
-        if (auto offers = std::dynamic_pointer_cast<const ZVOfferArray>(data->second))
-          std::printf("catalogue updated: %zu offers\n", offers->size());
-      });
+  ZVObserverToken offersToken =
+      center->addObserver(ZV_REWARDS_MANAGER_DID_FETCH_OFFERS_NOTIFICATION,
+                          ZVRewardsManager::instance(), [](const ZVNotification& note) {
+                            if (ZVOfferArrayPtr offers = ZVRewardsNotification::offers(note))
+                              std::printf("catalogue updated: %zu offers\n", offers->size());
+                          });
   //! [observe_offers]
 
   //! [observe_failures]
   center->addObserver(
       ZV_REWARDS_MANAGER_REQUEST_DID_FAIL_NOTIFICATION, nullptr, [](const ZVNotification& note) {
-        auto entry = note.userInfo.find(ZV_MANAGER_NOTIFICATION_ERROR_KEY);
-        if (entry == note.userInfo.end()) return;
-        if (auto error = std::dynamic_pointer_cast<const ZVError>(entry->second))
+        if (ZVErrorPtr error = ZVRewardsNotification::error(note))
           std::fprintf(stderr, "rewards request failed: %s\n", error->description().c_str());
       });
   //! [observe_failures]
@@ -31,10 +28,8 @@ int main() {
   //! [observe_balance]
   center->addObserver(
       ZV_USER_MANAGER_DID_UPDATE_USER_INTERNAL, nullptr, [](const ZVNotification& note) {
-        auto entry = note.userInfo.find(kUserAvailablePoints);
-        if (entry == note.userInfo.end()) return;
-        if (auto points = std::dynamic_pointer_cast<const ZVNumber>(entry->second))
-          std::printf("balance: %lld points\n", static_cast<long long>(points->int64Value()));
+        if (std::optional<int64_t> points = ZVRewardsNotification::availablePoints(note))
+          std::printf("balance: %lld points\n", static_cast<long long>(*points));
       });
   //! [observe_balance]
 

@@ -9,7 +9,7 @@
 #include <thread>
 #include <utility>
 
-#include <ZorvaneCoreKit/ZVGenericRequestManager.h>
+#include <ZorvaneCoreKit/Zorvane.h>
 #include <ZorvaneRewardsKit/ZVRewardsConstants.h>
 #include <ZorvaneRewardsKit/ZVRewardsManager.h>
 
@@ -296,12 +296,12 @@ ZVScopedFakeRewardsService::ZVScopedFakeRewardsService(
     if (configuration.appID.empty()) configuration.appID = "fake-app";
     Zorvane::configure(configuration);
   }
-  ZVGenericRequestManager::instance()->setTransport(service_);
+  Zorvane::setTransport(service_);
   ZVRewardsManager::instance()->resetData();
 }
 
 ZVScopedFakeRewardsService::~ZVScopedFakeRewardsService() {
-  ZVGenericRequestManager::instance()->setTransport(nullptr);
+  Zorvane::setTransport(nullptr);
   if (previous_) Zorvane::configure(*previous_);
   ZVRewardsManager::instance()->resetData();
 }

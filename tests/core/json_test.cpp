@@ -9,6 +9,8 @@
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
+#include "json/ZVKeyList.h"
+
 namespace {
 
 ZVJSONValue parse(std::string_view text) {
@@ -195,10 +197,9 @@ TEST(JSONTest, TakesKeysOfEveryLengthInOnePass) {
       parse(
           fmt::format(R"({{"\u0069d":1,"":2,"seven77":3,"eight888":4,"{}":5,"tail":6}})", longKey))
           .dictionary();
-  static const ZVMutableDictionary::KeyList kKeys = {"id", longKey,    "absent", "id",
-                                                     "",   "eight888", "seven77"};
+  const zv_detail::ZVKeyList keys = {"id", longKey, "absent", "id", "", "eight888", "seven77"};
   ZVJSONValue taken[7];
-  dict->takeObjectsForKeys(kKeys, taken);
+  zv_detail::takeObjectsForKeys(*dict, keys, taken);
   const int64_t expected[] = {1, 5, -1, -1, 2, 4, 3};  // -1: nil
   for (size_t i = 0; i < 7; ++i)
     EXPECT_EQ(taken[i].isNil() ? -1 : taken[i].integerValue(), expected[i]) << i;
@@ -216,7 +217,7 @@ TEST(JSONTest, TakesKeysOfEveryLengthInOnePass) {
   dict = parse(text).dictionary();
   const std::vector<std::string_view> views(names.begin(), names.end());
   std::vector<ZVJSONValue> values(views.size());
-  dict->takeObjectsForKeys(views, values);
+  zv_detail::takeObjectsForKeys(*dict, zv_detail::ZVKeyList(views), values);
   EXPECT_EQ(values[69].integerValue(), 69);
   EXPECT_TRUE(dict->empty());
 }
@@ -279,8 +280,8 @@ TEST(JSONTest, ParsedPiecesOutliveTheirTreeAndGrowOnTheHeap) {
   std::thread([&] {
     ZVDictionaryPtr d = second.dictionary();
     ZVJSONValue taken[3];
-    const std::string_view keys[] = {"id", "absent", "a long shared key"};
-    d->takeObjectsForKeys(keys, taken);
+    const zv_detail::ZVKeyList keys = {"id", "absent", "a long shared key"};
+    zv_detail::takeObjectsForKeys(*d, keys, taken);
     EXPECT_EQ(*taken[0].string(), "2");
     EXPECT_TRUE(taken[1].isNil());
     EXPECT_EQ(*taken[2].string(), "second text over 22 bytes");

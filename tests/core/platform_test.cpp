@@ -3,7 +3,7 @@
 #include <ZorvaneCoreKit/ZVError.h>
 #include <ZorvaneCoreKit/ZVIdentity.h>
 #include <ZorvaneCoreKit/ZVMainQueue.h>
-#include <ZorvaneCoreKit/ZVPManagerUtils.h>
+#include "runtime/ZVPManagerUtils.h"
 
 #include <string>
 #include <vector>

@@ -1,6 +1,6 @@
 // The request layer through the real libcurl transport to a loopback server.
-#include <ZorvaneCoreKit/ZVGenericRequestManager.h>
 #include <ZorvaneCoreKit/Zorvane.h>
+#include "http/ZVGenericRequestManager.h"
 
 #include <gtest/gtest.h>
 

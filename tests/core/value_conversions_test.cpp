@@ -1,6 +1,6 @@
 #include <ZorvaneCoreKit/ZVJSON.h>
 #include <ZorvaneCoreKit/ZVLocale.h>
-#include <ZorvaneCoreKit/ZVUtil.h>
+#include "base/ZVUtil.h"
 
 #include <cmath>
 #include <cstdlib>

@@ -12,6 +12,8 @@
 
 #include <ZorvaneRewardsKit/ZorvaneRewardsKit.h>
 
+#include "http/ZVGenericRequestManager.h"
+
 namespace {
 
 void configure(const char* host) {

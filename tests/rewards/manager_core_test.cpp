@@ -3,10 +3,26 @@
 #include <thread>
 
 #include "ZVRewardsFixture.h"
+#include "ZVRewardsRouting.h"
 
 using namespace zvtest;
 
 namespace {
+
+// A handler of the kind's own type that records its calls.
+ZVAnyCompletionHandler recorder(const std::string& kind, int& calls, bool& gotResult,
+                                ZVErrorPtr& error) {
+  auto record = [&](auto result, ZVErrorPtr e) {
+    ++calls;
+    gotResult = result != nullptr;
+    error = e;
+  };
+  if (kind == kKindPlaceOrder) return ZVOrderCompletionHandler(record);
+  if (kind == kKindFetchRewardOrders) return ZVOrdersCompletionHandler(record);
+  if (kind == kKindFetchSkillQuestion) return ZVSkillQuestionCompletionHandler(record);
+  if (kind == kKindAnswerSkillQuestion) return ZVSkillChallengeCompletionHandler(record);
+  return ZVOffersCompletionHandler(record);
+}
 
 using ManagerCoreTest = RewardsTest;
 
@@ -53,7 +69,8 @@ TEST_F(ManagerCoreTest, AnswersAndFailuresAreRoutedByKind) {
     manager()->setLastRefreshTime(12.5);
     const ZVOfferArrayPtr offers = manager()->offers();
     const size_t failures = notifications.count(ZV_REWARDS_MANAGER_REQUEST_DID_FAIL_NOTIFICATION);
-    manager()->requestKind(kind, good, down, nullptr);
+    ZVRewardsRouting routing(*manager());
+    routing.requestKind(kind, good, down, {});
     ZVMainQueue::shared()->runUntil([] { return false; }, std::chrono::milliseconds(20));
     EXPECT_EQ(manager()->lastRefreshTime(), 12.5);
     EXPECT_EQ(manager()->offers(), offers);
@@ -64,31 +81,28 @@ TEST_F(ManagerCoreTest, AnswersAndFailuresAreRoutedByKind) {
     for (const auto& c : cases) {
       SCOPED_TRACE(kind + " " + std::to_string(c.errorType));
       int calls = 0;
-      std::shared_ptr<const ZVObject> result;
+      bool gotResult = false;
       ZVErrorPtr error;
-      manager()->requestKind(kind, c.response, c.error,
-                             [&](std::shared_ptr<const ZVObject> r, ZVErrorPtr e) {
-                               ++calls;
-                               result = r;
-                               error = e;
-                             });
+      routing.requestKind(kind, c.response, c.error, recorder(kind, calls, gotResult, error));
       ZVMainQueue::shared()->runUntil([] { return false; }, std::chrono::milliseconds(20));
       EXPECT_EQ(calls, known ? 1 : 0);
       if (!known) continue;
-      EXPECT_EQ(result != nullptr, c.errorType == 0);
+      EXPECT_EQ(gotResult, c.errorType == 0);
       EXPECT_EQ(error ? error->type() : 0, c.errorType);
       if (c.error) {
         EXPECT_EQ(error, c.error) << "the core error is delivered unchanged";
       }
     }
     int calls = 0;
-    manager()->dispatchFailWithError(down, kind, [&](auto result, ZVErrorPtr e) {
-      ++calls;
-      EXPECT_FALSE(result);
-      EXPECT_EQ(e, down);
-    });
+    bool gotResult = false;
+    ZVErrorPtr error;
+    routing.dispatchFailWithError(down, kind, recorder(kind, calls, gotResult, error));
     EXPECT_EQ(calls, known ? 1 : 0);
-    manager()->dispatchFailWithError(down, kind, nullptr);  // must not crash
+    EXPECT_FALSE(gotResult);
+    if (known) {
+      EXPECT_EQ(error, down);
+    }
+    routing.dispatchFailWithError(down, kind, {});  // must not crash
   }
 }
 

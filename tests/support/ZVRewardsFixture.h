@@ -17,6 +17,7 @@
 
 #include "ZVLoopbackServer.h"
 #include "ZVTestSupport.h"
+#include "http/ZVGenericRequestManager.h"
 
 namespace zvtest {
 

@@ -3,7 +3,6 @@
 
 #include <atomic>
 
-#include <ZorvaneCoreKit/ZVNotificationCenter.h>
 #include <ZorvaneCoreKit/ZVObject.h>
 
 /// Holds `refreshInterval` and reacts to user changes.

@@ -18,7 +18,8 @@ class ZV_CORE_EXPORT ZVLocale {
   /// value is "C" or "POSIX".
   static ZVLocale currentLocale();
 
-  bool operator==(const ZVLocale&) const = default;
+  bool operator==(const ZVLocale& other) const { return identifier_ == other.identifier_; }
+  bool operator!=(const ZVLocale& other) const { return !(*this == other); }
 
  private:
   std::string identifier_;

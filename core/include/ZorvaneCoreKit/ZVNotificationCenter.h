@@ -11,6 +11,11 @@
 
 #include <ZorvaneCoreKit/ZVObject.h>
 
+/// Key of the result in a success notification's user information.
+extern ZV_CORE_EXPORT const char* const ZV_MANAGER_NOTIFICATION_DATA_KEY;
+/// Key of the error in a failure notification's user information.
+extern ZV_CORE_EXPORT const char* const ZV_MANAGER_NOTIFICATION_ERROR_KEY;
+
 /// User information of a notification: keys to shared objects.
 using ZVUserInfo = std::map<std::string, std::shared_ptr<const ZVObject>>;
 

@@ -3,11 +3,14 @@
 
 #include <chrono>
 #include <cstddef>
+#include <memory>
 #include <optional>
 #include <string>
 
 #include <ZorvaneCoreKit/ZVExport.h>
 #include <ZorvaneCoreKit/ZVLocale.h>
+
+class ZVTransport;
 
 /// Everything a host configures. Read by the request layer at every send, so
 /// a new configuration applies to the requests sent after it.
@@ -52,4 +55,10 @@ class ZV_CORE_EXPORT Zorvane {
   /// device's current locale is used).
   static std::optional<ZVLocale> customLocale();
   static void setCustomLocale(std::optional<ZVLocale> locale);
+
+  /// Installs the transport for the requests sent from now on (a host's
+  /// fake service in its unit tests, say); an empty pointer restores the
+  /// default libcurl transport. Requests already sent finish on the
+  /// transport they were given to.
+  static void setTransport(std::shared_ptr<ZVTransport> transport);
 };

@@ -5,8 +5,6 @@
 #include <ZorvaneCoreKit/ZVBaseManager.h>
 #include <ZorvaneCoreKit/ZVClock.h>
 #include <ZorvaneCoreKit/ZVError.h>
-#include <ZorvaneCoreKit/ZVGenericRequest.h>
-#include <ZorvaneCoreKit/ZVGenericRequestManager.h>
 #include <ZorvaneCoreKit/ZVIdentity.h>
 #include <ZorvaneCoreKit/ZVJSON.h>
 #include <ZorvaneCoreKit/ZVLocale.h>
@@ -14,7 +12,5 @@
 #include <ZorvaneCoreKit/ZVMainQueue.h>
 #include <ZorvaneCoreKit/ZVNotificationCenter.h>
 #include <ZorvaneCoreKit/ZVObject.h>
-#include <ZorvaneCoreKit/ZVPManagerUtils.h>
 #include <ZorvaneCoreKit/ZVTransport.h>
-#include <ZorvaneCoreKit/ZVUtil.h>
 #include <ZorvaneCoreKit/Zorvane.h>

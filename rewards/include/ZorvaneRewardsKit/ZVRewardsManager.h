@@ -3,13 +3,11 @@
 
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 
 #include <ZorvaneCoreKit/ZVBaseManager.h>
 #include <ZorvaneCoreKit/ZVError.h>
-#include <ZorvaneCoreKit/ZVGenericRequest.h>
 #include <ZorvaneCoreKit/ZVJSON.h>
 #include <ZorvaneCoreKit/ZVLocale.h>
 #include <ZorvaneRewardsKit/ZVOffer.h>
@@ -30,10 +28,8 @@ using ZVSkillQuestionCompletionHandler =
     std::function<void(std::shared_ptr<ZVSkillQuestion> question, ZVErrorPtr error)>;
 using ZVSkillChallengeCompletionHandler =
     std::function<void(std::shared_ptr<ZVSkillChallenge> challenge, ZVErrorPtr error)>;
-/// The type-erased handler that travels through the routing: the result is
-/// the kind's result object (see each operation).
-using ZVCompletionHandler =
-    std::function<void(std::shared_ptr<const ZVObject> result, ZVErrorPtr error)>;
+
+class ZVRewardsRouting;
 
 /// The rewards manager: lists offers (with an in-memory cache), places
 /// orders, lists past orders and runs the skill-testing question.
@@ -136,45 +132,12 @@ class ZV_REWARDS_EXPORT ZVRewardsManager final : public ZVBaseManager {
                                      std::optional<std::string> questionID, ZVJSONValue answer,
                                      ZVSkillChallengeCompletionHandler completionHandler);
 
-  // ---- Routing and answer handlers ------------------------------------------
-  // Called by the SDK's request callbacks, not by hosts; public so that tests
-  // can drive the routing directly. Results passed to the type-erased handler:
-  // offers `ZVOfferArray`, orders `ZVOrderArray`, one `ZVOrder`,
-  // `ZVSkillQuestion` or `ZVSkillChallenge`.
-
-  /// `requestKind:response:error:completionHandler:`. An error goes to the
-  /// failure path; otherwise a mutable copy of the body goes to the kind's
-  /// handler (the offers kind stamps `lastRefreshTime` first). An unknown
-  /// kind is dropped: the handler is never called.
-  void requestKind(const std::string& kind, std::shared_ptr<ZVGenericResponse> response,
-                   ZVErrorPtr error, ZVCompletionHandler completionHandler);
-  /// `dispatchFailWithError:requestKind:completionHandler:`: calls a present
-  /// handler with (nullptr, error) at once when `kind` is one of the five.
-  void dispatchFailWithError(ZVErrorPtr error, const std::string& kind,
-                             const ZVCompletionHandler& completionHandler);
-  void handleFetchRewardOffers(ZVDictionaryPtr body, ZVCompletionHandler completionHandler);
-  void handleFetchRewardOrders(ZVDictionaryPtr body, ZVCompletionHandler completionHandler);
-  void handlePlaceRewardOrder(ZVDictionaryPtr body, ZVCompletionHandler completionHandler);
-  void handleFetchSkillQuestion(ZVDictionaryPtr body, ZVCompletionHandler completionHandler);
-  void handleAnswerSkillQuestion(ZVDictionaryPtr body, ZVCompletionHandler completionHandler);
-  /// `dispatchOffers:completionHandler:`: on the main queue, the log line
-  /// "Fetched offers: %@", the handler, then the notification.
-  void dispatchOffers(ZVOfferArrayPtr offers, ZVCompletionHandler completionHandler);
-
   ~ZVRewardsManager() override;
 
  private:
+  friend class ZVRewardsRouting;  // the routing of answers and the deliveries, inside the SDK
+  struct State;
   ZVRewardsManager();
-  void send(std::shared_ptr<ZVGenericRequest> request, ZVCompletionHandler completionHandler);
-  void failService(ZVDictionaryPtr body, const char* kind, ZVCompletionHandler completionHandler);
-  void failValidation(const char* function, int line, const char* code, const char* message,
-                      const char* kind, ZVCompletionHandler completionHandler);
-  void deliver(std::shared_ptr<const ZVObject> result, const char* notification,
-               ZVCompletionHandler completionHandler);
-  void logLine(const char* function, int line, const std::function<std::string()>& message);
 
-  mutable std::mutex mutex_;
-  ZVOfferArrayPtr offers_;        // guarded by mutex_
-  ZVOrderArrayPtr orders_;        // guarded by mutex_
-  double lastRefreshTime_ = 0.0;  // guarded by mutex_
+  const std::unique_ptr<State> state_;  // `offers`, `orders`, `lastRefreshTime` and their lock
 };

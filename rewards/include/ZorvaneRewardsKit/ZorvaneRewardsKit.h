@@ -8,5 +8,6 @@
 #include <ZorvaneRewardsKit/ZVRewardsConstants.h>
 #include <ZorvaneRewardsKit/ZVRewardsError.h>
 #include <ZorvaneRewardsKit/ZVRewardsManager.h>
+#include <ZorvaneRewardsKit/ZVRewardsNotifications.h>
 #include <ZorvaneRewardsKit/ZVSkillChallenge.h>
 #include <ZorvaneRewardsKit/ZVSkillQuestion.h>

@@ -4,16 +4,20 @@
 #include <utility>
 #include <vector>
 
-#include <fmt/format.h>
+#include "base/ZVStrings.h"
 
-#include <ZorvaneCoreKit/ZVUtil.h>
+#include "base/ZVUtil.h"
+#include "json/ZVKeyList.h"
 
 namespace {
 
 // Every offer without options shares this one: the list is immutable, and a
 // catalogue of many plain offers then costs no allocation for it.
 const ZVOfferArrayPtr& emptyOptions() {
-  static const ZVOfferArrayPtr empty = std::make_shared<const ZVOfferArray>();
+  // Never destroyed: records may still be built on the SDK's threads while
+  // the process exits.
+  static const ZVOfferArrayPtr& empty =
+      *new ZVOfferArrayPtr(std::make_shared<const ZVOfferArray>());
   return empty;
 }
 
@@ -29,12 +33,10 @@ std::shared_ptr<ZVOffer> ZVOffer::initMutableWithDictionary(const ZVDictionaryPt
   ZVMutableDictionary& d = *dictionary;
 
   // The keys the record consumes, taken in one pass; values are moved, not copied.
-  static const ZVMutableDictionary::KeyList kKeys = {
-      "id",         "name",     "type",   "description", "points",
-      "start_time", "end_time", "weight", "featured",    "requires_skills_test",
-      "tier",       "logo",     "status", "data"};
+  ZV_KEY_LIST(kKeys, "id", "name", "type", "description", "points", "start_time", "end_time",
+              "weight", "featured", "requires_skills_test", "tier", "logo", "status", "data");
   ZVJSONValue v[14];
-  d.takeObjectsForKeys(kKeys, v);
+  zv_detail::takeObjectsForKeys(d, kKeys, v);
   offer->offerID_ = ZVUtil::nilOrStringFromObject(v[0]);
   offer->name_ = std::move(v[1]);
   offer->type_ = std::move(v[2]);
@@ -108,7 +110,8 @@ std::string ZVOffer::stringForStatus(int64_t status) {
 }
 
 std::string ZVOffer::description() const {
-  return fmt::format("\rOffer ID: {}\rType: {}\rName: {}\rDetails: {}\rStatus: {}\rPoints: {}",
-                     ZVDescribe(optionalText(offerID_)), type_.description(), name_.description(),
-                     details_.description(), stringForStatus(status_), points_);
+  return zv_detail::strCat("\rOffer ID: ", ZVDescribe(optionalText(offerID_)),
+                           "\rType: ", type_.description(), "\rName: ", name_.description(),
+                           "\rDetails: ", details_.description(),
+                           "\rStatus: ", stringForStatus(status_), "\rPoints: ", points_);
 }

@@ -3,9 +3,9 @@
 #include <string_view>
 #include <utility>
 
-#include <fmt/format.h>
+#include "base/ZVStrings.h"
 
-#include <ZorvaneCoreKit/ZVUtil.h>
+#include "base/ZVUtil.h"
 
 namespace {
 
@@ -37,8 +37,9 @@ std::shared_ptr<ZVOrderUser> ZVOrderUser::initMutableWithDictionary(const ZVJSON
 }
 
 std::string ZVOrderUser::description() const {
-  return fmt::format("\rUser ID: {}\rAvailable points: {}\rTest points: {}",
-                     ZVDescribe(optionalText(userID_)), availablePoints_, testPoints_);
+  return zv_detail::strCat("\rUser ID: ", ZVDescribe(optionalText(userID_)),
+                           "\rAvailable points: ", availablePoints_,
+                           "\rTest points: ", testPoints_);
 }
 
 std::shared_ptr<ZVOrder> ZVOrder::initMutableWithDictionary(const ZVDictionaryPtr& dictionary) {
@@ -110,9 +111,9 @@ std::string ZVOrder::stringForStatus(int64_t status) {
 
 std::string ZVOrder::description() const {
   const std::string offer = ZVDescribe(optionalText(offerID_));
-  return fmt::format(
-      "Offer ID: {}\rOrder ID: {} (Offer ID: {})\rName: {}\rDetails: {}\rStatus: {}\rQuantity: "
-      "{}\rPoints: {}",
-      offer, ZVDescribe(optionalText(orderID_)), offer, name_.description(), details_.description(),
-      stringForStatus(status_), quantity_, points_);
+  return zv_detail::strCat("Offer ID: ", offer, "\rOrder ID: ", ZVDescribe(optionalText(orderID_)),
+                           " (Offer ID: ", offer, ")\rName: ", name_.description(),
+                           "\rDetails: ", details_.description(),
+                           "\rStatus: ", stringForStatus(status_), "\rQuantity: ", quantity_,
+                           "\rPoints: ", points_);
 }

@@ -1,8 +1,8 @@
 #include <ZorvaneRewardsKit/ZVSkillChallenge.h>
 
-#include <fmt/format.h>
+#include "base/ZVStrings.h"
 
-#include <ZorvaneCoreKit/ZVUtil.h>
+#include "base/ZVUtil.h"
 
 std::shared_ptr<ZVSkillChallenge> ZVSkillChallenge::initMutableWithDictionary(
     const ZVDictionaryPtr& dictionary) {
@@ -22,6 +22,6 @@ std::shared_ptr<ZVSkillChallenge> ZVSkillChallenge::initMutableWithDictionary(
 }
 
 std::string ZVSkillChallenge::description() const {
-  return fmt::format("\rChallenge ID: {}\rStatus: {}",
-                     ZVDescribe(challengeID_ ? &*challengeID_ : nullptr), status_.description());
+  return zv_detail::strCat("\rChallenge ID: ", ZVDescribe(challengeID_ ? &*challengeID_ : nullptr),
+                           "\rStatus: ", status_.description());
 }

@@ -1,8 +1,8 @@
 #include <ZorvaneRewardsKit/ZVSkillQuestion.h>
 
-#include <fmt/format.h>
+#include "base/ZVStrings.h"
 
-#include <ZorvaneCoreKit/ZVUtil.h>
+#include "base/ZVUtil.h"
 
 std::shared_ptr<ZVSkillQuestion> ZVSkillQuestion::initMutableWithDictionary(
     const ZVDictionaryPtr& dictionary) {
@@ -26,6 +26,6 @@ std::shared_ptr<ZVSkillQuestion> ZVSkillQuestion::initMutableWithDictionary(
 }
 
 std::string ZVSkillQuestion::description() const {
-  return fmt::format("\rQuestion ID: {}\rQuestion: {}",
-                     ZVDescribe(questionID_ ? &*questionID_ : nullptr), question_.description());
+  return zv_detail::strCat("\rQuestion ID: ", ZVDescribe(questionID_ ? &*questionID_ : nullptr),
+                           "\rQuestion: ", question_.description());
 }

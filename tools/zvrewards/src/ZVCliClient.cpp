@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <cmath>
 
-#include <ZorvaneCoreKit/ZVGenericRequestManager.h>
 #include <ZorvaneCoreKit/ZVMainQueue.h>
 #include <ZorvaneCoreKit/Zorvane.h>
 
@@ -113,7 +112,7 @@ Client::Client(GlobalOptions options)
 
 Client::~Client() {
   if (transport_) {
-    ZVGenericRequestManager::instance()->setTransport(nullptr);
+    Zorvane::setTransport(nullptr);
     transport_.reset();
   }
   if (sandbox_) sandbox_->stop();
@@ -156,7 +155,7 @@ void Client::connect(bool freshState) {
   configuration.connectTimeout = std::min(timeout, configuration.connectTimeout);
   Zorvane::configure(configuration);
   transport_ = ZVMakeCurlTransport();
-  ZVGenericRequestManager::instance()->setTransport(transport_);
+  Zorvane::setTransport(transport_);
 }
 
 template <class Result>

@@ -7,7 +7,7 @@
 
 #include <ZorvaneCoreKit/ZVIdentity.h>
 #include <ZorvaneCoreKit/ZVNotificationCenter.h>
-#include <ZorvaneCoreKit/ZVPManagerUtils.h>
+#include <ZorvaneRewardsKit/ZVRewardsNotifications.h>
 
 #include "ZVCliArithmetic.h"
 #include "ZVCliFormat.h"
@@ -74,14 +74,8 @@ class BalanceWatcher {
     token_ = ZVNotificationCenter::defaultCenter()->addObserver(
         ZV_USER_MANAGER_DID_UPDATE_USER_INTERNAL, nullptr,
         [seen = seen_](const ZVNotification& notification) {
-          auto number = [&](const char* key) -> int64_t {
-            auto it = notification.userInfo.find(key);
-            auto value = it == notification.userInfo.end()
-                             ? nullptr
-                             : std::dynamic_pointer_cast<const ZVNumber>(it->second);
-            return value ? value->int64Value() : 0;
-          };
-          *seen = std::pair{number(kUserAvailablePoints), number(kUserTestPoints)};
+          *seen = std::pair{ZVRewardsNotification::availablePoints(notification).value_or(0),
+                            ZVRewardsNotification::testPoints(notification).value_or(0)};
         });
   }
   ~BalanceWatcher() { ZVNotificationCenter::defaultCenter()->removeObserver(token_); }

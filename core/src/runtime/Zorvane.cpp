@@ -2,7 +2,8 @@
 
 #include <mutex>
 
-#include "ZorvaneSettings.h"
+#include "http/ZVGenericRequestManager.h"
+#include "runtime/ZorvaneSettings.h"
 
 namespace {
 
@@ -51,4 +52,8 @@ void Zorvane::setCustomLocale(std::optional<ZVLocale> locale) {
   Settings& s = settings();
   std::lock_guard lock(s.mutex);
   s.customLocale = std::move(locale);
+}
+
+void Zorvane::setTransport(std::shared_ptr<ZVTransport> transport) {
+  ZVGenericRequestManager::instance()->setTransport(std::move(transport));
 }

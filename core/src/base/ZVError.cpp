@@ -1,6 +1,6 @@
 #include <ZorvaneCoreKit/ZVError.h>
 
-#include <fmt/format.h>
+#include "base/ZVStrings.h"
 
 const char* const ZVErrorServerNoRequest = "ZVErrorServerNoRequest";
 const char* const ZVErrorValidationNoOfferID = "ZVErrorValidationNoOfferID";
@@ -26,6 +26,7 @@ ZVError::ZVError(int64_t type, std::string code, std::string message)
 ZVError::~ZVError() = default;
 
 std::string ZVError::description() const {
-  return fmt::format("Error Domain=ZVError Type={} Code={} \"{}\"", type_,
-                     code_.empty() ? "(null)" : code_, message_ ? *message_ : "(null)");
+  return zv_detail::strCat("Error Domain=ZVError Type=", type_,
+                           " Code=", code_.empty() ? "(null)" : code_, " \"",
+                           message_ ? *message_ : "(null)", "\"");
 }

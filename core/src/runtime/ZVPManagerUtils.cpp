@@ -1,4 +1,4 @@
-#include <ZorvaneCoreKit/ZVPManagerUtils.h>
+#include "runtime/ZVPManagerUtils.h"
 
 #include <ZorvaneCoreKit/ZVMainQueue.h>
 

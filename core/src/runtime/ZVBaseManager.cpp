@@ -1,6 +1,7 @@
 #include <ZorvaneCoreKit/ZVBaseManager.h>
 
 #include <ZorvaneCoreKit/ZVIdentity.h>
+#include <ZorvaneCoreKit/ZVNotificationCenter.h>
 
 // A subclass whose clearUserState touches its own members must remove its
 // observers in its own destructor: by the time this one runs, a post on another

@@ -1,6 +1,6 @@
-#include <ZorvaneCoreKit/ZVGenericRequest.h>
+#include "http/ZVGenericRequest.h"
 
-#include <fmt/format.h>
+#include "base/ZVStrings.h"
 
 namespace {
 
@@ -40,10 +40,10 @@ std::shared_ptr<ZVGenericRequest> ZVGenericRequestBuilder::build() const {
 }
 
 std::string ZVGenericRequest::description() const {
-  return fmt::format("<ZVGenericRequest: {} {} {}>", kind_,
-                     method_ == ZVRequestMethodSubmit ? "POST" : "GET", baseURL_);
+  return zv_detail::strCat("<ZVGenericRequest: ", kind_, " ",
+                           method_ == ZVRequestMethodSubmit ? "POST" : "GET", " ", baseURL_, ">");
 }
 
 std::string ZVGenericResponse::description() const {
-  return fmt::format("<ZVGenericResponse: {} {}>", statusCode_, url_);
+  return zv_detail::strCat("<ZVGenericResponse: ", statusCode_, " ", url_, ">");
 }

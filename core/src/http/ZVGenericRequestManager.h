@@ -1,4 +1,4 @@
-// Sends built requests and turns answers into JSON objects or errors.
+// Inside the SDK: sends built requests and turns answers into JSON objects or errors.
 #pragma once
 
 #include <atomic>
@@ -8,8 +8,9 @@
 #include <string>
 
 #include <ZorvaneCoreKit/ZVError.h>
-#include <ZorvaneCoreKit/ZVGenericRequest.h>
 #include <ZorvaneCoreKit/ZVTransport.h>
+
+#include "http/ZVGenericRequest.h"
 
 /// The callback of one request: (kind, response, error, body).
 using ZVRequestCallback =
@@ -21,8 +22,10 @@ using ZVRequestCallback =
 /// For each request it fills ":host" and ":appid" from `Zorvane::configuration()`,
 /// percent-encodes what is not valid in a URL path, encodes `params` as the
 /// query (method 0) or serialises `body` as compact JSON (method 1), adds the
-/// access token header, and sends. The callback then runs exactly once, on
-/// the transport's thread, with the request's kind and either:
+/// access token header, and sends. The callback then runs exactly once, never
+/// inside `sendRequest`: on the transport's thread, or on the main queue for
+/// a request refused before it reached the transport, with the request's kind
+/// and either:
 /// - a response whose `body` is the answer's top-level JSON object, and no error; or
 /// - an error and no response: a transport failure (`ZVErrorTypeTransport`), an
 ///   HTTP status of 400 or above (`ZVErrorTypeHTTP`, worded by the request's
@@ -49,7 +52,7 @@ class ZV_CORE_EXPORT ZVGenericRequestManager {
   size_t requestsInFlight() const { return inFlight_.load(); }
 
   /// The URL a request is sent to, under the current configuration, or an
-  /// error message in `error`. Exposed for tests and diagnostics.
+  /// error message in `error`. For tests and diagnostics.
   static std::string resolveURL(const ZVGenericRequest& request, std::string& error);
 
  private:

@@ -1,8 +1,9 @@
 #include <ZorvaneCoreKit/ZVAddress.h>
 
-#include <fmt/format.h>
+#include "base/ZVStrings.h"
 
-#include <ZorvaneCoreKit/ZVUtil.h>
+#include "base/ZVUtil.h"
+#include "json/ZVJSONAccess.h"
 
 namespace {
 
@@ -41,11 +42,12 @@ std::shared_ptr<ZVAddress> ZVAddress::initMutableWithDictionary(const ZVJSONValu
 ZVDictionaryPtr ZVAddress::asDictionary() const {
   auto dictionary = ZVMutableDictionary::make();
   for (const Field& field : kFields)
-    if (const auto& text = this->*field.member) dictionary->appendUnchecked(field.key, *text);
+    if (const auto& text = this->*field.member)
+      zv_detail::appendUnchecked(*dictionary, field.key, *text);
   return dictionary;
 }
 
 std::string ZVAddress::description() const {
-  return fmt::format("\rName: {}\rCity: {}\rCountry: {}", describeField(name), describeField(city),
-                     describeField(country));
+  return zv_detail::strCat("\rName: ", describeField(name), "\rCity: ", describeField(city),
+                           "\rCountry: ", describeField(country));
 }

@@ -1,11 +1,11 @@
-#include <ZorvaneCoreKit/ZVUtil.h>
+#include "base/ZVUtil.h"
 
 #include <algorithm>
 #include <cmath>
 #include <limits>
 #include <string_view>
 
-#include <fmt/format.h>
+#include "base/ZVStrings.h"
 
 namespace {
 
@@ -122,11 +122,11 @@ std::optional<std::string> ZVUtil::nilOrStringFromObject(const ZVJSONValue& valu
     case ZVJSONValue::Type::String:
       return std::string(*value.string());
     case ZVJSONValue::Type::Integer:
-      return fmt::format("{}", value.integerValue());
+      return zv_detail::decimal(value.integerValue());
     case ZVJSONValue::Type::Double: {
       const double d = value.doubleValue();
       if (!std::isfinite(d)) return std::nullopt;
-      return fmt::format("{}", d);
+      return zv_detail::shortestDouble(d);
     }
     case ZVJSONValue::Type::Bool:
       return std::string(value.boolValue() ? "true" : "false");

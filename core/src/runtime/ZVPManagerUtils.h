@@ -1,4 +1,4 @@
-// Failure reporting shared by the service managers.
+// Inside the SDK: failure reporting shared by the service managers.
 #pragma once
 
 #include <functional>
@@ -7,11 +7,6 @@
 
 #include <ZorvaneCoreKit/ZVError.h>
 #include <ZorvaneCoreKit/ZVNotificationCenter.h>
-
-/// Key of the error in a failure notification's user information.
-extern ZV_CORE_EXPORT const char* const ZV_MANAGER_NOTIFICATION_ERROR_KEY;
-/// Key of the result in a success notification's user information.
-extern ZV_CORE_EXPORT const char* const ZV_MANAGER_NOTIFICATION_DATA_KEY;
 
 /// @par Thread safety
 /// Safe from any thread.

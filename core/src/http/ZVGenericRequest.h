@@ -1,4 +1,4 @@
-// Building requests and reading answers.
+// Inside the SDK: building requests and reading answers.
 #pragma once
 
 #include <functional>
@@ -9,7 +9,6 @@
 
 #include <ZorvaneCoreKit/ZVJSON.h>
 #include <ZorvaneCoreKit/ZVObject.h>
-#include <ZorvaneCoreKit/ZVTransport.h>
 
 class ZVGenericRequest;
 

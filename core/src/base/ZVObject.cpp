@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <typeinfo>
 
-#include <fmt/format.h>
+#include "base/ZVStrings.h"
 
 ZVObject::~ZVObject() = default;
 
@@ -15,7 +15,7 @@ std::string ZVObject::description() const {
   char* demangled = abi::__cxa_demangle(mangled, nullptr, nullptr, &status);
   std::string name = (status == 0 && demangled != nullptr) ? demangled : mangled;
   std::free(demangled);
-  return fmt::format("<{}: {}>", name, static_cast<const void*>(this));
+  return zv_detail::strCat("<", name, ": ", zv_detail::addressText(this), ">");
 }
 
 std::string ZVDescribe(const ZVObject* object) {
@@ -38,5 +38,5 @@ std::string ZVDescribeList(const std::vector<std::string>& items) {
 }
 
 std::string ZVNumber::description() const {
-  return fmt::format("{}", value_);
+  return zv_detail::decimal(value_);
 }

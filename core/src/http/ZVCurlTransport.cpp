@@ -2,17 +2,19 @@
 #include <ZorvaneCoreKit/ZVTransport.h>
 
 #include <curl/curl.h>
-#include <fmt/format.h>
 
 #include <algorithm>
-#include <cctype>
 #include <memory>
 #include <mutex>
 #include <string_view>
-#include <system_error>
 #include <thread>
 #include <utility>
 #include <vector>
+
+#include "base/ZVStrings.h"
+#include "http/ZVCurlFailures.h"
+
+using namespace zv_detail;
 
 namespace {
 
@@ -23,37 +25,6 @@ void initCurlOnce() {
 
 // Idle easy handles kept for reuse; beyond this they are freed.
 constexpr size_t kMaxIdleHandles = 16;
-
-struct Endpoint {
-  std::string host;     // as in the URL ("[::1]" for IPv6)
-  std::string address;  // "host:port", for messages
-};
-
-// Host and port of a URL: what error messages name, never the path or query.
-Endpoint endpointOf(const std::string& url) {
-  Endpoint result{"the service", "the service"};
-  CURLU* handle = curl_url();
-  if (handle == nullptr) return result;
-  if (curl_url_set(handle, CURLUPART_URL, url.c_str(), 0) == CURLUE_OK) {
-    char* host = nullptr;
-    char* port = nullptr;
-    if (curl_url_get(handle, CURLUPART_HOST, &host, 0) == CURLUE_OK) {
-      result.host = host;
-      result.address = host;
-      if (curl_url_get(handle, CURLUPART_PORT, &port, CURLU_DEFAULT_PORT) == CURLUE_OK)
-        result.address = fmt::format("{}:{}", host, port);
-    }
-    curl_free(host);
-    curl_free(port);
-  }
-  curl_url_cleanup(handle);
-  return result;
-}
-
-std::string lowerFirst(std::string text) {
-  if (!text.empty()) text[0] = static_cast<char>(std::tolower(static_cast<unsigned char>(text[0])));
-  return text;
-}
 
 // One exchange while libcurl works on it, and the easy handle it runs on.
 // Pooled with its handle: the options that do not change between exchanges
@@ -141,91 +112,6 @@ size_t onHeader(char* data, size_t size, size_t count, void* user) {
     return 0;
   }
   return length;
-}
-
-struct FailureFacts {
-  CURLcode code;
-  const Transfer& transfer;
-  long osErrno;
-  bool connected;
-};
-
-// Every CURLcode becomes a failure kind and a sentence a person can act on.
-// Request headers (the access token) are never part of it.
-std::pair<ZVTransportFailure, std::string> describeFailure(const FailureFacts& facts) {
-  const Transfer& t = facts.transfer;
-  const Endpoint where = endpointOf(t.request.url);
-  const std::string detail =
-      t.errorBuffer[0] != '\0' ? std::string(t.errorBuffer) : curl_easy_strerror(facts.code);
-  using F = ZVTransportFailure;
-  switch (facts.code) {
-    case CURLE_COULDNT_RESOLVE_HOST:
-      return {F::Connect, fmt::format("could not resolve host {}", where.host)};
-    case CURLE_COULDNT_RESOLVE_PROXY:
-      return {F::Connect, fmt::format("could not resolve the proxy: {}", detail)};
-    case CURLE_COULDNT_CONNECT: {
-      const std::string reason =
-          facts.osErrno != 0
-              ? lowerFirst(std::error_code(static_cast<int>(facts.osErrno), std::generic_category())
-                               .message())
-              : detail;
-      return {F::Connect, fmt::format("could not connect to {}: {}", where.address, reason)};
-    }
-    case CURLE_OPERATION_TIMEDOUT: {
-      const auto connectMs = t.request.connectTimeout.count();
-      const auto totalMs = t.request.totalTimeout.count();
-      const bool connectLimit =
-          !facts.connected && connectMs > 0 && (totalMs <= 0 || connectMs < totalMs);
-      return {F::Timeout, fmt::format("timed out after {} ms waiting for {}",
-                                      connectLimit ? connectMs : totalMs, where.address)};
-    }
-    case CURLE_PEER_FAILED_VERIFICATION:
-      return {F::TLS,
-              fmt::format("TLS certificate of {} could not be verified: {}", where.host, detail)};
-    case CURLE_SSL_CACERT_BADFILE:
-      return {F::TLS, fmt::format("could not load the certificate authorities in {}: {}",
-                                  t.request.caFile, detail)};
-    case CURLE_SSL_CONNECT_ERROR:
-    case CURLE_SSL_CERTPROBLEM:
-    case CURLE_SSL_CIPHER:
-    case CURLE_SSL_ISSUER_ERROR:
-    case CURLE_SSL_PINNEDPUBKEYNOTMATCH:
-    case CURLE_SSL_INVALIDCERTSTATUS:
-    case CURLE_SSL_CRL_BADFILE:
-    case CURLE_SSL_ENGINE_NOTFOUND:
-    case CURLE_SSL_ENGINE_SETFAILED:
-    case CURLE_SSL_ENGINE_INITFAILED:
-    case CURLE_SSL_SHUTDOWN_FAILED:
-    case CURLE_SSL_CLIENTCERT:
-      return {F::TLS, fmt::format("TLS handshake with {} failed: {}", where.address, detail)};
-    case CURLE_RECV_ERROR:
-    case CURLE_SEND_ERROR:
-    case CURLE_GOT_NOTHING:
-    case CURLE_PARTIAL_FILE:
-    case CURLE_HTTP2:
-    case CURLE_HTTP2_STREAM:
-      return {F::Reset,
-              fmt::format("connection to {} closed before the answer was complete", where.address)};
-    case CURLE_FILESIZE_EXCEEDED:
-      return {F::TooLarge, fmt::format("answer from {} is larger than the limit of {} bytes",
-                                       where.address, t.request.maxBodyBytes)};
-    case CURLE_WRITE_ERROR:
-      if (t.overCap)
-        return {F::TooLarge, fmt::format("answer from {} is larger than the limit of {} bytes",
-                                         where.address, t.request.maxBodyBytes)};
-      if (t.outOfMemory)
-        return {F::Other, fmt::format("out of memory reading the answer from {}", where.address)};
-      break;
-    case CURLE_OUT_OF_MEMORY:
-      return {F::Other, fmt::format("out of memory talking to {}", where.address)};
-    case CURLE_UNSUPPORTED_PROTOCOL:
-    case CURLE_URL_MALFORMAT:
-      return {F::Other, fmt::format("cannot send to {}: not a valid http or https URL ({})",
-                                    where.address, detail)};
-    default:
-      break;
-  }
-  return {F::Other, fmt::format("request to {} failed: {}", where.address, detail)};
 }
 
 std::string httpVersionText(long version) {
@@ -456,7 +342,7 @@ class CurlEngine {
       // A line break in a header would let one header smuggle in others.
       if (hasLineBreakOrNul(name) || hasLineBreakOrNul(value) || name.empty() ||
           name.find(':') != std::string::npos)
-        return fmt::format("request header \"{}\" is not a valid header", name);
+        return strCat("request header \"", name, "\" is not a valid header");
       const std::string line = value.empty() ? name + ";" : name + ": " + value;
       if (!append(line.c_str())) return "could not start the request: out of memory";
     }
@@ -540,7 +426,8 @@ class CurlEngine {
       curl_easy_getinfo(easy, CURLINFO_OS_ERRNO, &osErrno);
       curl_easy_getinfo(easy, CURLINFO_CONNECT_TIME_T, &connectTime);
       try {
-        auto [kind, message] = describeFailure({code, t, osErrno, connectTime > 0});
+        auto [kind, message] = describeCurlFailure(
+            {code, t.request, t.errorBuffer, t.overCap, t.outOfMemory, osErrno, connectTime > 0});
         t.result = failure(kind, std::move(message));
       } catch (...) {
         t.result = failure(ZVTransportFailure::Other, "out of memory");
@@ -566,9 +453,9 @@ class CurlEngine {
 
   static ZVHTTPResult shutdownFailure(const ZVHTTPRequest& request) {
     try {
-      return failure(ZVTransportFailure::Shutdown,
-                     fmt::format("the transport shut down before {} answered",
-                                 endpointOf(request.url).address));
+      return failure(
+          ZVTransportFailure::Shutdown,
+          strCat("the transport shut down before ", endpointAddress(request.url), " answered"));
     } catch (...) {
       return failure(ZVTransportFailure::Shutdown, "shut down");
     }

@@ -1,0 +1,67 @@
+#include "http/ZVAnswerDecoding.h"
+
+#include "base/ZVStrings.h"
+#include "http/ZVHTTPErrors.h"
+
+namespace zv_detail {
+namespace {
+
+const char* jsonTypeName(ZVJSONValue::Type type) {
+  using T = ZVJSONValue::Type;
+  switch (type) {
+    case T::Null:
+      return "null";
+    case T::Bool:
+      return "boolean";
+    case T::Integer:
+    case T::Double:
+      return "number";
+    case T::String:
+      return "string";
+    case T::Array:
+      return "array";
+    case T::Dictionary:
+      return "object";
+    case T::Nil:
+      break;
+  }
+  return "nothing";
+}
+
+ZVOutcome invalidAnswer(const char* code, std::string message) {
+  return failedOutcome(
+      std::make_shared<ZVError>(ZVErrorTypeInvalidAnswer, code, std::move(message)));
+}
+
+}  // namespace
+
+ZVOutcome failedOutcome(ZVErrorPtr error) {
+  ZVDictionaryPtr raw = error ? error->raw() : nullptr;
+  return {nullptr, std::move(error), std::move(raw)};
+}
+
+ZVOutcome decodeAnswer(ZVHTTPResult result, const ZVGenericRequest& request, ZVResolvedURL& where) {
+  if (result.failure != ZVTransportFailure::None) return failedOutcome(transportError(result));
+
+  const int status = result.status;
+  ZVJSONParseResult parsed;
+  if (result.body.empty())
+    parsed.error = "the body is empty";
+  else
+    parsed = ZVJSONParse(result.body);
+
+  if (status >= 400)
+    return failedOutcome(httpStatusError(status, parsed.ok() ? parsed.value.dictionary() : nullptr,
+                                         request, where.hostAndPath()));
+  if (!parsed.ok())
+    return invalidAnswer(ZVErrorAnswerNotJSON,
+                         strCat("answer from ", where.url, " is not JSON: ", parsed.error));
+  ZVDictionaryPtr body = parsed.value.dictionary();
+  if (!body)
+    return invalidAnswer(ZVErrorAnswerNotObject,
+                         strCat("answer from ", where.url, " is a JSON ",
+                                jsonTypeName(parsed.value.type()), ", not an object"));
+  return {std::make_shared<ZVGenericResponse>(status, std::move(where.url), body), nullptr, body};
+}
+
+}  // namespace zv_detail

@@ -1,0 +1,238 @@
+#include "http/ZVRequestURL.h"
+
+#include <algorithm>
+#include <cctype>
+#include <mutex>
+
+#include "base/ZVStrings.h"
+#include "http/ZVGenericRequest.h"
+#include "runtime/ZorvaneSettings.h"
+
+namespace zv_detail {
+namespace {
+
+constexpr std::string_view kHostPlaceholder = "https://:host";
+constexpr std::string_view kAppIDSegment = ":appid";
+
+// ---------------------------------------------------------------------------
+// Percent-encoding.
+//
+// Path values are formatted into the URL template unencoded (an offer id goes
+// in as it stands), so every byte of the path is encoded here unless it is an
+// RFC 3986 unreserved character or one of "/:@!$&'()*+,;=". In particular
+// control characters, space, '%' (always: nothing arrives pre-encoded), '?',
+// '#' and every non-ASCII byte are encoded, so a value can neither end the
+// path, start a query or fragment, nor break the request line into a header.
+// '/' stays a separator: an id holding '/' changes the path on the same host,
+// which the service does not accept as an id anyway. Segments "." and ".."
+// are encoded too, so that no one normalises them into another endpoint.
+
+bool isUnreserved(unsigned char c) {
+  return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-' ||
+         c == '.' || c == '_' || c == '~';
+}
+
+void appendEscaped(std::string& out, unsigned char c) {
+  static constexpr char kHex[] = "0123456789ABCDEF";
+  out += '%';
+  out += kHex[c >> 4];
+  out += kHex[c & 15];
+}
+
+// Appends `text` with everything but the unreserved characters and `keep`
+// escaped; runs that need no escape are appended whole.
+void appendPercentEncoded(std::string& out, std::string_view text, std::string_view keep = {}) {
+  size_t run = 0;
+  for (size_t i = 0; i < text.size(); ++i) {
+    const auto c = static_cast<unsigned char>(text[i]);
+    if (isUnreserved(c) || (c != 0 && keep.find(text[i]) != std::string_view::npos)) continue;
+    out.append(text.substr(run, i - run));
+    appendEscaped(out, c);
+    run = i + 1;
+  }
+  out.append(text.substr(run));
+}
+
+// application/x-www-form-urlencoded: space as '+', the rest as in percentEncode.
+void appendFormEncoded(std::string& out, std::string_view text) {
+  size_t run = 0;
+  for (size_t i = 0; i < text.size(); ++i) {
+    const auto c = static_cast<unsigned char>(text[i]);
+    if (isUnreserved(c)) continue;
+    out.append(text.substr(run, i - run));
+    if (c == ' ')
+      out += '+';
+    else
+      appendEscaped(out, c);
+    run = i + 1;
+  }
+  out.append(text.substr(run));
+}
+
+// Appends the encoded path to `out`.
+void appendEncodedPath(std::string& out, std::string_view path, std::string_view encodedAppID) {
+  size_t start = 0;
+  // Only the template's own ":appid" is a placeholder: it precedes every path
+  // value, and an id that reads ":appid" must reach the service as it is.
+  bool appIDFilled = false;
+  while (true) {
+    const size_t slash = path.find('/', start);
+    const std::string_view segment = path.substr(start, slash - start);
+    if (segment == "." || segment == "..") {
+      for (size_t i = 0; i < segment.size(); ++i) out += "%2E";
+    } else if (segment == kAppIDSegment && !appIDFilled) {
+      out += encodedAppID;
+      appIDFilled = true;
+    } else {
+      appendPercentEncoded(out, segment, ":@!$&'()*+,;=");
+    }
+    if (slash == std::string_view::npos) break;
+    out += '/';
+    start = slash + 1;
+  }
+}
+
+bool hasAppIDSegment(std::string_view path) {
+  size_t start = 0;
+  while (true) {
+    const size_t slash = path.find('/', start);
+    if (path.substr(start, slash - start) == kAppIDSegment) return true;
+    if (slash == std::string_view::npos) return false;
+    start = slash + 1;
+  }
+}
+
+bool isSafeHostChar(unsigned char c) {
+  // Letters, digits and what host names, IP literals and ports use.
+  return isUnreserved(c) || c == ':' || c == '[' || c == ']';
+}
+
+// ---------------------------------------------------------------------------
+// Resolution.
+
+bool hasControlChar(std::string_view text) {
+  return std::ranges::any_of(text, [](char c) {
+    const auto u = static_cast<unsigned char>(c);
+    return u < 0x20 || u == 0x7F;
+  });
+}
+
+ZVService prepareService(std::shared_ptr<const ZVConfiguration> shared) {
+  ZVService service;
+  service.config = std::move(shared);
+  const ZVConfiguration& config = *service.config;
+  std::string_view host = config.serviceHost;
+  if (host.empty()) {
+    service.error = "no service host configured";
+    return service;
+  }
+  std::string scheme = "https";
+  if (const size_t sep = host.find("://"); sep != std::string_view::npos) {
+    scheme.assign(host.substr(0, sep));
+    std::ranges::transform(scheme, scheme.begin(),
+                           [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    host.remove_prefix(sep + 3);
+  }
+  while (host.ends_with('/')) host.remove_suffix(1);
+  if (scheme != "http" && scheme != "https") {
+    service.error = strCat("service host ", config.serviceHost, " has the scheme \"", scheme,
+                           "\": only https (or http) is supported");
+    return service;
+  }
+  if (host.empty() || !std::ranges::all_of(host, [](char c) {
+        return isSafeHostChar(static_cast<unsigned char>(c));
+      })) {
+    service.error = strCat("service host \"", percentEncode(config.serviceHost, "/:@[]"),
+                           "\" is not a host name with an optional port");
+    return service;
+  }
+  if (scheme == "http" && !config.allowInsecureHTTP) {
+    service.error =
+        strCat("plain http to ", host, " is refused: set allowInsecureHTTP to allow it");
+    return service;
+  }
+  service.origin = scheme + "://";
+  service.hostStart = service.origin.size();
+  service.origin.append(host);
+  // An app id of "." or ".." would be a dot segment: encode it like one.
+  service.appID = percentEncode(config.appID);
+  if (service.appID == "." || service.appID == "..") {
+    std::string dots;
+    appendEncodedPath(dots, service.appID, "");
+    service.appID = std::move(dots);
+  }
+  // Checked here, said at each send: the token itself never reaches a message.
+  service.tokenHasControlChars = hasControlChar(config.accessToken);
+  if (!config.accessToken.empty()) service.bearer = "Bearer " + config.accessToken;
+  return service;
+}
+
+}  // namespace
+
+std::string percentEncode(std::string_view text, std::string_view keep) {
+  std::string out;
+  out.reserve(text.size());
+  appendPercentEncoded(out, text, keep);
+  return out;
+}
+
+// The service of the current configuration. Worked out again only when the
+// configuration was replaced since the last send.
+std::shared_ptr<const ZVService> currentService() {
+  std::shared_ptr<const ZVConfiguration> config = currentConfiguration();
+  struct Cache {
+    std::mutex mutex;
+    std::shared_ptr<const ZVService> last;  // guarded by mutex
+  };
+  // Leaked, like the settings: requests may be sent while statics are destroyed.
+  static Cache* const cache = new Cache();
+  {
+    std::lock_guard lock(cache->mutex);
+    if (cache->last && cache->last->config == config) return cache->last;
+  }
+  auto made = std::make_shared<const ZVService>(prepareService(std::move(config)));
+  std::lock_guard lock(cache->mutex);
+  cache->last = made;
+  return made;
+}
+
+ZVResolvedURL resolve(const ZVService& service, const ZVGenericRequest& request,
+                      std::string& error) {
+  if (!service.error.empty()) {
+    error = service.error;
+    return {};
+  }
+  const std::string& base = request.baseURL();
+  const std::string_view rest = std::string_view(base).substr(
+      base.starts_with(kHostPlaceholder) ? kHostPlaceholder.size() : 0);
+  // Only the template reaches the service: anything else could name another host.
+  if (!base.starts_with(kHostPlaceholder) || !(rest.empty() || rest.front() == '/')) {
+    error = strCat("request URL of ", request.kind(), " does not start with \"https://:host/\"");
+    return {};
+  }
+  if (service.config->appID.empty() && hasAppIDSegment(rest)) {
+    error = "no app id configured";
+    return {};
+  }
+
+  ZVResolvedURL resolved;
+  std::string& url = resolved.url;
+  url.reserve(service.origin.size() + rest.size() + service.appID.size() + 32);
+  url.append(service.origin);
+  resolved.hostStart = service.hostStart;
+  appendEncodedPath(url, rest, service.appID);
+  resolved.pathEnd = url.size();
+  if (request.method() != ZVRequestMethodSubmit && !request.params().empty()) {
+    char separator = '?';
+    for (const auto& [key, value] : request.params()) {
+      url += separator;
+      appendFormEncoded(url, key);
+      url += '=';
+      appendFormEncoded(url, value);
+      separator = '&';
+    }
+  }
+  return resolved;
+}
+
+}  // namespace zv_detail

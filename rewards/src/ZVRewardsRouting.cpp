@@ -1,0 +1,267 @@
+#include "ZVRewardsRouting.h"
+
+#include <type_traits>
+
+#include <ZorvaneCoreKit/ZVClock.h>
+#include <ZorvaneCoreKit/ZVIdentity.h>
+#include <ZorvaneCoreKit/ZVLogger.h>
+#include <ZorvaneCoreKit/ZVMainQueue.h>
+#include <ZorvaneCoreKit/ZVNotificationCenter.h>
+#include <ZorvaneRewardsKit/ZVRewardsError.h>
+
+#include "base/ZVStrings.h"
+#include "http/ZVGenericRequestManager.h"
+#include "runtime/ZVPManagerUtils.h"
+
+namespace {
+
+// The answer is good only when "status" is the string "ok"; any other type,
+// or no body at all, is not.
+bool isOK(const ZVDictionaryPtr& body) {
+  if (!body) return false;
+  const ZVJSONValue* status = body->find("status");
+  return status && status->string() && *status->string() == "ok";
+}
+
+bool isKnownKind(const std::string& kind) {
+  return kind == kKindFetchRewardOffers || kind == kKindPlaceOrder ||
+         kind == kKindFetchRewardOrders || kind == kKindFetchSkillQuestion ||
+         kind == kKindAnswerSkillQuestion;
+}
+
+// The handler of type Handler, or null when `any` holds no handler or one of
+// another operation.
+template <class Handler>
+const Handler* handlerOf(const ZVAnyCompletionHandler& any) {
+  const Handler* handler = std::get_if<Handler>(&any);
+  return handler && *handler ? handler : nullptr;
+}
+
+// One record per element of the array under `key` ("offers", "orders");
+// another type under the key gives an empty list.
+template <class Record>
+std::shared_ptr<const ZVArray<Record>> recordsUnder(const ZVMutableDictionary& body,
+                                                    std::string_view key) {
+  std::vector<std::shared_ptr<Record>> list;
+  if (const ZVJSONValue* value = body.find(key)) {
+    if (const ZVArrayPtr array = value->array()) {
+      list.reserve(array->count());
+      for (const ZVJSONValue& element : *array)
+        list.push_back(Record::initMutableWithDictionary(element));
+    }
+  }
+  return std::make_shared<const ZVArray<Record>>(std::move(list));
+}
+
+ZVJSONValue valueUnder(const ZVMutableDictionary& body, std::string_view key) {
+  const ZVJSONValue* value = body.find(key);
+  return value ? *value : ZVJSONValue();
+}
+
+}  // namespace
+
+void ZVRewardsRouting::send(std::shared_ptr<ZVGenericRequest> request,
+                            ZVAnyCompletionHandler completionHandler) {
+  ZVRewardsManager* manager = &manager_;
+  ZVGenericRequestManager::instance()->sendRequest(
+      std::move(request),
+      [manager, handler = std::move(completionHandler)](
+          const std::string& kind, std::shared_ptr<ZVGenericResponse> response, ZVErrorPtr error,
+          ZVDictionaryPtr /*body: read from the response instead*/) {
+        ZVRewardsRouting(*manager).requestKind(kind, std::move(response), std::move(error),
+                                               handler);
+      });
+}
+
+void ZVRewardsRouting::requestKind(const std::string& kind,
+                                   std::shared_ptr<ZVGenericResponse> response, ZVErrorPtr error,
+                                   ZVAnyCompletionHandler completionHandler) {
+  ZVRewardsManager* manager = &manager_;
+  if (error) {
+    ZVPManagerUtils::callDidFailWithError<ZVAnyCompletionHandler>(
+        std::move(error), ZV_REWARDS_MANAGER_REQUEST_DID_FAIL_NOTIFICATION,
+        std::move(completionHandler),
+        [manager, kind](ZVAnyCompletionHandler handler, ZVErrorPtr given) {
+          ZVRewardsRouting(*manager).dispatchFailWithError(std::move(given), kind, handler);
+        },
+        manager);
+    return;
+  }
+  ZVDictionaryPtr body =
+      response && response->body() ? response->body()->mutableCopy() : ZVDictionaryPtr();
+  if (kind == kKindFetchRewardOffers) {
+    // The stamp records the answer's arrival, before its status is looked at.
+    manager_.setLastRefreshTime(ZVClock::now());
+    handleFetchRewardOffers(std::move(body), std::move(completionHandler));
+  } else if (kind == kKindPlaceOrder) {
+    handlePlaceRewardOrder(std::move(body), std::move(completionHandler));
+  } else if (kind == kKindFetchRewardOrders) {
+    handleFetchRewardOrders(std::move(body), std::move(completionHandler));
+  } else if (kind == kKindFetchSkillQuestion) {
+    handleFetchSkillQuestion(std::move(body), std::move(completionHandler));
+  } else if (kind == kKindAnswerSkillQuestion) {
+    handleAnswerSkillQuestion(std::move(body), std::move(completionHandler));
+  }
+  // Any other kind is dropped on purpose: no handler runs, nothing is posted.
+}
+
+void ZVRewardsRouting::dispatchFailWithError(ZVErrorPtr error, const std::string& kind,
+                                             const ZVAnyCompletionHandler& completionHandler) {
+  if (!isKnownKind(kind)) return;
+  std::visit(
+      [&](const auto& handler) {
+        if constexpr (!std::is_same_v<std::decay_t<decltype(handler)>, std::monostate>)
+          if (handler) handler(nullptr, error);
+      },
+      completionHandler);
+}
+
+// ---- Answer handlers ----------------------------------------------------------
+
+void ZVRewardsRouting::handleFetchRewardOffers(ZVDictionaryPtr body,
+                                               ZVAnyCompletionHandler completionHandler) {
+  if (!isOK(body)) {
+    {
+      // Undo the routing's stamp so that the next fetch asks the service again.
+      auto noOffers = std::make_shared<const ZVOfferArray>();
+      std::lock_guard lock(manager_.state_->mutex);
+      manager_.state_->offers = std::move(noOffers);
+      manager_.state_->lastRefreshTime = 0.0;
+    }
+    failService(std::move(body), kKindFetchRewardOffers, std::move(completionHandler));
+    return;
+  }
+  ZVOfferArrayPtr result = recordsUnder<ZVOffer>(*body, "offers");
+  {
+    std::lock_guard lock(manager_.state_->mutex);
+    manager_.state_->offers = result;
+  }
+  dispatchOffers(std::move(result), std::move(completionHandler));
+}
+
+void ZVRewardsRouting::dispatchOffers(ZVOfferArrayPtr offers,
+                                      ZVAnyCompletionHandler completionHandler) {
+  ZVRewardsManager* manager = &manager_;
+  ZVMainQueue::shared()->async(
+      [manager, offers = std::move(offers), handler = std::move(completionHandler)] {
+        ZVRewardsRouting(*manager).logLine(
+            "-[ZVRewardsManager dispatchOffers:completionHandler:]_block_invoke", __LINE__,
+            [&] { return "Fetched offers: " + ZVDescribe(offers.get()); });
+        if (const auto* h = handlerOf<ZVOffersCompletionHandler>(handler)) (*h)(offers, nullptr);
+        ZVNotificationCenter::defaultCenter()->postNotificationName(
+            ZV_REWARDS_MANAGER_DID_FETCH_OFFERS_NOTIFICATION, manager,
+            {{ZV_MANAGER_NOTIFICATION_DATA_KEY, offers}});
+      });
+}
+
+void ZVRewardsRouting::handleFetchRewardOrders(ZVDictionaryPtr body,
+                                               ZVAnyCompletionHandler completionHandler) {
+  if (!isOK(body)) {
+    manager_.setOrders(nullptr);
+    failService(std::move(body), kKindFetchRewardOrders, std::move(completionHandler));
+    return;
+  }
+  auto result = recordsUnder<ZVOrder>(*body, "orders");
+  manager_.setOrders(result);
+  deliver<ZVOrdersCompletionHandler>(result, ZV_REWARDS_MANAGER_DID_FETCH_ORDERS_NOTIFICATION,
+                                     std::move(completionHandler));
+}
+
+void ZVRewardsRouting::handlePlaceRewardOrder(ZVDictionaryPtr body,
+                                              ZVAnyCompletionHandler completionHandler) {
+  if (!isOK(body)) {
+    failService(std::move(body), kKindPlaceOrder, std::move(completionHandler));
+    return;
+  }
+  std::shared_ptr<ZVOrder> order = ZVOrder::initMutableWithDictionary(valueUnder(*body, "order"));
+  ZVRewardsManager* manager = &manager_;
+  ZVMainQueue::shared()->async([manager, order, handler = std::move(completionHandler)] {
+    if (const auto* h = handlerOf<ZVOrderCompletionHandler>(handler)) (*h)(order, nullptr);
+    auto* center = ZVNotificationCenter::defaultCenter();
+    center->postNotificationName(ZV_REWARDS_MANAGER_DID_PLACE_ORDER_NOTIFICATION, manager,
+                                 {{ZV_MANAGER_NOTIFICATION_DATA_KEY, order}});
+    const std::shared_ptr<ZVOrderUser>& user = order->user();
+    center->postNotificationName(
+        ZV_USER_MANAGER_DID_UPDATE_USER_INTERNAL, manager,
+        {{kUserAvailablePoints, std::make_shared<ZVNumber>(user ? user->availablePoints() : 0)},
+         {kUserTestPoints, std::make_shared<ZVNumber>(user ? user->testPoints() : 0)}});
+  });
+}
+
+void ZVRewardsRouting::handleFetchSkillQuestion(ZVDictionaryPtr body,
+                                                ZVAnyCompletionHandler completionHandler) {
+  if (!isOK(body)) {
+    failService(std::move(body), kKindFetchSkillQuestion, std::move(completionHandler));
+    return;
+  }
+  deliver<ZVSkillQuestionCompletionHandler>(
+      ZVSkillQuestion::initMutableWithDictionary(valueUnder(*body, "challenge")),
+      ZV_REWARDS_MANAGER_DID_FETCH_SKILL_QUESTION_NOTIFICATION, std::move(completionHandler));
+}
+
+void ZVRewardsRouting::handleAnswerSkillQuestion(ZVDictionaryPtr body,
+                                                 ZVAnyCompletionHandler completionHandler) {
+  if (!isOK(body)) {
+    failService(std::move(body), kKindAnswerSkillQuestion, std::move(completionHandler));
+    return;
+  }
+  deliver<ZVSkillChallengeCompletionHandler>(
+      ZVSkillChallenge::initMutableWithDictionary(valueUnder(*body, "challenge")),
+      ZV_REWARDS_MANAGER_DID_ANSWER_SKILL_QUESTION_NOTIFICATION, std::move(completionHandler));
+}
+
+// ---- Deliveries ---------------------------------------------------------------
+
+template <class Handler, class Result>
+void ZVRewardsRouting::deliver(std::shared_ptr<Result> result, const char* notification,
+                               ZVAnyCompletionHandler completionHandler) {
+  ZVRewardsManager* manager = &manager_;
+  ZVMainQueue::shared()->async(
+      [manager, result = std::move(result), notification, handler = std::move(completionHandler)] {
+        if (const auto* h = handlerOf<Handler>(handler)) (*h)(result, nullptr);
+        ZVNotificationCenter::defaultCenter()->postNotificationName(
+            notification, manager, {{ZV_MANAGER_NOTIFICATION_DATA_KEY, result}});
+      });
+}
+
+void ZVRewardsRouting::failService(ZVDictionaryPtr body, const char* kind,
+                                   ZVAnyCompletionHandler completionHandler) {
+  auto error = std::make_shared<ZVRewardsError>(ZVErrorTypeService, std::move(body));
+  ZVRewardsManager* manager = &manager_;
+  // The step delivers the error made here, whatever the utility hands it.
+  ZVPManagerUtils::callDidFailWithError<ZVAnyCompletionHandler>(
+      error, ZV_REWARDS_MANAGER_REQUEST_DID_FAIL_NOTIFICATION, std::move(completionHandler),
+      [manager, error, kind = std::string(kind)](ZVAnyCompletionHandler handler, ZVErrorPtr) {
+        ZVRewardsRouting(*manager).dispatchFailWithError(error, kind, handler);
+      },
+      manager);
+}
+
+void ZVRewardsRouting::failValidation(const char* function, int line, const char* code,
+                                      const char* message, const char* kind,
+                                      ZVAnyCompletionHandler completionHandler) {
+  logLine(function, line, [message] { return std::string(message); });
+  auto error = std::make_shared<ZVRewardsError>(ZVErrorTypeValidation, code, message);
+  ZVRewardsManager* manager = &manager_;
+  ZVPManagerUtils::callDidFailWithError<ZVAnyCompletionHandler>(
+      std::move(error), ZV_REWARDS_MANAGER_VALIDATION_DID_FAIL_NOTIFICATION,
+      std::move(completionHandler),
+      [manager, kind = std::string(kind)](ZVAnyCompletionHandler handler, ZVErrorPtr given) {
+        ZVRewardsRouting(*manager).dispatchFailWithError(std::move(given), kind, handler);
+      },
+      manager);
+}
+
+void ZVRewardsRouting::logLine(const char* function, int line,
+                               const std::function<std::string()>& message) {
+  // The gate is read afresh for every line; the message is only built when
+  // a line will be written, so a silent logger costs nothing on a cache hit.
+  ZVLogger* logger = ZVLogger::instance();
+  const bool category = (logger->logCategories() & ZVLogCategoryRewards) != 0;
+  const int64_t level = logger->logLevel();
+  if (category && level == 1) {
+    logger->log(manager_.description() + " " + message());
+  } else if (level == 2 && category) {
+    logger->log(zv_detail::strCat(function, " [Line ", line, "] ", message()));
+  }
+}
