@@ -13,8 +13,8 @@ void RewardsScreen::load() {
         rows_.clear();
         for (const auto& offer : *offers) {
           const auto name = offer->name().string();
-          std::string row =
-              std::string(name ? *name : "Reward") + " - " + std::to_string(offer->points()) + " points";
+          std::string row = std::string(name ? *name : "Reward") + " - " +
+                            std::to_string(offer->points()) + " points";
           if (offer->status() != ZVOfferStatusAvailable) row += " (unavailable)";
           rows_.push_back(std::move(row));
         }
