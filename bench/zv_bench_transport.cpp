@@ -20,9 +20,11 @@
 //         same request headers, each body kept in a std::string, and for the
 //         catalogue a simdjson DOM parse of each body.
 // CPU per request is the process's CPU time (CLOCK_PROCESS_CPUTIME_ID) over a
-// batch divided by its requests; context switches come from getrusage.
+// batch divided by its requests; context switches and minor page faults
+// come from getrusage.
 // Prints one line per benchmark on stdout with the medians over the
-// repetitions, and the spread (".min", ".max") of the ratios.
+// repetitions, and the spread (".min", ".max") of the ratios. With
+// --only=host|core|raw, that client runs alone (for a profiler).
 #include <chrono>
 #include <cstdio>
 #include <ctime>
@@ -71,19 +73,23 @@ double processCPUSeconds() {
   return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
 }
 
-long contextSwitches() {
+// Context switches and minor page faults of the whole process so far.
+std::pair<long, long> switchesAndFaults() {
   rusage usage{};
   getrusage(RUSAGE_SELF, &usage);
-  return usage.ru_nvcsw + usage.ru_nivcsw;
+  return {usage.ru_nvcsw + usage.ru_nivcsw, usage.ru_minflt};
 }
 
 zvbench::Nginx* server = nullptr;
+// Requests each client sent, warm-up included, by "case side": a profiler's
+// totals divided by these are per request.
+std::map<std::string, int64_t> sentTotals;
 
 void paired(benchmark::State& state, Case* c) {
   zvbench::configureSDK(*c->endpoint);
   const size_t n = c->sides.size();
   std::vector<double> wall(n), cpu(n);
-  std::vector<long> switches(n), connections(n);
+  std::vector<long> switches(n), faults(n), connections(n);
   int64_t failures = 0;
   size_t turn = 0;
   for (auto _ : state) {
@@ -91,14 +97,17 @@ void paired(benchmark::State& state, Case* c) {
     for (size_t part = 0; part < n; ++part) {
       const size_t side = (turn + part) % n;
       const long accepted = server->acceptedConnections();
-      const long switchesBefore = contextSwitches();
+      const auto [switchesBefore, faultsBefore] = switchesAndFaults();
       const double cpuBefore = processCPUSeconds();
       const auto start = std::chrono::steady_clock::now();
       failures += c->sides[side].batch();
+      sentTotals[c->name + " " + c->sides[side].name] += c->requests;
       const double seconds =
           std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
       cpu[side] += processCPUSeconds() - cpuBefore;
-      switches[side] += contextSwitches() - switchesBefore;
+      const auto [switchesAfter, faultsAfter] = switchesAndFaults();
+      switches[side] += switchesAfter - switchesBefore;
+      faults[side] += faultsAfter - faultsBefore;
       wall[side] += seconds;
       iteration += seconds;
       // The status request's own connection was opened at the first reading.
@@ -114,8 +123,12 @@ void paired(benchmark::State& state, Case* c) {
     state.counters[name + "_rps"] = requests / wall[i];
     state.counters[name + "_cpu_us"] = cpu[i] / requests * 1e6;
     state.counters[name + "_csw"] = static_cast<double>(switches[i]) / requests;
+    state.counters[name + "_faults"] = static_cast<double>(faults[i]) / requests;
     state.counters[name + "_new_connections"] = static_cast<double>(connections[i]);
-    if (i != base) {
+    // Below 1 while the client was busy, the machine's other load took its
+    // CPU: the rates then favour the side with more threads.
+    state.counters[name + "_cpu_share"] = cpu[i] / wall[i];
+    if (i != base && base != 0) {
       state.counters[name + "_rate_ratio"] = wall[base] / wall[i];
       state.counters[name + "_cpu_ratio"] = cpu[i] / cpu[base];
     }
@@ -131,10 +144,17 @@ int main(int argc, char** argv) {
     return 2;
   }
   const std::string workDir = argv[1];
+  // --only=host|core|raw runs that client alone, for a profiler.
+  std::string only;
   std::vector<char*> args{argv[0]};
+  for (int i = 2; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if (arg.rfind("--only=", 0) == 0) only = arg.substr(7);
+  }
   char interleave[] = "--benchmark_enable_random_interleaving=true";
   args.push_back(interleave);  // a later flag on the command line still wins
-  args.insert(args.end(), argv + 2, argv + argc);
+  for (int i = 2; i < argc; ++i)
+    if (std::string(argv[i]).rfind("--only=", 0) != 0) args.push_back(argv[i]);
   int count = static_cast<int>(args.size());
   benchmark::Initialize(&count, args.data());
 
@@ -185,6 +205,7 @@ int main(int argc, char** argv) {
     }
   }
   for (Case& c : cases) {
+    if (!only.empty()) std::erase_if(c.sides, [&](const Side& side) { return side.name != only; });
     auto* bench = benchmark::RegisterBenchmark(c.name.c_str(), paired, &c)
                       ->MinTime(0.3)
                       ->MinWarmUpTime(0.1)
@@ -214,5 +235,6 @@ int main(int argc, char** argv) {
       line += fmt::format(" {}={}", counter, zvbench::number(value));
     fmt::print("{}\n", line);
   }
+  for (const auto& [name, sent] : sentTotals) fmt::print("sent {} requests={}\n", name, sent);
   return 0;
 }
