@@ -2,12 +2,14 @@
 // can print its ratios against the baselines measured in the same run.
 #pragma once
 
+#include <algorithm>
 #include <map>
 #include <set>
 #include <string>
 #include <vector>
 
 #include <benchmark/benchmark.h>
+#include <fmt/format.h>
 
 namespace zvbench {
 
@@ -17,7 +19,8 @@ struct Figure {
   std::map<std::string, double> counters;
 };
 
-/// With repetitions, the median of the repetitions is kept.
+/// With repetitions, the median of the repetitions is kept, and the "min"
+/// and "max" statistics when a benchmark computes them.
 class CollectingReporter : public benchmark::ConsoleReporter {
  public:
   CollectingReporter() : ConsoleReporter(OO_Tabular) {}
@@ -27,6 +30,14 @@ class CollectingReporter : public benchmark::ConsoleReporter {
     for (const Run& run : runs) {
       if (run.error_occurred) continue;
       std::string name = plainName(run.run_name.str());
+      if (run.run_type == Run::RT_Aggregate &&
+          (run.aggregate_name == "min" || run.aggregate_name == "max")) {
+        // The spread over the repetitions: counter "x" as "x.min" and "x.max".
+        Figure& f = figures_[name];
+        for (const auto& [counter, value] : run.counters)
+          f.counters[counter + "." + run.aggregate_name] = value.value;
+        continue;
+      }
       if (run.run_type == Run::RT_Aggregate) {
         if (run.aggregate_name != "median") continue;
       } else if (figures_.count(name) && medians_.count(name)) {
@@ -37,7 +48,7 @@ class CollectingReporter : public benchmark::ConsoleReporter {
       const double n = static_cast<double>(run.iterations);
       f.realSeconds = run.real_accumulated_time / n;
       f.cpuSeconds = run.cpu_accumulated_time / n;
-      for (const auto& [name, counter] : run.counters) f.counters[name] = counter.value;
+      for (const auto& [counter, value] : run.counters) f.counters[counter] = value.value;
     }
   }
 
@@ -46,6 +57,15 @@ class CollectingReporter : public benchmark::ConsoleReporter {
   const Figure* find(const std::string& name) const {
     auto it = figures_.find(name);
     return it == figures_.end() ? nullptr : &it->second;
+  }
+  /// A minimum and maximum over repetitions, for a benchmark's spread.
+  static void addSpread(benchmark::internal::Benchmark* bench) {
+    bench->ComputeStatistics("min", [](const std::vector<double>& v) {
+      return v.empty() ? 0.0 : *std::min_element(v.begin(), v.end());
+    });
+    bench->ComputeStatistics("max", [](const std::vector<double>& v) {
+      return v.empty() ? 0.0 : *std::max_element(v.begin(), v.end());
+    });
   }
   double counter(const std::string& name, const std::string& counter) const {
     const Figure* f = find(name);
@@ -73,5 +93,12 @@ class CollectingReporter : public benchmark::ConsoleReporter {
   std::map<std::string, Figure> figures_;
   std::set<std::string> medians_;
 };
+
+/// A figure for a result line: whole numbers from 1000 up, else four
+/// significant digits.
+inline std::string number(double value) {
+  return value >= 1000 || value <= -1000 ? fmt::format("{:.0f}", value)
+                                         : fmt::format("{:.4g}", value);
+}
 
 }  // namespace zvbench
