@@ -92,6 +92,13 @@ struct ZVSandboxOptions {
 /// "approved". Each question is answered once; a passed challenge serves one
 /// order of its offer.
 ///
+/// A POST with "Idempotency-Key: K" (1 to 255 characters 0x21 to 0x7E, else
+/// 400) is answered once per key, app and user for 24 hours: the answer is
+/// stored with the key in the transaction of the order or skill answer; the
+/// same request with the key gets it again, with "Idempotent-Replayed:
+/// true", another request 422. `limits` bound what a client can make the
+/// service read, hold or wait for.
+///
 /// @par Thread safety
 /// `start` and `stop` from one thread; the service itself serves concurrent
 /// requests (orders never overspend: balance checks and deductions are one
