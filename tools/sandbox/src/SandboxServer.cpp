@@ -155,7 +155,7 @@ struct Connection {
   bool outputShut = false;
   bool wantWrite = false;  // TLS cannot go on until the socket is writable
 
-  bool drop = false;  // the handler asked to close without an answer
+  bool drop = false;   // the handler asked to close without an answer
   size_t handled = 0;  // requests answered on this connection
 
   // Reads what is there into `buffer`, up to `limit` bytes: bytes read, 0 at
