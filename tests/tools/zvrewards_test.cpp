@@ -1,24 +1,34 @@
 // The zvrewards client, run as a program against its built-in sandbox, a
 // sandbox served by `zvrewards sandbox`, and an address where nothing listens.
+#include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
+#include <spawn.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
 
 #include <algorithm>
+#include <atomic>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <optional>
 #include <sstream>
 #include <string>
 #include <vector>
 
+#include <fmt/core.h>
 #include <gtest/gtest.h>
 
+#include <ZVSandbox.h>
 #include <ZorvaneCoreKit/ZVJSON.h>
 
 #include "ZVCliArithmetic.h"
 #include "ZVCliFormat.h"
+#include "ZVCliOutput.h"
+#include "ZVLoopbackServer.h"
 #include "ZVProcess.h"
 #include "ZVRawServer.h"
 
@@ -88,9 +98,71 @@ class ZvrewardsTest : public ::testing::Test {
     return runRaw(full);
   }
 
+  // Runs zvrewards with a pseudo-terminal as its standard input and output;
+  // `typeAt(screen)` says what to type once the screen so far ends in a
+  // prompt (empty: nothing yet). Returns the exit status and the screen.
+  std::pair<int, std::string> runAtTerminal(
+      std::vector<std::string> args, const std::function<std::string(const std::string&)>& typeAt) {
+    const int master = ::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+    char name[128] = {};
+    if (master < 0 || ::grantpt(master) != 0 || ::unlockpt(master) != 0 ||
+        ::ptsname_r(master, name, sizeof name) != 0) {
+      ADD_FAILURE() << "no pseudo-terminal";
+      return {-1, ""};
+    }
+    const int slave = ::open(name, O_RDWR | O_NOCTTY);
+    args.insert(args.begin(), ZVREWARDS_BIN);
+    std::vector<char*> argv, env;
+    const auto environment = childEnvironment(dir_);
+    for (auto& arg : args) argv.push_back(arg.data());
+    for (auto& entry : environment) env.push_back(const_cast<char*>(entry.c_str()));
+    argv.push_back(nullptr);
+    env.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    for (int fd : {0, 1, 2}) posix_spawn_file_actions_adddup2(&actions, slave, fd);
+    pid_t pid = -1;
+    EXPECT_EQ(::posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), env.data()), 0);
+    posix_spawn_file_actions_destroy(&actions);
+    ::close(slave);
+
+    std::string screen;
+    size_t answeredUpTo = 0;
+    const auto deadline = std::chrono::steady_clock::now() + 60s;
+    char buffer[4096];
+    for (pollfd entry{master, POLLIN, 0};
+         std::chrono::steady_clock::now() < deadline && ::poll(&entry, 1, 100) >= 0;) {
+      if (entry.revents == 0) continue;
+      const ssize_t n = ::read(master, buffer, sizeof buffer);
+      if (n <= 0) break;  // the program ended and closed the terminal
+      screen.append(buffer, static_cast<size_t>(n));
+      if (const std::string typed = typeAt(screen.substr(answeredUpTo)); !typed.empty()) {
+        answeredUpTo = screen.size();
+        [[maybe_unused]] const auto written = ::write(master, typed.data(), typed.size());
+      }
+    }
+    ::close(master);
+    return {zvtest::waitProcess(pid, 10s).exitCode(), screen};
+  }
+
   fs::path dir_;
   bool started_ = false;
 };
+
+// Bytes a terminal would act on: control characters but the line feed, DEL,
+// and, in UTF-8, the C1 CSI and the right-to-left override.
+bool drivesTheTerminal(const std::string& text) {
+  const bool control = std::any_of(text.begin(), text.end(), [](char c) {
+    return (static_cast<unsigned char>(c) < 0x20 && c != '\n') || c == 0x7F;
+  });
+  return control || text.find("\xc2\x9b") != std::string::npos ||
+         text.find("\xe2\x80\xae") != std::string::npos;
+}
+
+std::string lowered(std::string text) {
+  for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return text;
+}
 
 TEST_F(ZvrewardsTest, ListsOffersAsTableTreeAndJSON) {
   const ProcessResult table = run({"offers"});
@@ -234,6 +306,140 @@ TEST_F(ZvrewardsTest, SandboxCommandServesOtherClients) {
   std::fclose(banner);
   EXPECT_NE(text.find("Service host:  " + host), std::string::npos) << text;
   EXPECT_NE(text.find("sandbox-token"), std::string::npos) << text;
+}
+
+// A service that puts terminal escapes and the client's token (in capitals)
+// in every string it answers, then in its error messages.
+TEST_F(ZvrewardsTest, ServiceTextCannotDriveTheTerminalNorShowTheToken) {
+  const std::string token = "Tok-7f3a9c-never-print-me";
+  const std::string evil =
+      "\\u001b]0;pwned\\u0007\\u001b[31mTasse à café\\u009b2J\\u202e\\nBalance: 9 " +
+      lowered(token) + " " + token.substr(0, 3) + "-7F3A9C-NEVER-PRINT-ME";
+  const std::string offer =
+      fmt::format(R"({{"id":"{0}","name":"{0}","tier":"{0}","points":5,"status":"{0}"}})", evil);
+  const std::string order =
+      fmt::format(R"({{"id":"{0}","offer_id":"{0}","name":"{0}","created_at":"{0}","status":"{0}",)"
+                  R"("user":{{"id":"{0}","available_points":1}},"extras_key_{0}":1}})",
+                  evil);
+  std::atomic<bool> failing = false;
+  zvtest::ZVLoopbackServer server;
+  server.setHandler([&](const zvtest::LoopbackRequest& request) -> zvtest::LoopbackResponse {
+    if (failing) return {500, fmt::format(R"({{"status":"error","message":"{}"}})", evil)};
+    const std::string& path = request.path;
+    std::string rest;
+    if (path.ends_with("/offers")) {
+      rest = fmt::format(R"("offers":[{}])", offer);
+    } else if (path.ends_with("/orders")) {
+      rest = request.method == "GET" ? fmt::format(R"("orders":[{}])", order)
+                                     : fmt::format(R"("order":{})", order);
+    } else if (path.ends_with("/skills_test_question")) {
+      rest = fmt::format(
+          R"("challenge":{{"skills_test_question":{{"id":"{0}","question":"{0}"}}}})", evil);
+    } else {
+      rest = fmt::format(R"("challenge":{{"id":"{0}","status":"{0}"}})", evil);
+    }
+    return {200, R"({"status":"ok",)" + rest + "}"};
+  });
+
+  const std::vector<std::vector<std::string>> commands = {
+      {"offers"}, {"orders"}, {"order", "1"}, {"question"}, {"answer", "1", "q", "2"}};
+  for (const bool fail : {false, true}) {
+    failing = fail;
+    for (const auto& command : commands) {
+      for (const std::vector<std::string>& mode :
+           {std::vector<std::string>{}, {"--json"}, {"-vv"}}) {
+        std::vector<std::string> args = {"--service", server.baseURL(), "--app", "app", "--token",
+                                         token,       "--insecure-http"};
+        args.insert(args.end(), mode.begin(), mode.end());
+        args.insert(args.end(), command.begin(), command.end());
+        SCOPED_TRACE(fmt::format("{} {}{}", command[0], mode.empty() ? "" : mode[0],
+                                 fail ? ", failing" : ""));
+        const ProcessResult result = runRaw(args);
+        const std::string all = result.out + result.err;
+        EXPECT_FALSE(drivesTheTerminal(all)) << all;
+        EXPECT_EQ(lowered(all).find(lowered(token).substr(4)), std::string::npos) << all;
+        EXPECT_NE(all.find(fail ? "pwned" : "Tasse à café"), std::string::npos) << all;
+        if (mode == std::vector<std::string>{"--json"} && result.exitCode() == 0) {
+          EXPECT_TRUE(ZVJSONParse(result.out).ok()) << result.out;
+        }
+      }
+    }
+  }
+}
+
+// Against a service other than the built-in sandbox, the demo takes the
+// answer from the user and orders only once confirmed.
+TEST_F(ZvrewardsTest, DemoAsksBeforeARealOrder) {
+  ZVSandboxOptions options;
+  options.statePath = ":memory:";
+  ZVSandbox service(options);
+  std::string error;
+  ASSERT_TRUE(service.start(error)) << error;
+  const std::vector<std::string> flags = {
+      "--service", service.serviceHost(), "--app",           "sandbox-app",
+      "--token",   "sandbox-token",       "--insecure-http", "demo"};
+  const auto withFlags = [&](std::vector<std::string> more) {
+    more.insert(more.begin(), flags.begin(), flags.end());
+    return more;
+  };
+  const auto ordersPlaced = [&] {
+    const ProcessResult orders =
+        runRaw({"--service", service.serviceHost(), "--app", "sandbox-app", "--token",
+                "sandbox-token", "--insecure-http", "--json", "orders"});
+    const auto parsed = ZVJSONParse(orders.out);
+    return parsed.ok() && parsed.value.array() ? parsed.value.array()->count() : 99u;
+  };
+
+  // No terminal: both flags, or nothing is sent at all.
+  for (const auto& more : {std::vector<std::string>{}, {"--answer", "3"}, {"--yes"}}) {
+    const ProcessResult refused = runRaw(withFlags(more));
+    EXPECT_EQ(refused.exitCode(), 2) << refused.err;
+    EXPECT_NE(refused.err.find("--answer and confirm the order with --yes"), std::string::npos)
+        << refused.err;
+  }
+  EXPECT_EQ(ordersPlaced(), 0u);
+
+  // At a terminal: the answer typed, then the order confirmed or not.
+  for (const char* confirm : {"n", "y"}) {
+    const auto [status, screen] = runAtTerminal(withFlags({}), [&](const std::string& screen) {
+      if (screen.ends_with("Your answer: ")) {
+        const size_t line = screen.rfind("Question ");
+        const size_t start = screen.find(": ", line) + 2;
+        const auto value =
+            zvcli::evaluateArithmetic(screen.substr(start, screen.find('\r', start) - start));
+        return value ? zvcli::answerText(*value) + "\n" : std::string("?\n");
+      }
+      return screen.ends_with("[y/N] ") ? std::string(confirm) + "\n" : std::string();
+    });
+    SCOPED_TRACE(screen);
+    EXPECT_NE(screen.find(": passed"), std::string::npos);
+    EXPECT_EQ(status, *confirm == 'y' ? 0 : 1);
+    EXPECT_EQ(ordersPlaced(), *confirm == 'y' ? 1u : 0u);
+  }
+}
+
+TEST(ZvrewardsOutput, MasksTheTokenAndEscapesWhatDrivesATerminal) {
+  const struct {
+    const char* secret;
+    const char* text;
+    const char* shown;
+  } cases[] = {
+      {"Tok-12345", "a TOK-12345 b tok-12345tok-12345", "a *** b ******"},
+      {"Tok-12345", "Tok-1234", "Tok-1234"},
+      {"a", "a cat, a", "*** cat, ***"},
+      {"ab1", "ab1 xab1 ab1x ab1-c (ab1)", "*** xab1 ab1x ab1-c (***)"},
+      {"", "\x1b]0;t\x07 \x1b[31m", "\\x1b]0;t\\x07 \\x1b[31m"},
+      {"", "l1\nl2\r\t\x7f", "l1\\nl2\\r\\t\\x7f"},
+      {"", "C1 \xc2\x9b, RLO \xe2\x80\xae, bad \xff\xc3",
+       "C1 \\u009b, RLO \\u202e, bad \\xff\\xc3"},
+      {"", "Tasse à café, Ελληνικά, 日本, 🎁", "Tasse à café, Ελληνικά, 日本, 🎁"},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(zvcli::terminalSafe(zvcli::Redactor(c.secret)(c.text)), c.shown) << c.text;
+  }
+  EXPECT_EQ(zvcli::terminalSafe("a\nb", /*keepLineFeeds=*/true), "a\nb");
+  // JSON keeps its meaning: the escapes are JSON escapes.
+  EXPECT_EQ(zvcli::terminalSafeJSON("[\"\x7f\xc2\x9b\xe2\x80\xae\"]"), R"(["\u007f\u009b\u202e"])");
 }
 
 TEST(ZvrewardsArithmetic, SolvesTheSandboxQuestions) {

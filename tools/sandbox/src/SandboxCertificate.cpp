@@ -21,6 +21,8 @@
 
 #include <fmt/core.h>
 
+#include "SandboxFiles.h"
+
 namespace zvsandbox {
 namespace {
 
@@ -74,10 +76,13 @@ bool addExtension(X509* cert, X509V3_CTX* ctx, int nid, const char* value) {
 
 // Writes through a temporary file and a rename, so a reader never sees half
 // a file; `mode` applies from creation on (the key is never world-readable).
+// A temporary file left by an earlier run is replaced, not reused with its
+// own mode.
 bool writeFile(const std::filesystem::path& path, const std::string& bytes, mode_t mode,
                std::string& error) {
   const auto temporary = path.string() + ".tmp";
-  const int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
+  ::unlink(temporary.c_str());
+  const int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
   if (fd < 0) {
     error = fmt::format("could not write {}: {}", temporary, std::strerror(errno));
     return false;
@@ -116,13 +121,8 @@ bool ensureCertificate(const std::filesystem::path& directory, CertificateFiles&
                        std::string& error) {
   files.certificate = directory / "sandbox-cert.pem";
   files.privateKey = directory / "sandbox-key.pem";
-  std::error_code ec;
-  std::filesystem::create_directories(directory, ec);
-  if (ec) {
-    error = fmt::format("could not create {}: {}", directory.string(), ec.message());
-    return false;
-  }
-  if (usable(files.certificate, files.privateKey)) return true;
+  if (!createPrivateDirectories(directory, error)) return false;
+  if (usable(files.certificate, files.privateKey)) return narrowIfPresent(files.privateKey, error);
 
   KeyPtr key(EVP_EC_gen("P-256"));
   X509Ptr cert(X509_new());

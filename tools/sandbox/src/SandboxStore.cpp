@@ -2,15 +2,18 @@
 
 #include <sqlite3.h>
 
+#include <openssl/evp.h>
+
 #include <chrono>
 #include <ctime>
 
 #include <fmt/core.h>
 
 namespace zvsandbox {
-namespace {
 
-constexpr int kSchemaVersion = 1;
+constexpr int kSchemaVersion = 2;  // 2: idempotency keys
+
+namespace {
 
 [[noreturn]] void fail(sqlite3* db, const char* what) {
   throw StoreError(fmt::format("{}: {}", what, sqlite3_errmsg(db)));
@@ -75,25 +78,40 @@ class Statement {
   sqlite3_stmt* stmt_ = nullptr;
 };
 
+}  // namespace
+
 // BEGIN IMMEDIATE takes the write lock up front, so a read-then-write never
-// races another writer, in this process or another one.
+// races another writer, in this process or another one. Inside another
+// transaction it is a savepoint, which commits or rolls back with its outer
+// one. The store's mutex must be held.
 class Transaction {
  public:
-  explicit Transaction(sqlite3* db) : db_(db) { exec(db, "BEGIN IMMEDIATE"); }
+  explicit Transaction(Store& store) : store_(store), outer_(store.transactions_ == 0) {
+    exec(store_.db_, outer_ ? "BEGIN IMMEDIATE" : "SAVEPOINT nested");
+    ++store_.transactions_;
+  }
   ~Transaction() {
-    if (!done_) sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
+    if (!done_) {
+      sqlite3_exec(store_.db_, outer_ ? "ROLLBACK" : "ROLLBACK TO nested; RELEASE nested", nullptr,
+                   nullptr, nullptr);
+      --store_.transactions_;
+    }
   }
   Transaction(const Transaction&) = delete;
   Transaction& operator=(const Transaction&) = delete;
   void commit() {
-    exec(db_, "COMMIT");
+    exec(store_.db_, outer_ ? "COMMIT" : "RELEASE nested");
     done_ = true;
+    --store_.transactions_;
   }
 
  private:
-  sqlite3* db_;
+  Store& store_;
+  const bool outer_;
   bool done_ = false;
 };
+
+namespace {
 
 std::string nowISO8601() {
   const std::time_t now = std::chrono::system_clock::to_time_t(std::chrono::system_clock::now());
@@ -102,6 +120,17 @@ std::string nowISO8601() {
   char text[32];
   std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &utc);
   return text;
+}
+
+// Requests can be large; their keys keep a fixed-size digest of them.
+std::string sha256Hex(const std::string& text) {
+  unsigned char digest[EVP_MAX_MD_SIZE];
+  unsigned int size = 0;
+  if (EVP_Digest(text.data(), text.size(), digest, &size, EVP_sha256(), nullptr) != 1)
+    throw StoreError("could not hash a request");
+  std::string hex;
+  for (unsigned int i = 0; i < size; ++i) hex += fmt::format("{:02x}", digest[i]);
+  return hex;
 }
 
 constexpr const char* kOrderColumns =
@@ -163,20 +192,22 @@ Store::~Store() {
 
 void Store::createSchema(bool reset, int64_t initialPoints) {
   std::lock_guard lock(mutex_);
-  Transaction transaction(db_);
+  Transaction transaction(*this);
   const int64_t found = [&] {
     Statement version(db_, "PRAGMA user_version");
     version.step();
     return version.integer(0);
   }();
-  if (found != 0 && found != kSchemaVersion && !reset) {
+  // Version 1 lacks only tables that are created below.
+  if (found != 0 && found != 1 && found != kSchemaVersion && !reset) {
     throw StoreError(fmt::format("the file has layout version {}, not {}; start over with reset",
                                  found, kSchemaVersion));
   }
   if (reset) {
     exec(db_,
          "DROP TABLE IF EXISTS users; DROP TABLE IF EXISTS orders;"
-         "DROP TABLE IF EXISTS questions; DROP TABLE IF EXISTS challenges;");
+         "DROP TABLE IF EXISTS questions; DROP TABLE IF EXISTS challenges;"
+         "DROP TABLE IF EXISTS idempotency;");
   }
   exec(db_,
        "CREATE TABLE IF NOT EXISTS users(id TEXT PRIMARY KEY, available_points INTEGER NOT NULL,"
@@ -188,7 +219,11 @@ void Store::createSchema(bool reset, int64_t initialPoints) {
        "CREATE TABLE IF NOT EXISTS questions(id TEXT PRIMARY KEY, question TEXT NOT NULL,"
        " answer INTEGER NOT NULL, answered INTEGER NOT NULL DEFAULT 0);"
        "CREATE TABLE IF NOT EXISTS challenges(id TEXT PRIMARY KEY, question_id TEXT NOT NULL,"
-       " offer_id TEXT NOT NULL, status TEXT NOT NULL, used INTEGER NOT NULL DEFAULT 0);");
+       " offer_id TEXT NOT NULL, status TEXT NOT NULL, used INTEGER NOT NULL DEFAULT 0);"
+       "CREATE TABLE IF NOT EXISTS idempotency(app_id TEXT NOT NULL, user_id TEXT NOT NULL,"
+       " key TEXT NOT NULL, request_hash TEXT NOT NULL, status INTEGER NOT NULL,"
+       " body TEXT NOT NULL, created_at INTEGER NOT NULL, PRIMARY KEY(app_id, user_id, key));"
+       "CREATE INDEX IF NOT EXISTS idempotency_age ON idempotency(created_at);");
   exec(db_, fmt::format("PRAGMA user_version={}", kSchemaVersion).c_str());
   Statement user(db_,
                  "INSERT OR IGNORE INTO users(id, available_points, test_points) VALUES(?, ?, 0)");
@@ -226,7 +261,7 @@ nlohmann::json Store::orders() {
 
 PlaceResult Store::placeOrder(const NewOrder& order) {
   std::lock_guard lock(mutex_);
-  Transaction transaction(db_);
+  Transaction transaction(*this);
   const Balance before = balanceLocked();
   PlaceResult result;
   int64_t cost = 0;
@@ -289,7 +324,7 @@ AnswerResult Store::answerQuestion(const std::string& questionID, const std::str
                                    std::optional<int64_t> response,
                                    const std::string& challengeID) {
   std::lock_guard lock(mutex_);
-  Transaction transaction(db_);
+  Transaction transaction(*this);
   Statement query(db_, "SELECT answer, answered FROM questions WHERE id = ?");
   query.bind(1, questionID);
   AnswerResult result;
@@ -310,6 +345,50 @@ AnswerResult Store::answerQuestion(const std::string& questionID, const std::str
       .bind(2, questionID)
       .bind(3, offerID)
       .bind(4, std::string(result.passed ? "passed" : "failed"))
+      .step();
+  transaction.commit();
+  return result;
+}
+
+IdempotentResult Store::idempotent(const IdempotentCall& call, std::chrono::seconds window,
+                                   const std::function<StoredAnswer()>& work) {
+  const std::string requestHash = sha256Hex(call.request);
+  const int64_t now = std::chrono::duration_cast<std::chrono::seconds>(
+                          std::chrono::system_clock::now().time_since_epoch())
+                          .count();
+  std::lock_guard lock(mutex_);
+  Transaction transaction(*this);
+  Statement purge(db_, "DELETE FROM idempotency WHERE created_at <= ?");
+  purge.bind(1, now - window.count()).step();
+
+  IdempotentResult result;
+  Statement find(db_,
+                 "SELECT request_hash, status, body FROM idempotency"
+                 " WHERE app_id = ? AND user_id = ? AND key = ?");
+  find.bind(1, call.appID).bind(2, call.userID).bind(3, call.key);
+  if (find.step()) {
+    if (find.text(0) != requestHash) {
+      result.outcome = IdempotentResult::Outcome::conflict;
+    } else {
+      result.outcome = IdempotentResult::Outcome::replayed;
+      result.answer = {static_cast<int>(find.integer(1)), find.text(2)};
+    }
+    transaction.commit();  // keeps the purge
+    return result;
+  }
+
+  result.answer = work();
+  if (result.answer.status >= 500) return result;  // rolled back, key not kept
+  Statement insert(db_,
+                   "INSERT INTO idempotency(app_id, user_id, key, request_hash, status, body,"
+                   " created_at) VALUES(?, ?, ?, ?, ?, ?, ?)");
+  insert.bind(1, call.appID)
+      .bind(2, call.userID)
+      .bind(3, call.key)
+      .bind(4, requestHash)
+      .bind(5, int64_t{result.answer.status})
+      .bind(6, result.answer.body)
+      .bind(7, now)
       .step();
   transaction.commit();
   return result;

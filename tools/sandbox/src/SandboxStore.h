@@ -2,7 +2,9 @@
 // challenges, in one SQLite database.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -55,9 +57,33 @@ struct AnswerResult {
   bool passed = false;
 };
 
+/// An answer to a submission, as stored with its idempotency key.
+struct StoredAnswer {
+  int status = 0;
+  std::string body;
+};
+
+/// A submission that carries an idempotency key.
+struct IdempotentCall {
+  std::string appID, userID, key;
+  /// What makes two requests the same: method, target and canonical body.
+  std::string request;
+};
+
+struct IdempotentResult {
+  enum class Outcome {
+    fresh,     ///< the key was new: `answer` is the one just made
+    replayed,  ///< `answer` is the one first given for the key
+    conflict,  ///< the key was used for another request; nothing ran
+  };
+  Outcome outcome = Outcome::fresh;
+  StoredAnswer answer;
+};
+
 /// Every operation is safe from any thread: one connection, guarded by a
-/// mutex; changes that must hold together run in one IMMEDIATE transaction,
-/// which also keeps other processes on the same file out. Operations throw
+/// recursive mutex; changes that must hold together run in one IMMEDIATE
+/// transaction, which also keeps other processes on the same file out (a
+/// transaction begun inside another is a savepoint of it). Operations throw
 /// `StoreError` when the database fails.
 class Store {
  public:
@@ -83,14 +109,27 @@ class Store {
   AnswerResult answerQuestion(const std::string& questionID, const std::string& offerID,
                               std::optional<int64_t> response, const std::string& challengeID);
 
+  /// Answers a keyed submission once. Keys older than `window` are
+  /// forgotten first. A known key with the same request gives its stored
+  /// answer back, with another request a conflict. A new key runs `work`
+  /// (which may use this store) and stores its answer with the key in the
+  /// same transaction as `work`'s changes, so that no change is ever kept
+  /// without its key. An answer of 500 or more is not stored, and `work`'s
+  /// changes are then rolled back. Concurrent calls with one key run one
+  /// after the other.
+  IdempotentResult idempotent(const IdempotentCall& call, std::chrono::seconds window,
+                              const std::function<StoredAnswer()>& work);
+
  private:
+  friend class Transaction;
   explicit Store(sqlite3* db) : db_(db) {}
   void createSchema(bool reset, int64_t initialPoints);
   Balance balanceLocked();
   nlohmann::json orderLocked(int64_t seq);
 
-  std::mutex mutex_;
-  sqlite3* db_;  // guarded by mutex_ after open
+  std::recursive_mutex mutex_;
+  sqlite3* db_;           // guarded by mutex_ after open
+  int transactions_ = 0;  // guarded by mutex_: open transactions, nested ones included
 };
 
 }  // namespace zvsandbox

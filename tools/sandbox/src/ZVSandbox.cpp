@@ -1,18 +1,14 @@
 #include "ZVSandbox.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <pthread.h>
 #include <pwd.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cctype>
 #include <charconv>
 #include <cmath>
-#include <csignal>
 #include <cstdlib>
+#include <ctime>
 #include <filesystem>
 #include <functional>
 #include <mutex>
@@ -26,6 +22,8 @@
 
 #include "SandboxCatalogue.h"
 #include "SandboxCertificate.h"
+#include "SandboxFiles.h"
+#include "SandboxServer.h"
 #include "SandboxStore.h"
 
 namespace fs = std::filesystem;
@@ -37,11 +35,10 @@ namespace {
 
 constexpr const char* kAppPath = "/api/v1/apps/([^/]+)";
 constexpr int64_t kMaxQuantity = 1000;
-constexpr size_t kThreadCount = 32;  // keep-alive connections each hold a worker
-constexpr size_t kKeepAliveMaxCount = 10000;
-constexpr size_t kMaxBodyBytes = 1 << 20;
+constexpr auto kIdempotencyWindow = std::chrono::hours(24);
+constexpr size_t kMaxIdempotencyKey = 255;
 
-enum class Fault { none, http500, malformed, drop };
+enum class Fault { none, http500, malformed, drop, dropAfterCommit, http429, http503 };
 
 std::string toText(const json& value) {
   return value.dump(-1, ' ', false, json::error_handler_t::replace);
@@ -62,8 +59,38 @@ void badRequest(httplib::Response& res, const std::string& message) {
   reply(res, 400, {{"status", "error"}, {"message", message}});
 }
 
+// Whether JSON text nests arrays and objects at most `limit` deep. Checked
+// before parsing: copying or printing a parsed value recurses once per level.
+bool nestsAtMost(std::string_view text, size_t limit) {
+  size_t depth = 0;
+  bool inString = false, escaped = false;
+  for (const char c : text) {
+    if (inString) {
+      if (escaped) {
+        escaped = false;
+      } else if (c == '\\') {
+        escaped = true;
+      } else if (c == '"') {
+        inString = false;
+      }
+    } else if (c == '"') {
+      inString = true;
+    } else if (c == '[' || c == '{') {
+      if (++depth > limit) return false;
+    } else if ((c == ']' || c == '}') && depth > 0) {
+      --depth;
+    }
+  }
+  return true;
+}
+
 // The body as a JSON object, or a 400 answer saying why not.
-std::optional<json> objectBody(const httplib::Request& req, httplib::Response& res) {
+std::optional<json> objectBody(const httplib::Request& req, httplib::Response& res,
+                               size_t maxDepth) {
+  if (!nestsAtMost(req.body, maxDepth)) {
+    badRequest(res, fmt::format("the body nests deeper than {} levels", maxDepth));
+    return std::nullopt;
+  }
   auto body = json::parse(req.body, nullptr, false);
   if (body.is_discarded()) {
     badRequest(res, "the body is not valid JSON");
@@ -98,47 +125,33 @@ bool inMemory(const std::string& path) {
   return path == ":memory:";
 }
 
-// Text of an address as the server reports peers, for matching a request to
-// its socket.
-std::optional<std::pair<std::string, int>> endpointOf(const sockaddr_storage& address) {
-  char text[INET6_ADDRSTRLEN] = {};
-  if (address.ss_family == AF_INET) {
-    const auto& v4 = reinterpret_cast<const sockaddr_in&>(address);
-    inet_ntop(AF_INET, &v4.sin_addr, text, sizeof text);
-    return std::pair{std::string(text), static_cast<int>(ntohs(v4.sin_port))};
+// What makes two submissions the same request: method, target and the
+// body as canonical JSON (whitespace and key order do not count), or the
+// body's bytes when it is not JSON within the depth limit.
+std::string requestIdentity(const httplib::Request& req, size_t maxDepth) {
+  std::string body = req.body;
+  if (nestsAtMost(req.body, maxDepth)) {
+    if (const auto parsed = json::parse(req.body, nullptr, false); !parsed.is_discarded())
+      body = "json:" + toText(parsed);
   }
-  if (address.ss_family == AF_INET6) {
-    const auto& v6 = reinterpret_cast<const sockaddr_in6&>(address);
-    inet_ntop(AF_INET6, &v6.sin6_addr, text, sizeof text);
-    return std::pair{std::string(text), static_cast<int>(ntohs(v6.sin6_port))};
-  }
-  return std::nullopt;
+  return fmt::format("{} {}\n{}", req.method, req.target, body);
 }
 
-// The handler runs on the thread that owns the connection, but the server
-// does not hand out its socket: find it among the process's descriptors by
-// its two endpoints, and shut it down so the client sees the connection end
-// without an answer.
-bool shutDownConnection(const httplib::Request& req) {
-  std::error_code ec;
-  for (const auto& entry : fs::directory_iterator("/proc/self/fd", ec)) {
-    const auto name = entry.path().filename().string();
-    int fd = -1;
-    if (std::from_chars(name.data(), name.data() + name.size(), fd).ec != std::errc()) continue;
-    sockaddr_storage local{}, peer{};
-    socklen_t localSize = sizeof local, peerSize = sizeof peer;
-    if (getsockname(fd, reinterpret_cast<sockaddr*>(&local), &localSize) != 0 ||
-        getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &peerSize) != 0) {
-      continue;
-    }
-    const auto localEnd = endpointOf(local);
-    const auto peerEnd = endpointOf(peer);
-    if (localEnd && peerEnd && localEnd->second == req.local_port &&
-        peerEnd->second == req.remote_port && peerEnd->first == req.remote_addr) {
-      return ::shutdown(fd, SHUT_RDWR) == 0;
-    }
-  }
-  return false;
+// 1 to 255 printable ASCII characters, without spaces.
+bool validIdempotencyKey(const std::string& key) {
+  return !key.empty() && key.size() <= kMaxIdempotencyKey &&
+         std::all_of(key.begin(), key.end(), [](char c) { return c >= 0x21 && c <= 0x7E; });
+}
+
+// An HTTP date (IMF-fixdate), independent of the process's locale.
+std::string httpDate(std::time_t when) {
+  static constexpr const char* kDays[] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
+  static constexpr const char* kMonths[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
+                                            "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
+  std::tm utc{};
+  gmtime_r(&when, &utc);
+  return fmt::format("{}, {:02} {} {} {:02}:{:02}:{:02} GMT", kDays[utc.tm_wday], utc.tm_mday,
+                     kMonths[utc.tm_mon], utc.tm_year + 1900, utc.tm_hour, utc.tm_min, utc.tm_sec);
 }
 
 // An integer answer: a JSON integer, a whole float, or text holding only an
@@ -197,13 +210,17 @@ Question makeQuestion(std::mt19937_64& random) {
 }  // namespace
 
 struct ZVSandbox::Impl {
-  explicit Impl(ZVSandboxOptions o) : options(std::move(o)), faultRandom(options.faults.seed) {}
+  Impl(ZVSandboxOptions o, ZVSandboxLimits l)
+      : options(std::move(o)), limits(l), faultRandom(options.faults.seed) {}
 
   using Route = std::function<void(const httplib::Request&, httplib::Response&)>;
 
   Fault drawFault();
   std::string newID(const char* prefix);
   httplib::Server::Handler wrap(Route route);
+  void retryLater(httplib::Response& res, int status) const;
+  void answerOnce(const httplib::Request& req, httplib::Response& res,
+                  const std::function<zvsandbox::StoredAnswer()>& run);
   void installRoutes();
 
   void fetchOffers(const httplib::Request& req, httplib::Response& res);
@@ -213,9 +230,10 @@ struct ZVSandbox::Impl {
   void answerQuestion(const httplib::Request& req, httplib::Response& res);
 
   const ZVSandboxOptions options;
+  const ZVSandboxLimits limits;
   std::unique_ptr<zvsandbox::Catalogue> catalogue;
   std::unique_ptr<zvsandbox::Store> store;
-  std::unique_ptr<httplib::Server> server;
+  std::unique_ptr<zvsandbox::GuardedServer> server;
   std::thread listener;
   int port = 0;
   std::string statePath;
@@ -229,7 +247,12 @@ struct ZVSandbox::Impl {
 
 Fault ZVSandbox::Impl::drawFault() {
   const auto& faults = options.faults;
-  if (faults.http500Share <= 0 && faults.malformedShare <= 0 && faults.dropShare <= 0) {
+  const std::pair<double, Fault> shares[] = {
+      {faults.http500Share, Fault::http500}, {faults.malformedShare, Fault::malformed},
+      {faults.dropShare, Fault::drop},       {faults.dropAfterCommitShare, Fault::dropAfterCommit},
+      {faults.http429Share, Fault::http429}, {faults.http503Share, Fault::http503},
+  };
+  if (std::all_of(std::begin(shares), std::end(shares), [](auto& s) { return s.first <= 0; })) {
     return Fault::none;
   }
   double draw = 0;
@@ -237,12 +260,51 @@ Fault ZVSandbox::Impl::drawFault() {
     std::lock_guard lock(randomMutex);
     draw = std::uniform_real_distribution<double>(0.0, 1.0)(faultRandom);
   }
-  if (draw < faults.http500Share) return Fault::http500;
-  draw -= faults.http500Share;
-  if (draw < faults.malformedShare) return Fault::malformed;
-  draw -= faults.malformedShare;
-  if (draw < faults.dropShare) return Fault::drop;
+  for (const auto& [share, fault] : shares) {
+    if (draw < share) return fault;
+    draw -= share;
+  }
   return Fault::none;
+}
+
+void ZVSandbox::Impl::retryLater(httplib::Response& res, int status) const {
+  const int seconds = options.faults.retryAfterSeconds;
+  res.set_header("Retry-After", options.faults.retryAfterAsDate
+                                    ? httpDate(std::time(nullptr) + seconds)
+                                    : std::to_string(seconds));
+  const char* what = status == 429 ? "too many requests" : "the service is unavailable";
+  reply(res, status,
+        {{"status", "error"}, {"message", fmt::format("{}; retry after {} s", what, seconds)}});
+}
+
+// A submission with an Idempotency-Key: the first answer for the key, given
+// again to a retry of the same request.
+void ZVSandbox::Impl::answerOnce(const httplib::Request& req, httplib::Response& res,
+                                 const std::function<zvsandbox::StoredAnswer()>& run) {
+  const std::string key = req.get_header_value("Idempotency-Key");
+  if (req.get_header_value_count("Idempotency-Key") != 1 || !validIdempotencyKey(key)) {
+    return badRequest(res,
+                      "Idempotency-Key must be one value of 1 to 255 printable ASCII characters "
+                      "without spaces");
+  }
+  const zvsandbox::IdempotentCall call{options.appID, zvsandbox::kUserID, key,
+                                       requestIdentity(req, limits.maxJSONDepth)};
+  const auto result = store->idempotent(call, kIdempotencyWindow, run);
+  switch (result.outcome) {
+    case zvsandbox::IdempotentResult::Outcome::fresh:
+      return;  // `run` answered
+    case zvsandbox::IdempotentResult::Outcome::replayed:
+      res.status = result.answer.status;
+      res.set_content(result.answer.body, "application/json; charset=utf-8");
+      res.set_header("Idempotent-Replayed", "true");
+      return;
+    case zvsandbox::IdempotentResult::Outcome::conflict:
+      return reply(res, 422,
+                   {{"status", "error"},
+                    {"message",
+                     "this Idempotency-Key was already used for a different request (another "
+                     "method, path or body)"}});
+  }
 }
 
 std::string ZVSandbox::Impl::newID(const char* prefix) {
@@ -251,24 +313,26 @@ std::string ZVSandbox::Impl::newID(const char* prefix) {
 }
 
 // Every endpoint goes through the same gate: faults, then the token, then
-// the app id, then the endpoint; a failing state store answers 500.
+// the app id, then the endpoint (once per idempotency key); a failing state
+// store answers 500.
 httplib::Server::Handler ZVSandbox::Impl::wrap(Route route) {
   return [this, route = std::move(route)](const httplib::Request& req, httplib::Response& res) {
     const Fault fault = drawFault();
     if (options.faults.latencyMs > 0) {
       std::this_thread::sleep_for(std::chrono::milliseconds(options.faults.latencyMs));
     }
-    if (fault == Fault::drop) {
-      shutDownConnection(req);
-      // Also refuse to write a body, so the connection ends even when the
-      // socket was not found.
-      res.set_content_provider(1, "application/json",
-                               [](size_t, size_t, httplib::DataSink&) { return false; });
-      return;
-    }
-    if (fault == Fault::http500) {
-      reply(res, 500, {{"status", "error"}, {"message", "internal server error"}});
-      return;
+    switch (fault) {
+      case Fault::drop:
+        zvsandbox::GuardedServer::dropConnection();
+        return;
+      case Fault::http500:
+        return reply(res, 500, {{"status", "error"}, {"message", "internal server error"}});
+      case Fault::http429:
+        return retryLater(res, 429);
+      case Fault::http503:
+        return retryLater(res, 503);
+      default:
+        break;
     }
     if (req.get_header_value("Authorization") != "Bearer " + options.accessToken) {
       reply(res, 401, {{"status", "error"}, {"message", "invalid access token"}});
@@ -278,11 +342,29 @@ httplib::Server::Handler ZVSandbox::Impl::wrap(Route route) {
       reply(res, 404, {{"status", "error"}, {"message", fmt::format("unknown app '{}'", appID)}});
       return;
     }
-    try {
-      route(req, res);
-    } catch (const std::exception& e) {
-      reply(res, 500,
-            {{"status", "error"}, {"message", fmt::format("sandbox state: {}", e.what())}});
+    const auto run = [&]() -> zvsandbox::StoredAnswer {
+      try {
+        route(req, res);
+      } catch (const std::exception& e) {
+        reply(res, 500,
+              {{"status", "error"}, {"message", fmt::format("sandbox state: {}", e.what())}});
+      }
+      return {res.status, res.body};
+    };
+    const bool submission = req.method == "POST";
+    if (submission && req.has_header("Idempotency-Key")) {
+      try {
+        answerOnce(req, res, run);
+      } catch (const std::exception& e) {
+        reply(res, 500,
+              {{"status", "error"}, {"message", fmt::format("sandbox state: {}", e.what())}});
+      }
+    } else {
+      run();
+    }
+    if (fault == Fault::dropAfterCommit && submission) {
+      zvsandbox::GuardedServer::dropConnection();
+      return;
     }
     if (fault == Fault::malformed) res.body.resize(res.body.size() / 2);
   };
@@ -301,7 +383,7 @@ void ZVSandbox::Impl::fetchOrders(const httplib::Request&, httplib::Response& re
 
 void ZVSandbox::Impl::placeOrder(const httplib::Request& req, httplib::Response& res) {
   const std::string offerID = req.matches[2].str();
-  const auto body = objectBody(req, res);
+  const auto body = objectBody(req, res, limits.maxJSONDepth);
   if (!body) return;
   const auto order = body->find("order");
   if (order == body->end() || !order->is_object()) {
@@ -390,7 +472,7 @@ void ZVSandbox::Impl::fetchQuestion(const httplib::Request&, httplib::Response& 
 void ZVSandbox::Impl::answerQuestion(const httplib::Request& req, httplib::Response& res) {
   const std::string offerID = req.matches[2].str();
   const std::string questionID = req.matches[3].str();
-  const auto body = objectBody(req, res);
+  const auto body = objectBody(req, res, limits.maxJSONDepth);
   if (!body) return;
   const json* response = nullptr;
   if (const auto challenge = body->find("challenge");
@@ -451,7 +533,9 @@ void ZVSandbox::Impl::installRoutes() {
         std::string message = fmt::format("HTTP {}", res.status);
         if (res.status == 404)
           message = fmt::format("no such endpoint: {} {}", req.method, req.path);
+        if (res.status == 400) message = "the request is malformed";
         if (res.status == 413) message = "the body is too large";
+        if (res.status == 414) message = "the request target is too long";
         reply(res, res.status, {{"status", "error"}, {"message", message}});
         return httplib::Server::HandlerResponse::Handled;
       }));
@@ -468,8 +552,8 @@ void ZVSandbox::Impl::installRoutes() {
       });
 }
 
-ZVSandbox::ZVSandbox(ZVSandboxOptions options)
-    : impl_(std::make_unique<Impl>(std::move(options))) {}
+ZVSandbox::ZVSandbox(ZVSandboxOptions options, ZVSandboxLimits limits)
+    : impl_(std::make_unique<Impl>(std::move(options), limits)) {}
 
 ZVSandbox::~ZVSandbox() {
   stop();
@@ -493,15 +577,21 @@ bool ZVSandbox::start(std::string& error) {
       impl.options.statePath.empty() ? defaultStatePath().string() : impl.options.statePath;
   std::error_code ec;
   if (!inMemory(impl.statePath)) {
-    if (const auto parent = fs::path(impl.statePath).parent_path(); !parent.empty()) {
-      fs::create_directories(parent, ec);
-      if (ec) return fail(fmt::format("could not create {}: {}", parent.string(), ec.message()));
+    // SQLite gives its journal and shared-memory files the mode of the
+    // database, so one owner-only file keeps them all private.
+    const fs::path state = impl.statePath;
+    if (!zvsandbox::createPrivateDirectories(state.parent_path(), error) ||
+        !zvsandbox::makePrivateFile(state, error) ||
+        !zvsandbox::narrowIfPresent(state.string() + "-wal", error) ||
+        !zvsandbox::narrowIfPresent(state.string() + "-shm", error)) {
+      return fail(error);
     }
   }
   impl.store =
       zvsandbox::Store::open(impl.statePath, impl.options.reset, impl.options.initialPoints, error);
   if (!impl.store) return fail(error);
 
+  SSL_CTX* tls = nullptr;
   if (impl.options.tls) {
     fs::path certDir = impl.options.certDir;
     if (certDir.empty() && !inMemory(impl.statePath)) {
@@ -515,17 +605,10 @@ bool ZVSandbox::start(std::string& error) {
     zvsandbox::CertificateFiles files;
     if (!zvsandbox::ensureCertificate(certDir, files, error)) return fail(error);
     impl.certificatePath = files.certificate.string();
-    auto tlsServer =
-        std::make_unique<httplib::SSLServer>(files.certificate.c_str(), files.privateKey.c_str());
-    if (!tlsServer->is_valid()) return fail("could not load the sandbox certificate");
-    impl.server = std::move(tlsServer);
-  } else {
-    impl.server = std::make_unique<httplib::Server>();
+    tls = zvsandbox::GuardedServer::makeTLSContext(files.certificate, files.privateKey, error);
+    if (!tls) return fail(error);
   }
-
-  impl.server->new_task_queue = [] { return new httplib::ThreadPool(kThreadCount); };
-  impl.server->set_keep_alive_max_count(kKeepAliveMaxCount);
-  impl.server->set_payload_max_length(kMaxBodyBytes);
+  impl.server = std::make_unique<zvsandbox::GuardedServer>(impl.limits, tls);
   impl.installRoutes();
 
   if (impl.options.port == 0) {
@@ -542,13 +625,6 @@ bool ZVSandbox::start(std::string& error) {
 
   auto ended = std::make_shared<std::atomic<bool>>(false);
   impl.listener = std::thread([server = impl.server.get(), ended] {
-    // A client that goes away mid-answer must not kill the process: the
-    // workers, started from here, inherit this mask, and writes to a closed
-    // socket then fail with EPIPE.
-    sigset_t pipe;
-    sigemptyset(&pipe);
-    sigaddset(&pipe, SIGPIPE);
-    pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
     server->listen_after_bind();
     ended->store(true);
   });
@@ -563,6 +639,7 @@ void ZVSandbox::stop() {
   Impl& impl = *impl_;
   if (impl.server) impl.server->stop();
   if (impl.listener.joinable()) impl.listener.join();
+  if (impl.server) impl.server->shutdown();
   impl.server.reset();
   impl.store.reset();
   impl.port = 0;
@@ -596,4 +673,8 @@ std::string ZVSandbox::statePath() const {
 
 const ZVSandboxOptions& ZVSandbox::options() const {
   return impl_->options;
+}
+
+const ZVSandboxLimits& ZVSandbox::limits() const {
+  return impl_->limits;
 }

@@ -9,6 +9,7 @@
 #include <CLI/CLI.hpp>
 
 #include "ZVSandbox.h"
+#include "ZVSandboxFlags.h"
 
 int main(int argc, char** argv) {
   ZVSandboxOptions options;
@@ -30,18 +31,7 @@ int main(int argc, char** argv) {
   app.add_option("--points", options.initialPoints, "Starting balance of a new state")
       ->check(CLI::NonNegativeNumber)
       ->capture_default_str();
-  app.add_option("--latency-ms", options.faults.latencyMs, "Delay before every answer")
-      ->check(CLI::NonNegativeNumber);
-  app.add_option("--fail-share", options.faults.http500Share, "Share of answers that are HTTP 500")
-      ->check(CLI::Range(0.0, 1.0));
-  app.add_option("--malformed-share", options.faults.malformedShare,
-                 "Share of answers with a truncated body")
-      ->check(CLI::Range(0.0, 1.0));
-  app.add_option("--drop-share", options.faults.dropShare,
-                 "Share of requests whose connection is dropped")
-      ->check(CLI::Range(0.0, 1.0));
-  app.add_option("--seed", options.faults.seed, "Seed of the fault generator")
-      ->capture_default_str();
+  addSandboxFaultOptions(app, options.faults);
   CLI11_PARSE(app, argc, argv);
 
   // Block the stop signals before any thread starts, so that every thread

@@ -2,6 +2,7 @@
 
 #include <fmt/core.h>
 #include <pthread.h>
+#include <cctype>
 #include <csignal>
 #include <vector>
 
@@ -11,6 +12,7 @@
 
 #include "ZVCliArithmetic.h"
 #include "ZVCliFormat.h"
+#include "ZVCliOutput.h"
 
 namespace zvcli {
 namespace {
@@ -32,11 +34,17 @@ std::string balanceText(int64_t available, int64_t test) {
   return fmt::format("{} points available, {} test points", available, test);
 }
 
+// Prints text of ours, with the service's parts already passed through `shown`.
+template <class... Args>
+void say(fmt::format_string<Args...> format, Args&&... args) {
+  writeText(stdout, fmt::format(format, std::forward<Args>(args)...));
+}
+
 std::string describeOrder(const ZVOrder& order) {
-  std::string out = fmt::format("Order {} placed: {}\n", order.orderID().value_or("(no id)"),
+  std::string out = fmt::format("Order {} placed: {}\n", shown(order.orderID().value_or("(no id)")),
                                 order.stringForCurrentStatus());
-  const std::string name = fieldText(order.name());
-  out += fmt::format("  Offer:     {}{}\n", order.offerID().value_or(""),
+  const std::string name = shown(fieldText(order.name()));
+  out += fmt::format("  Offer:     {}{}\n", shown(order.offerID().value_or("")),
                      name.empty() ? "" : fmt::format(" ({})", name));
   out += fmt::format("  Quantity:  {}\n", order.quantity());
   out += fmt::format("  Points:    {}\n", order.points());
@@ -60,7 +68,7 @@ class Narrator {
   explicit Narrator(bool quiet) : quiet_(quiet) {}
   template <class... Args>
   void say(fmt::format_string<Args...> format, Args&&... args) const {
-    if (!quiet_) fmt::print(format, std::forward<Args>(args)...);
+    if (!quiet_) writeText(stdout, fmt::format(format, std::forward<Args>(args)...));
   }
 
  private:
@@ -107,13 +115,15 @@ std::shared_ptr<ZVOffer> pickDemoOffer(const ZVOfferArray& offers) {
   throw CliError(
       fmt::format("balance too low: the cheapest offer that needs the skill-testing question, "
                   "{}, costs {} points; run the demo without --keep-state to start afresh",
-                  *cheapestSkillOffer->offerID(), cheapestSkillOffer->points()),
+                  shown(*cheapestSkillOffer->offerID()), cheapestSkillOffer->points()),
       kExitFailure);
 }
 
+// Asks on standard error, so that standard output keeps only the results.
 std::optional<std::string> promptLine(std::FILE* input, const std::string& prompt) {
-  fmt::print("{}", prompt);
   std::fflush(stdout);
+  writeText(stderr, prompt);
+  std::fflush(stderr);
   std::string line;
   for (int c; (c = std::fgetc(input)) != EOF && c != '\n';) line += static_cast<char>(c);
   if (line.empty() && std::feof(input)) return std::nullopt;
@@ -157,9 +167,9 @@ int runOffers(const GlobalOptions& global, const OffersArgs& args) {
   if (global.json) {
     emitJSON(offersJSON(*offers));
   } else if (offers->empty()) {
-    fmt::print("No offers.\n");
+    say("No offers.\n");
   } else {
-    fmt::print("{}", offersTable(*offers));
+    say("{}", offersTable(*offers));
   }
   return kExitSuccess;
 }
@@ -171,9 +181,9 @@ int runOrders(const GlobalOptions& global) {
   if (global.json) {
     emitJSON(ordersJSON(*orders));
   } else if (orders->empty()) {
-    fmt::print("No orders yet.\n");
+    say("No orders yet.\n");
   } else {
-    fmt::print("{}", ordersTable(*orders));
+    say("{}", ordersTable(*orders));
   }
   return kExitSuccess;
 }
@@ -193,7 +203,7 @@ int runOrder(const GlobalOptions& global, const OrderArgs& args) {
   if (global.json) {
     emitJSON(orderJSON(*order));
   } else {
-    fmt::print("{}", describeOrder(*order));
+    say("{}", describeOrder(*order));
   }
   return kExitSuccess;
 }
@@ -205,10 +215,10 @@ int runQuestion(const GlobalOptions& global) {
   if (global.json) {
     emitJSON(questionJSON(*question));
   } else {
-    fmt::print("Question {}: {}\n", question->questionID().value_or("(no id)"),
-               questionText(*question));
-    fmt::print("Answer it with: zvrewards answer OFFER_ID {} ANSWER\n",
-               question->questionID().value_or("QUESTION_ID"));
+    say("Question {}: {}\n", shown(question->questionID().value_or("(no id)")),
+        shown(questionText(*question)));
+    say("Answer it with: zvrewards answer OFFER_ID {} ANSWER\n",
+        shown(question->questionID().value_or("QUESTION_ID")));
   }
   return kExitSuccess;
 }
@@ -222,14 +232,15 @@ int runAnswer(const GlobalOptions& global, const AnswerArgs& args) {
   if (global.json) {
     emitJSON(challengeJSON(*challenge));
   } else {
-    fmt::print("Challenge {}: {}\n", id, status);
+    say("Challenge {}: {}\n", shown(id), shown(status));
     if (status == kPassed)
-      fmt::print("Order with it: zvrewards order {} --challenge {}\n", args.offerID, id);
+      say("Order with it: zvrewards order {} --challenge {}\n", shown(args.offerID), shown(id));
   }
   if (status != kPassed)
-    throw CliError(fmt::format("wrong answer to question {} (challenge {}: {})", args.questionID,
-                               id, status.empty() ? "not passed" : status),
-                   kExitFailure);
+    throw CliError(
+        fmt::format("wrong answer to question {} (challenge {}: {})", shown(args.questionID),
+                    shown(id), status.empty() ? "not passed" : shown(status)),
+        kExitFailure);
   return kExitSuccess;
 }
 
@@ -247,6 +258,7 @@ int runSandbox(const GlobalOptions& global, const SandboxArgs& args) {
   ZVSandboxOptions options;
   options.port = args.port;
   options.tls = args.tls;
+  options.faults = args.faults;
   options.statePath = global.statePath;
   options.reset = global.reset;
   if (!global.appID.empty()) options.appID = global.appID;
@@ -266,32 +278,41 @@ int runSandbox(const GlobalOptions& global, const SandboxArgs& args) {
     if (!running.statePath.empty()) info->setObject("state", running.statePath);
     printJSON(info);
   } else {
-    fmt::print("Sandbox rewards service running; stop it with Ctrl-C.\n");
-    fmt::print("  Service host:  {}\n", sandbox.serviceHost());
-    fmt::print("  App id:        {}\n", running.appID);
-    fmt::print("  Access token:  {}\n", running.accessToken);
-    if (options.tls) fmt::print("  Certificate:   {}\n", sandbox.certificatePath());
-    if (!running.statePath.empty()) fmt::print("  State:         {}\n", running.statePath);
-    fmt::print("Try: zvrewards --service {} --app {} --token {}{} offers\n", sandbox.serviceHost(),
-               running.appID, running.accessToken,
-               options.tls ? fmt::format(" --ca-file {}", sandbox.certificatePath())
-                           : std::string(" --insecure-http"));
+    say("Sandbox rewards service running; stop it with Ctrl-C.\n");
+    say("  Service host:  {}\n", sandbox.serviceHost());
+    say("  App id:        {}\n", running.appID);
+    say("  Access token:  {}\n", running.accessToken);
+    if (options.tls) say("  Certificate:   {}\n", sandbox.certificatePath());
+    if (!running.statePath.empty()) say("  State:         {}\n", running.statePath);
+    say("Try: zvrewards --service {} --app {} --token {}{} offers\n", sandbox.serviceHost(),
+        running.appID, running.accessToken,
+        options.tls ? fmt::format(" --ca-file {}", sandbox.certificatePath())
+                    : std::string(" --insecure-http"));
   }
   std::fflush(stdout);
 
   int received = 0;
   sigwait(&signals, &received);
-  fmt::print(stderr, "zvrewards: stopping the sandbox ({})\n",
-             received == SIGINT ? "SIGINT" : "SIGTERM");
+  writeText(stderr, fmt::format("zvrewards: stopping the sandbox ({})\n",
+                                received == SIGINT ? "SIGINT" : "SIGTERM"));
   sandbox.stop();
   return kExitSuccess;
 }
 
 int runDemo(const GlobalOptions& global, const DemoArgs& args, std::FILE* input, bool interactive) {
+  // A real service takes real points: the user answers the question and
+  // confirms the order; without a terminal, only flags can say so.
+  const bool realService = !global.service.empty();
+  if (realService && !interactive && (!args.answer || !args.yes)) {
+    throw CliError(fmt::format("demo places a real order at {}: without a terminal to ask at, give "
+                               "the answer with --answer and confirm the order with --yes",
+                               global.service),
+                   kExitUsage);
+  }
   const Narrator narrator(global.json);
   Client client(global);
   client.connect(/*freshState=*/!args.keepState);
-  if (!client.usesSandbox()) {
+  if (realService) {
     narrator.say("Using the rewards service at {}.\n", global.service);
   } else if (args.keepState) {
     narrator.say("Using a sandbox inside this process, with its saved state.\n");
@@ -307,27 +328,37 @@ int runDemo(const GlobalOptions& global, const DemoArgs& args, std::FILE* input,
   const auto offer = pickDemoOffer(*offers);
   const std::string offerID = *offer->offerID();
   const std::string offerName = fieldText(offer->name());
-  narrator.say("\nChosen: {} ({}, {} points), which needs the skill-testing question.\n", offerName,
-               offerID, offer->points());
+  narrator.say("\nChosen: {} ({}, {} points), which needs the skill-testing question.\n",
+               shown(offerName), shown(offerID), offer->points());
 
   narrator.say("\n2. The skill-testing question\n");
   const auto question = client.fetchSkillQuestion();
   const std::string questionID = question->questionID().value_or("");
-  narrator.say("Question {}: {}\n", questionID, questionText(*question));
+  narrator.say("Question {}: {}\n", shown(questionID), shown(questionText(*question)));
 
   narrator.say("\n3. The answer\n");
   std::optional<std::string> answer = args.answer;
   if (answer) {
-    narrator.say("Answering {} (from --answer).\n", *answer);
-  } else if (interactive && !global.json) {
-    answer = promptLine(input, "Your answer: ");
-    if (!answer) narrator.say("\n");  // the prompt line met end of input
+    narrator.say("Answering {} (from --answer).\n", shown(*answer));
+  } else if (interactive && (realService || !global.json)) {
+    // In JSON mode the narration is off: the prompt shows the question.
+    answer = promptLine(input, global.json ? fmt::format("Question: {}\nYour answer: ",
+                                                         shown(questionText(*question)))
+                                           : std::string("Your answer: "));
+    if (!answer) writeText(stderr, "\n");  // the prompt line met end of input
+    if (answer && answer->empty()) answer.reset();
+  }
+  if (!answer && realService) {
+    throw CliError(
+        "no answer given; the demo answers the question by itself only for the "
+        "built-in sandbox",
+        kExitUsage);
   }
   if (!answer) {
     const auto value = evaluateArithmetic(questionText(*question));
     if (!value)
       throw CliError(fmt::format("cannot work out the answer to \"{}\"; give it with --answer",
-                                 questionText(*question)),
+                                 shown(questionText(*question))),
                      kExitFailure);
     answer = answerText(*value);
     narrator.say("{}: answering {}, worked out from the question.\n",
@@ -336,11 +367,21 @@ int runDemo(const GlobalOptions& global, const DemoArgs& args, std::FILE* input,
   const auto challenge = client.answerSkillQuestion(offerID, questionID, *answer);
   const std::string status = challengeStatus(*challenge);
   const std::string challengeID = challenge->challengeID().value_or("");
-  narrator.say("Challenge {}: {}\n", challengeID, status);
+  narrator.say("Challenge {}: {}\n", shown(challengeID), shown(status));
   if (status != kPassed)
-    throw CliError(fmt::format("wrong answer to question {} (challenge {}: {})", questionID,
-                               challengeID, status.empty() ? "not passed" : status),
+    throw CliError(fmt::format("wrong answer to question {} (challenge {}: {})", shown(questionID),
+                               shown(challengeID), status.empty() ? "not passed" : shown(status)),
                    kExitFailure);
+
+  if (realService && !args.yes) {
+    const auto reply = promptLine(
+        input, fmt::format("Place a real order of {} ({}) for {} points at {}? [y/N] ",
+                           shown(offerName), shown(offerID), offer->points(), global.service));
+    std::string word = reply.value_or("");
+    for (char& c : word) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    if (word != "y" && word != "yes")
+      throw CliError("the order was not placed: not confirmed", kExitFailure);
+  }
 
   narrator.say("\n4. The order\n");
   auto request = ZVOrderRequest::initWithOfferID(offerID, ZVJSONValue(1));

@@ -36,10 +36,16 @@ struct AnswerArgs {
 struct SandboxArgs {
   int port = 0;
   bool tls = false;
+  ZVSandboxFaults faults;
 };
 
 struct DemoArgs {
+  /// The answer to the question; without it, a terminal is asked, or, with
+  /// the built-in sandbox only, the answer is worked out.
   std::optional<std::string> answer;
+  /// Order without asking; needed by a service other than the built-in
+  /// sandbox when there is no terminal.
+  bool yes = false;
   /// Keep the sandbox's saved state; by default the demo starts it afresh so
   /// that it can always afford an offer.
   bool keepState = false;
@@ -52,7 +58,9 @@ int runQuestion(const GlobalOptions& global);
 int runAnswer(const GlobalOptions& global, const AnswerArgs& args);
 /// Serves until SIGINT or SIGTERM.
 int runSandbox(const GlobalOptions& global, const SandboxArgs& args);
-/// `input` is read for the answer when `interactive`.
+/// `input` is read for the answer and the order's confirmation when
+/// `interactive`. Against a service other than the built-in sandbox it never
+/// answers the question itself, and it orders only once confirmed.
 int runDemo(const GlobalOptions& global, const DemoArgs& args, std::FILE* input, bool interactive);
 
 /// "Name, Street, City, Region, Postal code, Country" as an address. Throws

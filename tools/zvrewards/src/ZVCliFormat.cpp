@@ -5,6 +5,8 @@
 
 #include <ZorvaneCoreKit/ZVAddress.h>
 
+#include "ZVCliOutput.h"
+
 namespace zvcli {
 namespace {
 
@@ -14,13 +16,11 @@ bool isContinuationByte(char c) {
   return (static_cast<unsigned char>(c) & 0xC0) == 0x80;
 }
 
-// A cell is one line: control characters from the service would break the layout.
+// A cell is one line of text from the service: shown escaped, so that it
+// neither breaks the layout nor drives the terminal, and masked before any
+// truncation could cut a secret in two.
 std::string cellText(std::string_view text) {
-  std::string out(text);
-  std::replace_if(
-      out.begin(), out.end(),
-      [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7F; }, ' ');
-  return out;
+  return shown(text);
 }
 
 std::string yesNo(bool value) {
@@ -251,8 +251,9 @@ ZVArrayPtr ordersJSON(const ZVOrderArray& orders) {
 
 bool printJSON(const ZVJSONValue& value, std::FILE* out) {
   std::string text;
-  if (!ZVJSONSerialize(value, true, text)) return false;
-  fmt::print(out, "{}\n", text);
+  if (!ZVJSONSerialize(outputRedactor().json(value), true, text)) return false;
+  text = terminalSafeJSON(text) + "\n";
+  std::fwrite(text.data(), 1, text.size(), out);
   return true;
 }
 

@@ -57,8 +57,9 @@ ZVDictionaryPtr challengeJSON(const ZVSkillChallenge& challenge);
 ZVArrayPtr offersJSON(const ZVOfferArray& offers);
 ZVArrayPtr ordersJSON(const ZVOrderArray& orders);
 
-/// Writes `value` pretty-printed, with a final line feed; false when it
-/// cannot be written as JSON (then nothing is written).
+/// Writes `value` pretty-printed, with a final line feed, the output secret
+/// masked and control characters escaped; false when it cannot be written
+/// as JSON (then nothing is written).
 bool printJSON(const ZVJSONValue& value, std::FILE* out = stdout);
 
 }  // namespace zvcli

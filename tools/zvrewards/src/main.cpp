@@ -3,18 +3,18 @@
 #include <unistd.h>
 #include <CLI/CLI.hpp>
 
+#include <ZVSandboxFlags.h>
 #include <ZorvaneCoreKit/ZVLogger.h>
 
 #include "ZVCliCommands.h"
+#include "ZVCliOutput.h"
 
 namespace {
 
-// The access token never reaches the terminal, whatever a message carries.
-std::string redact(std::string text, const std::string& secret) {
-  if (secret.empty()) return text;
-  for (size_t at; (at = text.find(secret)) != std::string::npos;)
-    text.replace(at, secret.size(), "***");
-  return text;
+// One line on standard error: the secret masked, nothing a terminal acts on.
+void printError(const std::string& message) {
+  std::fflush(stdout);
+  zvcli::writeText(stderr, "zvrewards: " + zvcli::shown(message) + "\n");
 }
 
 }  // namespace
@@ -88,6 +88,7 @@ int main(int argc, char** argv) {
   sandbox->add_option("--port", sandboxArgs.port, "Port (default: a free one)")
       ->check(CLI::Range(0, 65535));
   sandbox->add_flag("--tls", sandboxArgs.tls, "Serve HTTPS with a self-signed certificate");
+  addSandboxFaultOptions(*sandbox, sandboxArgs.faults);
 
   DemoArgs demoArgs;
   auto* demo = subcommand(
@@ -96,32 +97,40 @@ int main(int argc, char** argv) {
       "With the built-in sandbox it starts from a fresh state so that it can always afford "
       "an offer; --keep-state uses the saved state instead.");
   demo->add_option("--answer", demoArgs.answer,
-                   "Answer to give (default: asked at a terminal, else worked out)");
+                   "Answer to give (default: asked at a terminal, else, with the built-in "
+                   "sandbox only, worked out)");
+  demo->add_flag("--yes", demoArgs.yes,
+                 "Order without asking (a service other than the built-in sandbox asks)");
   demo->add_flag("--keep-state", demoArgs.keepState, "Do not reset the sandbox's state");
 
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
     if (e.get_exit_code() == 0) return app.exit(e);  // --help
-    fmt::print(stderr, "zvrewards: {} (see zvrewards --help)\n",
-               redact(e.what(), global.accessToken));
+    setOutputSecret(global.accessToken);
+    printError(fmt::format("{} (see zvrewards --help)", e.what()));
     return kExitUsage;
   }
+  // The sandbox command prints the token it serves, for its clients; every
+  // other command masks the token it sends.
+  if (!*sandbox) setOutputSecret(global.accessToken);
 
   if (verbosity > 0) {
     auto* logger = ZVLogger::instance();
     // Record descriptions separate their fields with carriage returns, which
-    // a terminal would print over each other.
+    // a terminal would print over each other: each field goes on a line of
+    // its own, with whatever the service put in it escaped.
     logger->setSink([](std::string_view line) {
+      const std::string masked = outputRedactor()(line);
       std::string text;
-      for (char c : line) {
-        if (c == '\r') {
-          text += "\n    ";
-        } else {
-          text += c;
-        }
+      for (size_t start = 0;;) {
+        const size_t end = masked.find('\r', start);
+        text += terminalSafe(std::string_view(masked).substr(start, end - start));
+        if (end == std::string::npos) break;
+        text += "\n    ";
+        start = end + 1;
       }
-      fmt::print(stderr, "{}\n", text);
+      writeText(stderr, text + "\n");
     });
     logger->setLogCategories(ZVLogCategoryRewards);
     logger->setLogLevel(std::min(verbosity, 2));
@@ -136,12 +145,10 @@ int main(int argc, char** argv) {
     if (*sandbox) return runSandbox(global, sandboxArgs);
     if (*demo) return runDemo(global, demoArgs, stdin, isatty(STDIN_FILENO) != 0);
   } catch (const CliError& e) {
-    std::fflush(stdout);
-    fmt::print(stderr, "zvrewards: {}\n", redact(e.what(), global.accessToken));
+    printError(e.what());
     return e.exitStatus();
   } catch (const std::exception& e) {
-    std::fflush(stdout);
-    fmt::print(stderr, "zvrewards: {}\n", redact(e.what(), global.accessToken));
+    printError(e.what());
     return kExitFailure;
   }
   return kExitUsage;
