@@ -87,6 +87,26 @@ std::vector<Fault> faults() {
   rows.push_back({"nesting a million levels deep",
                   answerWith(200, json, std::string(1'000'000, '[') + std::string(1'000'000, ']')),
                   ZVErrorTypeInvalidAnswer, ZVErrorAnswerNotJSON, "deeper than"});
+  rows.push_back(
+      {"302 to another host",
+       RawScript{.bytes = "HTTP/1.1 302 Found\r\nLocation: https://elsewhere.example/steal\r\n"
+                          "Content-Length: 2\r\n\r\n{}"},
+       ZVErrorTypeHTTP, ZVErrorHTTPUnexpectedStatus, "HTTP 302 from 127.0.0.1", 302});
+  rows.back().says = "redirect to https://elsewhere.example/steal, not followed";
+  rows.push_back({"101 with a JSON body",
+                  RawScript{.bytes = "HTTP/1.1 101 Switching Protocols\r\n\r\n{\"status\":\"ok\"}"},
+                  ZVErrorTypeHTTP, ZVErrorHTTPUnexpectedStatus, "informational status", 101});
+  // Header and trailer lines count against maxHeaderBytes (default 64 KiB).
+  std::string padding;
+  for (int i = 0; i < 10'000; ++i) padding += "X-Padding: 0123456789\r\n";
+  rows.push_back({"headers that never end",
+                  RawScript{.bytes = "HTTP/1.1 200 OK\r\n" + padding, .end = RawScript::End::Hold},
+                  ZVErrorTypeInvalidAnswer, ZVErrorAnswerTooLarge, "headers from 127.0.0.1"});
+  rows.push_back(
+      {"chunked trailers that never end",
+       RawScript{.bytes = head("Transfer-Encoding: chunked\r\n") + "2\r\n{}\r\n0\r\n" + padding,
+                 .end = RawScript::End::Hold},
+       ZVErrorTypeInvalidAnswer, ZVErrorAnswerTooLarge, "larger than the limit of 65536 bytes"});
   const std::string huge(2 * kBodyCap, ' ');
   rows.push_back({"body above the cap, announced", answerWith(200, json, huge),
                   ZVErrorTypeInvalidAnswer, ZVErrorAnswerTooLarge,
