@@ -100,7 +100,7 @@ struct ZVCurlTransportOptions {
 /// followed. A request with a body goes out on a fresh connection, through a
 /// reader that cannot rewind, so libcurl cannot resend it (when the
 /// connection dies or an HTTP/2 stream is refused after the body went out,
-/// the exchange fails instead). Completions run on the I/O thread. Destroying it fails the requests in flight with
-/// `ZVTransportFailure::Shutdown` and joins the thread.
+/// the exchange fails instead). Completions run on the I/O thread. Destroying it fails the requests
+/// in flight with `ZVTransportFailure::Shutdown` and joins the thread.
 ZV_CORE_EXPORT std::shared_ptr<ZVTransport> ZVMakeCurlTransport(
     ZVCurlTransportOptions options = {});
