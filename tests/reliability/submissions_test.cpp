@@ -118,7 +118,7 @@ class OrderService {
 };
 
 void configureFor(const OrderService& service, int attempts) {
-  configureService(service.host(), 10s);
+  configureService(service.host(), 60s);
   ZVConfiguration config = Zorvane::configuration();
   config.caFile = service.caFile();
   config.maxRequestsInFlight = 256;
@@ -405,7 +405,9 @@ TEST(RetryPolicyTest, AttemptsAndWaitsFitTheRequestTimeout) {
   Completion done;
   ZVRewardsManager::instance()->fetchOrdersWithCompletionHandler(done.handler());
   ASSERT_TRUE(done.wait());
-  EXPECT_LT(std::chrono::steady_clock::now() - start, 400ms + 150ms);
+  // Bounded by the deadline, not by the attempts allowed (minutes of waits);
+  // the slack leaves room for a sanitized build on a busy machine.
+  EXPECT_LT(std::chrono::steady_clock::now() - start, 400ms + 1s);
   ASSERT_TRUE(done.error);
   EXPECT_EQ(done.error->httpStatus(), 503);
   EXPECT_GT(done.error->attempts(), 1);
