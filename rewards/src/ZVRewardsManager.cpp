@@ -11,27 +11,11 @@ namespace {
 
 constexpr const char* kOffersURL = "https://:host/api/v1/apps/:appid/offers";
 constexpr const char* kOrdersURL = "https://:host/api/v1/apps/:appid/orders";
-constexpr const char* kPlaceOrderURL = "https://:host/api/v1/apps/:appid/offers/{}/orders";
+constexpr const char* kPlaceOrderURL = "https://:host/api/v1/apps/:appid/offers/%@/orders";
 constexpr const char* kSkillQuestionURL =
     "https://:host/api/v1/apps/:appid/challenges/skills_test_question";
 constexpr const char* kAnswerSkillQuestionURL =
-    "https://:host/api/v1/apps/:appid/offers/{}/challenges/skills_test_questions/{}";
-
-// A URL template with each "{}" replaced by the next value, in order.
-std::string fillTemplate(std::string_view pattern, std::initializer_list<std::string_view> values) {
-  std::string out;
-  auto value = values.begin();
-  for (size_t at = 0;;) {
-    const size_t next = pattern.find("{}", at);
-    if (next == std::string_view::npos || value == values.end()) {
-      out.append(pattern.substr(at));
-      return out;
-    }
-    out.append(pattern.substr(at, next - at));
-    out.append(*value++);
-    at = next + 2;
-  }
-}
+    "https://:host/api/v1/apps/:appid/offers/%@/challenges/skills_test_questions/%@";
 
 std::string textOrNull(const std::optional<std::string>& text) {
   return text ? *text : std::string("(null)");
@@ -176,7 +160,10 @@ void ZVRewardsManager::placeOrder(std::shared_ptr<ZVOrderRequest> order,
   // clang-format on
   auto builder =
       ZVGenericRequestBuilder::requestBuilderWithMethod(ZVRequestMethodSubmit, kKindPlaceOrder);
-  builder->setBaseURL(fillTemplate(kPlaceOrderURL, {textOrNull(order->offerID())}));
+  builder->setBaseURL(kPlaceOrderURL);
+  // The request layer puts each id in as one path segment.
+  builder->setPathValues({textOrNull(order->offerID())});
+  if (order->idempotencyKey()) builder->setIdempotencyKey(*order->idempotencyKey());
   auto body = ZVMutableDictionary::make();
   body->setObject("order", order->asDictionary());
   builder->setBody(std::move(body));
@@ -225,7 +212,8 @@ void ZVRewardsManager::answerSkillQuestionForOfferID(
   }
   auto builder = ZVGenericRequestBuilder::requestBuilderWithMethod(ZVRequestMethodSubmit,
                                                                    kKindAnswerSkillQuestion);
-  builder->setBaseURL(fillTemplate(kAnswerSkillQuestionURL, {*offerID, *questionID}));
+  builder->setBaseURL(kAnswerSkillQuestionURL);
+  builder->setPathValues({*offerID, *questionID});
   auto response = ZVMutableDictionary::make();
   response->setObject("response", std::move(answer));
   auto question = ZVMutableDictionary::make();

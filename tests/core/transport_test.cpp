@@ -225,36 +225,106 @@ TEST(ResolveURLTest, EncodesPathValuesAndRefusesBadConfigurations) {
     const char* host;
     bool allowHTTP;
     const char* appID;
-    std::string url;       // template
-    std::string expected;  // the URL, or the error
+    std::string url;                  // template
+    std::vector<std::string> values;  // its "%@" segments
+    std::string expected;             // the URL, or the error
   };
   const Case cases[] = {
-      {"rewards.example.com", false, "a/b?", "https://:host/api/v1/apps/:appid/offers",
+      {"rewards.example.com",
+       false,
+       "a/b?",
+       "https://:host/api/v1/apps/:appid/offers",
+       {},
        "https://rewards.example.com/api/v1/apps/a%2Fb%3F/offers"},
-      {"https://r.example.com:8443/", false, "a", "https://:host/o/a b%20c?d#e",
+      {"https://r.example.com:8443/",
+       false,
+       "a",
+       "https://:host/o/%@",
+       {"a b%20c?d#e"},
        "https://r.example.com:8443/o/a%20b%2520c%3Fd%23e"},
-      {"r.example.com", false, "a", "https://:host/o/\xC3\xA9\t:@!$&'()*+,;=~",
-       "https://r.example.com/o/%C3%A9%09:@!$&'()*+,;=~"},
-      {"r.example.com", false, "a", "https://:host/o/../x/./y/...",
-       "https://r.example.com/o/%2E%2E/x/%2E/y/..."},
-      {"r.example.com", false, "a", "https://:host/apps/:appid/offers/:appid",
+      {"r.example.com",
+       false,
+       "a",
+       "https://:host/o/%@/x",
+       {"\xC3\xA9\t\n:@!$&'()*+,;=~"},
+       "https://r.example.com/o/%C3%A9%09%0A:@!$&'()*+,;=~/x"},
+      // An id is one segment: it cannot reach another endpoint.
+      {"r.example.com",
+       false,
+       "a",
+       "https://:host/offers/%@/orders",
+       {"5/challenges/skills_test_questions"},
+       "https://r.example.com/offers/5%2Fchallenges%2Fskills_test_questions/orders"},
+      {"r.example.com",
+       false,
+       "a",
+       "https://:host/o/%@/%@",
+       {"", "..."},
+       "https://r.example.com/o//..."},
+      // Dot segments are folded away even when encoded: refused, not sent.
+      {"r.example.com",
+       false,
+       "a",
+       "https://:host/o/%@/orders",
+       {".."},
+       "the path value \"..\" is a dot segment and cannot be sent as an id"},
+      {"r.example.com",
+       false,
+       "a",
+       "https://:host/o/%@/orders",
+       {"."},
+       "the path value \".\" is a dot segment and cannot be sent as an id"},
+      {"r.example.com",
+       false,
+       "a",
+       "https://:host/o/%@/%@",
+       {"1"},
+       "the request URL has more \"%@\" segments than path values"},
+      {"r.example.com",
+       false,
+       "a",
+       "https://:host/o",
+       {"1"},
+       "the request has more path values than \"%@\" segments"},
+      {"r.example.com",
+       false,
+       "a",
+       "https://:host/apps/:appid/offers/%@",
+       {":appid"},
        "https://r.example.com/apps/a/offers/:appid"},
-      {"HTTP://127.0.0.1:8080", true, "a", "https://:host/x", "http://127.0.0.1:8080/x"},
-      {"", false, "a", "https://:host/x", "no service host configured"},
-      {"http://127.0.0.1:8080", false, "a", "https://:host/x",
+      {"HTTP://127.0.0.1:8080", true, "a", "https://:host/x", {}, "http://127.0.0.1:8080/x"},
+      {"", false, "a", "https://:host/x", {}, "no service host configured"},
+      {"http://127.0.0.1:8080",
+       false,
+       "a",
+       "https://:host/x",
+       {},
        "plain http to 127.0.0.1:8080 is refused: set allowInsecureHTTP to allow it"},
-      {"evil.com/x?", false, "a", "https://:host/x",
+      {"evil.com/x?",
+       false,
+       "a",
+       "https://:host/x",
+       {},
        "service host \"evil.com/x%3F\" is not a host name with an optional port"},
-      {"r.example.com", false, "a", "https://:hostevil.com/x",
+      {"r.example.com",
+       false,
+       "a",
+       "https://:hostevil.com/x",
+       {},
        "request URL of kKindTest does not start with \"https://:host/\""},
-      {"r.example.com", false, "a", "https://other.example.com/x",
+      {"r.example.com",
+       false,
+       "a",
+       "https://other.example.com/x",
+       {},
        "request URL of kKindTest does not start with \"https://:host/\""},
-      {"r.example.com", false, "", "https://:host/apps/:appid/x", "no app id configured"},
-      // An app id of dots must not fold the path into another endpoint.
-      {"r.example.com", false, "..", "https://:host/apps/:appid/x",
-       "https://r.example.com/apps/%2E%2E/x"},
-      {"r.example.com", false, ".", "https://:host/apps/:appid/x",
-       "https://r.example.com/apps/%2E/x"},
+      {"r.example.com", false, "", "https://:host/apps/:appid/x", {}, "no app id configured"},
+      {"r.example.com",
+       false,
+       "..",
+       "https://:host/apps/:appid/x",
+       {},
+       "app id \"..\" is a dot segment and cannot be sent"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.url);
@@ -263,8 +333,11 @@ TEST(ResolveURLTest, EncodesPathValuesAndRefusesBadConfigurations) {
     config.allowInsecureHTTP = c.allowHTTP;
     config.appID = c.appID;
     Zorvane::configure(config);
+    auto builder = ZVGenericRequestBuilder::requestBuilderWithMethod(0, "kKindTest");
+    builder->setBaseURL(c.url);
+    builder->setPathValues(c.values);
     std::string error;
-    const std::string url = ZVGenericRequestManager::resolveURL(*makeRequest(0, c.url), error);
+    const std::string url = ZVGenericRequestManager::resolveURL(*builder->build(), error);
     EXPECT_EQ(error.empty() ? url : error, c.expected);
   }
   Zorvane::configure(saved);

@@ -17,6 +17,8 @@ namespace {
 
 constexpr size_t kBodyCap = 4u << 20;  // the configured cap of the table
 constexpr auto kTimeout = 1500ms;
+// Rows that move megabytes get room for a slow (sanitized, busy) machine.
+constexpr auto kBulkTimeout = 20s;
 
 struct Fault {
   std::string name;
@@ -25,6 +27,7 @@ struct Fault {
   const char* code;
   std::string says;  // what the message must name
   int httpStatus = 0;
+  std::chrono::milliseconds timeout = kTimeout;
 };
 
 void PrintTo(const Fault& fault, std::ostream* out) {
@@ -87,14 +90,34 @@ std::vector<Fault> faults() {
   rows.push_back({"nesting a million levels deep",
                   answerWith(200, json, std::string(1'000'000, '[') + std::string(1'000'000, ']')),
                   ZVErrorTypeInvalidAnswer, ZVErrorAnswerNotJSON, "deeper than"});
+  rows.push_back(
+      {"302 to another host",
+       RawScript{.bytes = "HTTP/1.1 302 Found\r\nLocation: https://elsewhere.example/steal\r\n"
+                          "Content-Length: 2\r\n\r\n{}"},
+       ZVErrorTypeHTTP, ZVErrorHTTPUnexpectedStatus, "HTTP 302 from 127.0.0.1", 302});
+  rows.back().says = "redirect to https://elsewhere.example/steal, not followed";
+  rows.push_back({"101 with a JSON body",
+                  RawScript{.bytes = "HTTP/1.1 101 Switching Protocols\r\n\r\n{\"status\":\"ok\"}"},
+                  ZVErrorTypeHTTP, ZVErrorHTTPUnexpectedStatus, "informational status", 101});
+  // Header and trailer lines count against maxHeaderBytes (default 64 KiB).
+  std::string padding;
+  for (int i = 0; i < 10'000; ++i) padding += "X-Padding: 0123456789\r\n";
+  rows.push_back({"headers that never end",
+                  RawScript{.bytes = "HTTP/1.1 200 OK\r\n" + padding, .end = RawScript::End::Hold},
+                  ZVErrorTypeInvalidAnswer, ZVErrorAnswerTooLarge, "headers from 127.0.0.1"});
+  rows.push_back(
+      {"chunked trailers that never end",
+       RawScript{.bytes = head("Transfer-Encoding: chunked\r\n") + "2\r\n{}\r\n0\r\n" + padding,
+                 .end = RawScript::End::Hold},
+       ZVErrorTypeInvalidAnswer, ZVErrorAnswerTooLarge, "larger than the limit of 65536 bytes"});
   const std::string huge(2 * kBodyCap, ' ');
   rows.push_back({"body above the cap, announced", answerWith(200, json, huge),
                   ZVErrorTypeInvalidAnswer, ZVErrorAnswerTooLarge,
-                  fmt::format("larger than the limit of {} bytes", kBodyCap)});
+                  fmt::format("larger than the limit of {} bytes", kBodyCap), 0, kBulkTimeout});
   rows.push_back({"body above the cap, until the connection closes",
                   RawScript{.bytes = head("Connection: close\r\n") + huge},
                   ZVErrorTypeInvalidAnswer, ZVErrorAnswerTooLarge,
-                  fmt::format("larger than the limit of {} bytes", kBodyCap)});
+                  fmt::format("larger than the limit of {} bytes", kBodyCap), 0, kBulkTimeout});
   return rows;
 }
 
@@ -116,7 +139,7 @@ TEST_P(FaultTableTest, EveryOperationFailsOnceWithAClearErrorAndTheStateItsContr
   } else {
     host = fmt::format("http://127.0.0.1:{}", ZVRawServer::closedPort());
   }
-  configureService(host, kTimeout);
+  configureService(host, fault.timeout);
   ZVConfiguration configuration = Zorvane::configuration();
   configuration.maxResponseBytes = kBodyCap;
   Zorvane::configure(configuration);

@@ -100,8 +100,12 @@ TEST(SecurityTest, HostileIdsStayInTheirSlotOfTheirEndpoint) {
   server.setHandler([](const LoopbackRequest&) { return reply(200, R"({"status":"ok"})"); });
   configureService(server.baseURL());
   const std::string ids[] = {"a/b",
+                             "5/challenges/skills_test_questions",
                              "a b",
                              "..",
+                             ".",
+                             "...",
+                             "",
                              "../../orders",
                              "./.",
                              "%2e%2e%2f",
@@ -132,12 +136,15 @@ TEST(SecurityTest, HostileIdsStayInTheirSlotOfTheirEndpoint) {
         manager->answerSkillQuestionForOfferID(id, id, ZVJSONValue("x"), completion[0]->handler());
       ASSERT_TRUE(waitForAll(completion));
       if (!completion[0]->result) {
-        // Refused before anything was sent: an order body cannot carry text that is not UTF-8.
+        // Refused before anything was sent: a dot segment cannot be an id, and
+        // an order body cannot carry text that is not UTF-8.
         ASSERT_TRUE(completion[0]->error);
         EXPECT_EQ(completion[0]->error->type(), ZVErrorTypeValidation);
+        EXPECT_EQ(completion[0]->error->code() == ZVErrorInvalidPathValue, id == "." || id == "..");
         EXPECT_EQ(server.requestCount(), before);
         continue;
       }
+      EXPECT_NE(id, "..");
       // Exactly one request, nothing smuggled in after it.
       ASSERT_EQ(server.requestCount(), before + 1);
       const LoopbackRequest request = server.requests().back();
@@ -154,6 +161,8 @@ TEST(SecurityTest, HostileIdsStayInTheirSlotOfTheirEndpoint) {
       const std::string rest = request.path.substr(root.size());
       const size_t at = rest.rfind(tail);
       ASSERT_NE(at, std::string::npos) << request.path;
+      // Each id is exactly one segment.
+      EXPECT_EQ(std::ranges::count(rest, '/'), order ? 1 : 3) << request.path;
       // (Decoded as a server would.)
       EXPECT_EQ(httplib::detail::decode_url(rest.substr(0, at), false), id);
       EXPECT_EQ(httplib::detail::decode_url(rest.substr(at + tail.size()), false), order ? "" : id);

@@ -76,6 +76,8 @@ nghttp2_nv header(std::string_view name, std::string_view value) {
 // One connection's HTTP/2 session; lives on that connection's thread.
 struct HTTP2Session {
   struct Stream {
+    HTTP2Request request;
+    std::string status = "200";
     std::string body;
     std::string length;
     size_t sent = 0;
@@ -96,9 +98,25 @@ struct HTTP2Session {
     if (!requestEnds) return 0;
     const int32_t id = frame->hd.stream_id;
     Stream& stream = self.streams[id];
-    stream.body = self.server.bodySnapshot();
+    if (self.server.handler_) {
+      const HTTP2Reply reply = self.server.handler_(stream.request);
+      switch (reply.fault) {
+        case HTTP2Reply::Fault::RefuseStream:
+          return nghttp2_submit_rst_stream(session, NGHTTP2_FLAG_NONE, id, NGHTTP2_REFUSED_STREAM);
+        case HTTP2Reply::Fault::ResetStream:
+          return nghttp2_submit_rst_stream(session, NGHTTP2_FLAG_NONE, id, NGHTTP2_INTERNAL_ERROR);
+        case HTTP2Reply::Fault::DropConnection:
+          return NGHTTP2_ERR_CALLBACK_FAILURE;  // the connection ends without a word
+        case HTTP2Reply::Fault::None:
+          break;
+      }
+      stream.status = std::to_string(reply.status);
+      stream.body = reply.body;
+    } else {
+      stream.body = self.server.bodySnapshot();
+    }
     stream.length = std::to_string(stream.body.size());
-    const nghttp2_nv headers[] = {header(":status", "200"),
+    const nghttp2_nv headers[] = {header(":status", stream.status),
                                   header("content-type", "application/json"),
                                   header("content-length", stream.length)};
     nghttp2_data_provider provider{};
@@ -120,13 +138,48 @@ struct HTTP2Session {
     return static_cast<ssize_t>(n);
   }
 
+  static int onHeader(nghttp2_session*, const nghttp2_frame* frame, const uint8_t* name,
+                      size_t nameLength, const uint8_t* value, size_t valueLength, uint8_t,
+                      void* user) {
+    HTTP2Request& request = static_cast<HTTP2Session*>(user)->streams[frame->hd.stream_id].request;
+    const std::string key(reinterpret_cast<const char*>(name), nameLength);
+    std::string text(reinterpret_cast<const char*>(value), valueLength);
+    if (key == ":method")
+      request.method = std::move(text);
+    else if (key == ":path")
+      request.path = std::move(text);
+    else if (!key.starts_with(':'))
+      request.headers.emplace_back(key, std::move(text));
+    return 0;
+  }
+
+  static int onData(nghttp2_session*, uint8_t, int32_t id, const uint8_t* data, size_t length,
+                    void* user) {
+    static_cast<HTTP2Session*>(user)->streams[id].request.body.append(
+        reinterpret_cast<const char*>(data), length);
+    return 0;
+  }
+
   static int onClose(nghttp2_session*, int32_t id, uint32_t, void* user) {
     static_cast<HTTP2Session*>(user)->streams.erase(id);
     return 0;
   }
 };
 
-ZVHTTP2Server::ZVHTTP2Server(std::string body) : body_(std::move(body)) {
+std::string HTTP2Request::header(const std::string& name) const {
+  for (const auto& [key, value] : headers)
+    if (key == name) return value;
+  return "";
+}
+
+ZVHTTP2Server::ZVHTTP2Server(std::string body) : ZVHTTP2Server(std::move(body), nullptr) {}
+
+ZVHTTP2Server::ZVHTTP2Server(std::function<HTTP2Reply(const HTTP2Request&)> handler)
+    : ZVHTTP2Server("{}", std::move(handler)) {}
+
+ZVHTTP2Server::ZVHTTP2Server(std::string body,
+                             std::function<HTTP2Reply(const HTTP2Request&)> handler)
+    : body_(std::move(body)), handler_(std::move(handler)) {
   // The sandbox's certificate (localhost and 127.0.0.1), in a folder of our own.
   std::string pattern = (std::filesystem::temp_directory_path() / "zv-h2-XXXXXX").string();
   if (::mkdtemp(pattern.data()) == nullptr)
@@ -260,6 +313,9 @@ void ZVHTTP2Server::serve(int socket, size_t id) {
   if (callbacks) {
     nghttp2_session_callbacks_set_on_frame_recv_callback(callbacks.get(), HTTP2Session::onFrame);
     nghttp2_session_callbacks_set_on_stream_close_callback(callbacks.get(), HTTP2Session::onClose);
+    nghttp2_session_callbacks_set_on_header_callback(callbacks.get(), HTTP2Session::onHeader);
+    nghttp2_session_callbacks_set_on_data_chunk_recv_callback(callbacks.get(),
+                                                              HTTP2Session::onData);
     nghttp2_session* made = nullptr;
     if (nghttp2_session_server_new(&made, callbacks.get(), &state) == 0) session.reset(made);
   }

@@ -4,16 +4,41 @@
 
 #include <atomic>
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <set>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 struct ssl_ctx_st;
 
 namespace zvtest {
+
+/// A request as the HTTP/2 server received it.
+struct HTTP2Request {
+  std::string method;
+  std::string path;
+  std::vector<std::pair<std::string, std::string>> headers;  ///< names in lower case
+  std::string body;
+  /// The first header of that (lower-case) name, or "".
+  std::string header(const std::string& name) const;
+};
+
+/// What the HTTP/2 server does with one request.
+struct HTTP2Reply {
+  enum class Fault {
+    None,           ///< answers with `status` and `body`
+    RefuseStream,   ///< RST_STREAM REFUSED_STREAM: "not processed, safe to retry"
+    ResetStream,    ///< RST_STREAM INTERNAL_ERROR, after the request was read
+    DropConnection  ///< closes the connection without an answer
+  };
+  int status = 200;
+  std::string body = "{}";
+  Fault fault = Fault::None;
+};
 
 /// Answers every request with status 200, "content-type: application/json"
 /// and the body set with `setBody`, over HTTP/2 only (ALPN "h2"), from
@@ -31,6 +56,9 @@ namespace zvtest {
 class ZVHTTP2Server {
  public:
   explicit ZVHTTP2Server(std::string body = "{}");
+  /// Answers each request with what `handler` makes of it, called on the
+  /// connections' threads once the request's stream has ended.
+  explicit ZVHTTP2Server(std::function<HTTP2Reply(const HTTP2Request&)> handler);
   ~ZVHTTP2Server();
   ZVHTTP2Server(const ZVHTTP2Server&) = delete;
   ZVHTTP2Server& operator=(const ZVHTTP2Server&) = delete;
@@ -52,6 +80,7 @@ class ZVHTTP2Server {
   size_t takeServingConnections();
 
  private:
+  ZVHTTP2Server(std::string body, std::function<HTTP2Reply(const HTTP2Request&)> handler);
   void acceptLoop();
   void serve(int socket, size_t id);
   void forget(int socket);
@@ -71,7 +100,8 @@ class ZVHTTP2Server {
   std::thread acceptor_;
 
   std::mutex mutex_;
-  std::string body_;                  // guarded by mutex_
+  std::string body_;                                        // guarded by mutex_
+  std::function<HTTP2Reply(const HTTP2Request&)> handler_;  // set once, before serving
   std::set<int> open_;                // guarded by mutex_: sockets the workers still use
   std::set<size_t> serving_;          // guarded by mutex_
   std::vector<std::thread> workers_;  // guarded by mutex_

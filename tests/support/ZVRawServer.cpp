@@ -22,10 +22,10 @@ namespace {
 // How often blocked loops look at the stop flag.
 constexpr int kPollMs = 20;
 
-// Where the head ends and how long the body is, once the head is complete.
-bool requestComplete(const std::string& data) {
+// The length of the first request in `data` once it has all arrived, else 0.
+size_t requestLength(const std::string& data) {
   const size_t headEnd = data.find("\r\n\r\n");
-  if (headEnd == std::string::npos) return false;
+  if (headEnd == std::string::npos) return 0;
   size_t bodyLength = 0;
   size_t line = data.find("\r\n") + 2;
   while (line < headEnd) {
@@ -37,12 +37,18 @@ bool requestComplete(const std::string& data) {
       bodyLength = std::strtoul(std::string(header.substr(kLength.size())).c_str(), nullptr, 10);
     line = next + 2;
   }
-  return data.size() >= headEnd + 4 + bodyLength;
+  return data.size() >= headEnd + 4 + bodyLength ? headEnd + 4 + bodyLength : 0;
 }
 
 }  // namespace
 
 ZVRawServer::ZVRawServer(RawScript script) : script_(std::move(script)) {
+  listener_ = listenOnLoopback(port_, "raw server");
+  acceptor_ = std::thread([this] { acceptLoop(); });
+}
+
+ZVRawServer::ZVRawServer(std::function<RawScript(const std::string&)> scripter)
+    : scripter_(std::move(scripter)) {
   listener_ = listenOnLoopback(port_, "raw server");
   acceptor_ = std::thread([this] { acceptLoop(); });
 }
@@ -100,36 +106,46 @@ void ZVRawServer::acceptLoop() {
 void ZVRawServer::serve(int socket) {
   const int one = 1;
   ::setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
-  std::string request;
+  std::string received;
   char buffer[4096];
-  while (!requestComplete(request)) {
-    if (!waitReadable(socket)) break;
-    const ssize_t got = ::recv(socket, buffer, sizeof buffer, 0);
-    if (got <= 0) break;
-    request.append(buffer, static_cast<size_t>(got));
-  }
-
-  bool peerGone = !requestComplete(request);
-  const std::string& bytes = script_.bytes;
-  const size_t step = script_.byteInterval.count() > 0 ? 1 : bytes.size();
-  for (size_t at = 0; !peerGone && at < bytes.size() && !stopping_; at += step) {
-    const size_t length = std::min(step, bytes.size() - at);
-    if (::send(socket, bytes.data() + at, length, MSG_NOSIGNAL) != static_cast<ssize_t>(length))
+  RawScript::End end = RawScript::End::Next;
+  bool peerGone = false;
+  while (end == RawScript::End::Next && !peerGone && !stopping_) {
+    size_t length = 0;
+    while ((length = requestLength(received)) == 0) {
+      if (!waitReadable(socket)) break;
+      const ssize_t got = ::recv(socket, buffer, sizeof buffer, 0);
+      if (got <= 0) break;
+      received.append(buffer, static_cast<size_t>(got));
+    }
+    if (length == 0) {
       peerGone = true;
-    // Sleep in short steps so that a stop or a vanished client ends it promptly.
-    for (auto waited = std::chrono::milliseconds(0);
-         !peerGone && !stopping_ && waited < script_.byteInterval;
-         waited += std::chrono::milliseconds(kPollMs)) {
-      pollfd entry{socket, POLLIN, 0};
-      if (::poll(&entry, 1, kPollMs) > 0 && ::recv(socket, buffer, sizeof buffer, 0) <= 0)
+      break;
+    }
+    const RawScript script = scripter_ ? scripter_(received.substr(0, length)) : script_;
+    received.erase(0, length);
+    end = script.end;
+    const std::string& bytes = script.bytes;
+    const size_t step = script.byteInterval.count() > 0 ? 1 : bytes.size();
+    for (size_t at = 0; !peerGone && at < bytes.size() && !stopping_; at += step) {
+      const size_t chunk = std::min(step, bytes.size() - at);
+      if (::send(socket, bytes.data() + at, chunk, MSG_NOSIGNAL) != static_cast<ssize_t>(chunk))
         peerGone = true;
+      // Sleep in short steps so that a stop or a vanished client ends it promptly.
+      for (auto waited = std::chrono::milliseconds(0);
+           !peerGone && !stopping_ && waited < script.byteInterval;
+           waited += std::chrono::milliseconds(kPollMs)) {
+        pollfd entry{socket, POLLIN, 0};
+        if (::poll(&entry, 1, kPollMs) > 0 && ::recv(socket, buffer, sizeof buffer, 0) <= 0)
+          peerGone = true;
+      }
     }
   }
 
-  if (script_.end == RawScript::End::Reset) {
+  if (end == RawScript::End::Reset) {
     const linger abort{1, 0};
     ::setsockopt(socket, SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
-  } else if (script_.end == RawScript::End::Hold) {
+  } else if (end == RawScript::End::Hold) {
     while (!peerGone && waitReadable(socket))
       if (::recv(socket, buffer, sizeof buffer, 0) <= 0) peerGone = true;
   }

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstddef>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -21,6 +22,7 @@ struct RawScript {
     Close,  ///< an orderly close (FIN)
     Reset,  ///< an abortive close (RST)
     Hold,   ///< stays open until the client gives up or the server stops
+    Next,   ///< stays open for the next request (keep-alive)
   };
   std::string bytes;  ///< written as they stand
   /// Above zero: the bytes go out one at a time, this far apart.
@@ -36,6 +38,10 @@ struct RawScript {
 class ZVRawServer {
  public:
   explicit ZVRawServer(RawScript script);
+  /// Answers each request (head and body, as received) with the script that
+  /// `scripter` makes of it; a script ending in `Next` keeps the connection
+  /// for the next request. Called on the connections' threads.
+  explicit ZVRawServer(std::function<RawScript(const std::string& request)> scripter);
   ~ZVRawServer();
   ZVRawServer(const ZVRawServer&) = delete;
   ZVRawServer& operator=(const ZVRawServer&) = delete;
@@ -58,6 +64,7 @@ class ZVRawServer {
   bool waitReadable(int socket);
 
   const RawScript script_;
+  const std::function<RawScript(const std::string&)> scripter_;
   int listener_ = -1;
   int port_ = 0;
   std::atomic<bool> stopping_{false};

@@ -13,17 +13,20 @@
 /// Error types (the first argument of the initialisers).
 enum ZVErrorType : int64_t {
   /// The request never got an HTTP answer: DNS, connection refused or reset,
-  /// TLS failure, timeout. `code` says which.
+  /// TLS failure, timeout, or too many requests already under way. `code`
+  /// says which.
   ZVErrorTypeTransport = 1,
-  /// A required argument was missing; nothing was sent.
+  /// An argument was missing or cannot be sent (an id that is a dot
+  /// segment, an idempotency key that is not a header value); nothing was sent.
   ZVErrorTypeValidation = 2,
   /// The service answered, but its "status" was not "ok". `raw` is the body.
   ZVErrorTypeService = 3,
-  /// The service answered with an HTTP status of 400 or above. `raw` is the
-  /// body when it was a JSON object.
+  /// The service's final answer had a status other than 2xx: 400 or above,
+  /// or 1xx or 3xx (redirects are never followed). `raw` is the body when it
+  /// was a JSON object.
   ZVErrorTypeHTTP = 4,
   /// The answer could not be used: not JSON, not a JSON object, or larger than
-  /// the configured limit.
+  /// a configured limit (body or headers).
   ZVErrorTypeInvalidAnswer = 5,
   /// The SDK is not configured to send the request (no service host, or plain
   /// http without `allowInsecureHTTP`).
@@ -41,12 +44,20 @@ extern ZV_CORE_EXPORT const char* const ZVErrorTransportTLS;      ///< TLS hands
 extern ZV_CORE_EXPORT const char* const ZVErrorTransportReset;    ///< connection lost mid-answer
 extern ZV_CORE_EXPORT const char* const ZVErrorTransportOther;    ///< any other transport failure
 extern ZV_CORE_EXPORT const char* const ZVErrorHTTPStatus;        ///< HTTP status >= 400
-extern ZV_CORE_EXPORT const char* const ZVErrorAnswerNotJSON;     ///< body is not valid JSON
-extern ZV_CORE_EXPORT const char* const ZVErrorAnswerNotObject;   ///< top level is not an object
-extern ZV_CORE_EXPORT const char* const ZVErrorAnswerTooLarge;    ///< body above the size limit
+extern ZV_CORE_EXPORT const char* const ZVErrorHTTPUnexpectedStatus;  ///< a final 1xx or 3xx
+extern ZV_CORE_EXPORT const char* const ZVErrorAnswerNotJSON;         ///< body is not valid JSON
+extern ZV_CORE_EXPORT const char* const ZVErrorAnswerNotObject;  ///< top level is not an object
+extern ZV_CORE_EXPORT const char* const ZVErrorAnswerTooLarge;   ///< body or headers above a limit
 extern ZV_CORE_EXPORT const char* const
     ZVErrorNotConfigured;                                 ///< configuration refuses the request
 extern ZV_CORE_EXPORT const char* const ZVErrorShutdown;  ///< the SDK was shut down
+/// `maxRequestsInFlight` requests were already under way; this one was not sent.
+extern ZV_CORE_EXPORT const char* const ZVErrorTooManyRequests;
+/// A path value (an offer or question id) is "." or "..": it cannot be one
+/// path segment, so nothing was sent.
+extern ZV_CORE_EXPORT const char* const ZVErrorInvalidPathValue;
+/// An order request's idempotency key is not 1 to 255 visible ASCII characters.
+extern ZV_CORE_EXPORT const char* const ZVErrorInvalidIdempotencyKey;
 
 /// An error: a type, an optional code, an optional message and, for errors
 /// made from an answer, the answer's body (`raw`).
@@ -74,6 +85,10 @@ class ZV_CORE_EXPORT ZVError : public ZVObject {
   /// The HTTP status of the answer behind the error, or 0.
   int httpStatus() const { return httpStatus_; }
   void setHTTPStatus(int status) { httpStatus_ = status; }
+  /// How many times the request was sent (more than 1 only with retries on;
+  /// 0 when it never was).
+  int attempts() const { return attempts_; }
+  void setAttempts(int attempts) { attempts_ = attempts; }
 
   /// "Error Domain=ZVError Type=<type> Code=<code or (null)> \"<message or (null)>\"".
   std::string description() const override;
@@ -84,6 +99,7 @@ class ZV_CORE_EXPORT ZVError : public ZVObject {
   std::optional<std::string> message_;
   ZVDictionaryPtr raw_;
   int httpStatus_ = 0;
+  int attempts_ = 0;
 };
 
 using ZVErrorPtr = std::shared_ptr<ZVError>;

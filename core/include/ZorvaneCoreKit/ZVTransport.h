@@ -22,8 +22,9 @@ struct ZVHTTPRequest {
   std::string body;  ///< sent when non-empty
   std::chrono::milliseconds connectTimeout{10000};
   std::chrono::milliseconds totalTimeout{30000};
-  std::string caFile;       ///< extra certificate authorities (PEM), or empty
-  size_t maxBodyBytes = 0;  ///< 0: unlimited
+  std::string caFile;         ///< extra certificate authorities (PEM), or empty
+  size_t maxBodyBytes = 0;    ///< 0: unlimited
+  size_t maxHeaderBytes = 0;  ///< header and trailer lines of the answer; 0: unlimited
 };
 
 /// Why an exchange produced no HTTP answer.
@@ -33,7 +34,7 @@ enum class ZVTransportFailure {
   Timeout,   ///< connect or total timeout
   TLS,       ///< handshake or certificate verification
   Reset,     ///< connection lost before the answer was complete
-  TooLarge,  ///< the body exceeded `maxBodyBytes`
+  TooLarge,  ///< the body exceeded `maxBodyBytes`, or the headers `maxHeaderBytes`
   Shutdown,  ///< the transport was shut down with the request in flight
   Other,
 };
@@ -52,7 +53,12 @@ struct ZVHTTPResult {
 ///
 /// @par Contract
 /// `send` returns at once and calls `done` exactly once, later, on a thread
-/// of the transport's choosing (never inline from `send`).
+/// of the transport's choosing (never inline from `send`). A request with a
+/// body leaves the transport at most once per `send`: the transport never
+/// sends it again on its own, whatever the connection does (the SDK retries
+/// only when the host opted in, and then with an idempotency key). A request
+/// without a body may be sent again on a fresh connection when a reused one
+/// closed before any answer byte arrived.
 ///
 /// @par Thread safety
 /// `send` is safe from any thread.
@@ -90,8 +96,11 @@ struct ZVCurlTransportOptions {
 /// The default transport: libcurl's multi interface driven by one I/O thread
 /// that the transport owns, with connection reuse and keep-alive, HTTP/2 over
 /// TLS when offered, TLS peer and host verification always on (add a
-/// certificate authority with `ZVHTTPRequest::caFile`). Completions run on
-/// the I/O thread. Destroying it fails the requests in flight with
-/// `ZVTransportFailure::Shutdown` and joins the thread.
+/// certificate authority with `ZVHTTPRequest::caFile`), redirects never
+/// followed. A request with a body goes out on a fresh connection, through a
+/// reader that cannot rewind, so libcurl cannot resend it (when the
+/// connection dies or an HTTP/2 stream is refused after the body went out,
+/// the exchange fails instead). Completions run on the I/O thread. Destroying it fails the requests
+/// in flight with `ZVTransportFailure::Shutdown` and joins the thread.
 ZV_CORE_EXPORT std::shared_ptr<ZVTransport> ZVMakeCurlTransport(
     ZVCurlTransportOptions options = {});

@@ -12,6 +12,34 @@
 
 class ZVTransport;
 
+/// Opt-in retries of failed requests. With the default `maxAttempts` of 1,
+/// every call is sent once and never retried.
+///
+/// With retries on, a call is sent again after a transport failure (could
+/// not connect, a timeout, the connection lost) or an HTTP status 408, 429,
+/// 500, 502, 503 or 504; never after another answer. Submissions (placing
+/// an order, answering the skill question) are retried on the same faults,
+/// always with the same `Idempotency-Key`, so a service that honours the key
+/// stores the order once. The wait before attempt n+1 is drawn uniformly
+/// from [0, min(maxDelay, baseDelay * 2^(n-1))] ("full jitter"), or is the
+/// answer's `Retry-After` when it sent one. All attempts and waits of one
+/// call fit in its `requestTimeout`; the completion handler is called once,
+/// with the final outcome, and an error's `attempts()` says how many were made.
+struct ZVRetryPolicy {
+  /// Attempts per call, the first included. Default: 1 (no retries).
+  int maxAttempts = 1;
+  /// Default: 200 ms.
+  std::chrono::milliseconds baseDelay{200};
+  /// Default: 5 s.
+  std::chrono::milliseconds maxDelay{5000};
+  /// The longest `Retry-After` honoured (seconds or an HTTP date); an answer
+  /// that asks for a longer wait is not retried. Default: 30 s.
+  std::chrono::milliseconds maxRetryAfter{30000};
+  /// Time allowed to one attempt; 0: whatever is left of `requestTimeout`.
+  /// Default: 0.
+  std::chrono::milliseconds attemptTimeout{0};
+};
+
 /// Everything a host configures. Read by the request layer at every send, so
 /// a new configuration applies to the requests sent after it.
 struct ZVConfiguration {
@@ -31,7 +59,11 @@ struct ZVConfiguration {
   bool allowInsecureHTTP = false;
   /// Time allowed to establish a connection. Default: 10 s.
   std::chrono::milliseconds connectTimeout{10000};
-  /// Time allowed for a whole exchange, connection included. Default: 30 s.
+  /// Time allowed for a whole operation: from the call to its completion
+  /// handler's task on the main queue, waiting for a free slot, connecting,
+  /// every attempt, decoding and building the records included. The handler
+  /// is queued no later than this plus the time to decode one answer (see
+  /// docs/reliability.md). Default: 30 s.
   std::chrono::milliseconds requestTimeout{30000};
   /// A PEM file of extra certificate authorities to trust (a private CA, or a
   /// sandbox's self-signed certificate). Verification is never turned off.
@@ -40,6 +72,18 @@ struct ZVConfiguration {
   /// Largest answer body accepted; a larger one fails with
   /// `ZVErrorAnswerTooLarge`. Default: 64 MiB.
   size_t maxResponseBytes = 64u << 20;
+
+  /// Largest total of an answer's header and trailer lines (status lines
+  /// included); past it the transfer stops with `ZVErrorAnswerTooLarge`.
+  /// Default: 64 KiB.
+  size_t maxHeaderBytes = 64u << 10;
+  /// Requests in flight and waiting, all operations together; a call past it
+  /// fails at once (on the main queue) with `ZVErrorTooManyRequests`, and
+  /// nothing is sent. Cache hits and validation failures do not count.
+  /// Default: 64.
+  size_t maxRequestsInFlight = 64;
+  /// Default: no retries.
+  ZVRetryPolicy retry;
 };
 
 /// @par Thread safety

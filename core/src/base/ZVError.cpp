@@ -17,6 +17,10 @@ const char* const ZVErrorAnswerNotObject = "ZVErrorAnswerNotObject";
 const char* const ZVErrorAnswerTooLarge = "ZVErrorAnswerTooLarge";
 const char* const ZVErrorNotConfigured = "ZVErrorNotConfigured";
 const char* const ZVErrorShutdown = "ZVErrorShutdown";
+const char* const ZVErrorHTTPUnexpectedStatus = "ZVErrorHTTPUnexpectedStatus";
+const char* const ZVErrorTooManyRequests = "ZVErrorTooManyRequests";
+const char* const ZVErrorInvalidPathValue = "ZVErrorInvalidPathValue";
+const char* const ZVErrorInvalidIdempotencyKey = "ZVErrorInvalidIdempotencyKey";
 
 ZVError::ZVError(int64_t type, ZVDictionaryPtr result) : type_(type), raw_(std::move(result)) {}
 

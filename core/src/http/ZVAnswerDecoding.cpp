@@ -44,6 +44,8 @@ ZVOutcome decodeAnswer(ZVHTTPResult result, const ZVGenericRequest& request, ZVR
   if (result.failure != ZVTransportFailure::None) return failedOutcome(transportError(result));
 
   const int status = result.status;
+  if (status < 200 || (status >= 300 && status < 400))
+    return failedOutcome(unexpectedStatusError(result, where.hostAndPath()));
   ZVJSONParseResult parsed;
   if (result.body.empty())
     parsed.error = "the body is empty";

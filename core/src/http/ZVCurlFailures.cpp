@@ -96,12 +96,19 @@ std::pair<ZVTransportFailure, std::string> describeCurlFailure(const ZVCurlFailu
     case CURLE_PARTIAL_FILE:
     case CURLE_HTTP2:
     case CURLE_HTTP2_STREAM:
+    case CURLE_SEND_FAIL_REWIND:
+      // A body that went out is never sent again: the service may have acted on it.
       return {F::Reset,
-              strCat("connection to ", where.address, " closed before the answer was complete")};
+              strCat("connection to ", where.address, " closed before the answer was complete",
+                     facts.bodySent ? " (the request went out once and was not resent)" : "")};
     case CURLE_FILESIZE_EXCEEDED:
       return {F::TooLarge, strCat("answer from ", where.address, " is larger than the limit of ",
                                   request.maxBodyBytes, " bytes")};
     case CURLE_WRITE_ERROR:
+      if (facts.headersOverCap)
+        return {F::TooLarge,
+                strCat("answer headers from ", where.address, " are larger than the limit of ",
+                       request.maxHeaderBytes, " bytes")};
       if (facts.overCap)
         return {F::TooLarge, strCat("answer from ", where.address, " is larger than the limit of ",
                                     request.maxBodyBytes, " bytes")};

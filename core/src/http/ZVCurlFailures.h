@@ -17,9 +17,11 @@ struct ZVCurlFailureFacts {
   const ZVHTTPRequest& request;
   const char* errorBuffer;  // libcurl's own detail, or empty
   bool overCap;             // the body passed `maxBodyBytes`
+  bool headersOverCap;      // the header lines passed `maxHeaderBytes`
   bool outOfMemory;         // a callback could not keep what arrived
   long osErrno;
   bool connected;
+  bool bodySent;  // some of the request's body went out
 };
 
 std::pair<ZVTransportFailure, std::string> describeCurlFailure(const ZVCurlFailureFacts& facts);

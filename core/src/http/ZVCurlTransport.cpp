@@ -4,6 +4,7 @@
 #include <curl/curl.h>
 
 #include <algorithm>
+#include <cstring>
 #include <memory>
 #include <mutex>
 #include <string_view>
@@ -35,8 +36,11 @@ struct Transfer {
   ZVHTTPRequest request;
   ZVTransport::Completion done;
   ZVHTTPResult result;
-  bool overCap = false;  // the write callback refused the body
+  bool overCap = false;         // the write callback refused the body
+  bool headersOverCap = false;  // the header callback refused a header line
   bool outOfMemory = false;
+  size_t headerBytes = 0;  // header and trailer bytes received
+  size_t bodySent = 0;     // bytes of the request body handed to libcurl
   size_t activeIndex = 0;  // position in the engine's list of exchanges under way
 
   // Kept with the handle from one exchange to the next.
@@ -88,9 +92,35 @@ size_t onBody(char* data, size_t size, size_t count, void* user) {
   return length;
 }
 
+// The request body, read once. libcurl resends a request by itself when a
+// reused connection closes before any answer byte, or an HTTP/2 stream is
+// refused; to send a body again it must rewind it, which this reader (with
+// no seek function) refuses: the exchange then fails instead of the body
+// leaving twice. (Before any body byte left, the resend is harmless.)
+size_t onBodyRead(char* buffer, size_t size, size_t count, void* user) {
+  auto* transfer = static_cast<Transfer*>(user);
+  const std::string& body = transfer->request.body;
+  const size_t n = std::min(size * count, body.size() - transfer->bodySent);
+  std::memcpy(buffer, body.data() + transfer->bodySent, n);
+  transfer->bodySent += n;
+  return n;
+}
+
+int refuseRewind(void*, curl_off_t, int) {
+  return CURL_SEEKFUNC_CANTSEEK;
+}
+
 size_t onHeader(char* data, size_t size, size_t count, void* user) {
   auto* transfer = static_cast<Transfer*>(user);
   const size_t length = size * count;
+  // Status lines, headers and trailers all count, over HTTP/1.1 and HTTP/2:
+  // an answer that never ends its headers must not grow without bound.
+  const size_t cap = transfer->request.maxHeaderBytes;
+  transfer->headerBytes += length;
+  if (cap != 0 && transfer->headerBytes > cap) {
+    transfer->headersOverCap = true;
+    return 0;
+  }
   std::string_view line(data, length);
   while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) line.remove_suffix(1);
   try {
@@ -358,7 +388,10 @@ class CurlEngine {
     const ZVHTTPRequest& r = t.request;
     CURL* e = t.easy;
     t.overCap = false;
+    t.headersOverCap = false;
     t.outOfMemory = false;
+    t.headerBytes = 0;
+    t.bodySent = 0;
     t.errorBuffer[0] = '\0';  // libcurl writes it only on some failures
 
     // A handle keeps its options from one exchange to the next; one set up
@@ -400,7 +433,14 @@ class CurlEngine {
     curl_easy_setopt(e, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(r.maxBodyBytes));
     if (withBody || r.method == "POST") {
       curl_easy_setopt(e, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(r.body.size()));
-      curl_easy_setopt(e, CURLOPT_POSTFIELDS, r.body.data());
+      // A kept-alive connection may be half closed by the server already;
+      // libcurl would then resend, which a body must not be: submissions
+      // (rare, and each worth a handshake) take a fresh connection.
+      curl_easy_setopt(e, CURLOPT_FRESH_CONNECT, 1L);
+      curl_easy_setopt(e, CURLOPT_READFUNCTION, onBodyRead);
+      curl_easy_setopt(e, CURLOPT_READDATA, &t);
+      curl_easy_setopt(e, CURLOPT_SEEKFUNCTION, refuseRewind);
+      curl_easy_setopt(e, CURLOPT_SEEKDATA, &t);
     }
     return "";
   }
@@ -426,8 +466,9 @@ class CurlEngine {
       curl_easy_getinfo(easy, CURLINFO_OS_ERRNO, &osErrno);
       curl_easy_getinfo(easy, CURLINFO_CONNECT_TIME_T, &connectTime);
       try {
-        auto [kind, message] = describeCurlFailure(
-            {code, t.request, t.errorBuffer, t.overCap, t.outOfMemory, osErrno, connectTime > 0});
+        auto [kind, message] =
+            describeCurlFailure({code, t.request, t.errorBuffer, t.overCap, t.headersOverCap,
+                                 t.outOfMemory, osErrno, connectTime > 0, t.bodySent > 0});
         t.result = failure(kind, std::move(message));
       } catch (...) {
         t.result = failure(ZVTransportFailure::Other, "out of memory");

@@ -30,6 +30,8 @@ std::shared_ptr<ZVGenericRequest> ZVGenericRequestBuilder::build() const {
   request->method_ = method_;
   request->kind_ = kind_;
   request->baseURL_ = baseURL_;
+  request->pathValues_ = pathValues_;
+  request->idempotencyKey_ = idempotencyKey_;
   params_->forEach([&](std::string_view key, const ZVJSONValue& value) {
     // A JSON null has no text worth sending.
     if (!value.isNull()) request->params_.emplace_back(key, paramText(value));

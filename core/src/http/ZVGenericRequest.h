@@ -27,8 +27,13 @@ class ZV_CORE_EXPORT ZVGenericRequest final : public ZVObject {
  public:
   int method() const { return method_; }
   const std::string& kind() const { return kind_; }
-  /// The URL template, e.g. "https://:host/api/v1/apps/:appid/offers".
+  /// The URL template, e.g. "https://:host/api/v1/apps/:appid/offers/%@/orders".
   const std::string& baseURL() const { return baseURL_; }
+  /// The values of the template's "%@" segments, in order.
+  const std::vector<std::string>& pathValues() const { return pathValues_; }
+  /// The submission's idempotency key chosen by the host, or empty (the
+  /// request layer then makes one per call).
+  const std::string& idempotencyKey() const { return idempotencyKey_; }
   /// Query parameters in insertion order (values in their text form).
   const std::vector<std::pair<std::string, std::string>>& params() const { return params_; }
   /// The JSON body, or an empty pointer.
@@ -42,6 +47,8 @@ class ZV_CORE_EXPORT ZVGenericRequest final : public ZVObject {
   int method_ = 0;
   std::string kind_;
   std::string baseURL_;
+  std::vector<std::string> pathValues_;
+  std::string idempotencyKey_;
   std::vector<std::pair<std::string, std::string>> params_;
   ZVDictionaryPtr body_;
   ZVErrorMessageMaker errorMessageMaker_;
@@ -58,8 +65,16 @@ class ZV_CORE_EXPORT ZVGenericRequestBuilder {
   static std::shared_ptr<ZVGenericRequestBuilder> requestBuilderWithMethod(int method,
                                                                            std::string kind);
 
-  /// The URL template: "https://:host/..." with path values already formatted in.
+  /// The URL template: "https://:host/...", where each segment "%@" stands
+  /// for the next of `setPathValues`.
   void setBaseURL(std::string url) { baseURL_ = std::move(url); }
+  /// The values of the template's "%@" segments, in order. The request layer
+  /// puts each in as exactly one path segment, percent-encoded ("/", "?",
+  /// "#", "%", control characters and non-ASCII bytes included); a value of
+  /// "." or ".." is refused before anything is sent.
+  void setPathValues(std::vector<std::string> values) { pathValues_ = std::move(values); }
+  /// The `Idempotency-Key` of a submission; empty: one made per call.
+  void setIdempotencyKey(std::string key) { idempotencyKey_ = std::move(key); }
   /// Query parameters: string keys, values sent in their text form.
   ZVMutableDictionary& params() { return *params_; }
   /// The JSON object sent as the body (method 1).
@@ -73,6 +88,8 @@ class ZV_CORE_EXPORT ZVGenericRequestBuilder {
   int method_;
   std::string kind_;
   std::string baseURL_;
+  std::vector<std::string> pathValues_;
+  std::string idempotencyKey_;
   ZVDictionaryPtr params_ = ZVMutableDictionary::make();
   ZVDictionaryPtr body_;
   ZVErrorMessageMaker errorMessageMaker_;

@@ -1,5 +1,6 @@
-// The path of a request: resolve where it goes, encode it, hand it to the
-// transport, and decode what comes back for the request's callback.
+// The path of a request: admit it, resolve where it goes, encode it, hand it
+// to the transport (again, when the host opted into retries and the attempt
+// may be retried), and decode what comes back for the request's callback.
 #include "http/ZVGenericRequestManager.h"
 
 #include <ZorvaneCoreKit/ZVMainQueue.h>
@@ -9,8 +10,12 @@
 #include "base/ZVStrings.h"
 #include "http/ZVAnswerDecoding.h"
 #include "http/ZVRequestURL.h"
+#include "http/ZVRetries.h"
+#include "runtime/ZVTimer.h"
 
 using namespace zv_detail;
+using Clock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
 
 namespace {
 
@@ -20,55 +25,151 @@ ZVOutcome failed(int64_t type, const char* code, std::string message) {
   return failedOutcome(std::make_shared<ZVError>(type, code, std::move(message)));
 }
 
-// Calls the callback once, whoever asks first, and keeps the in-flight count.
-class Delivery {
+// Rounded up, so that a call's first attempt has the whole of requestTimeout.
+int64_t millisecondsUntil(Clock::time_point when) {
+  return std::chrono::ceil<milliseconds>(when - Clock::now()).count();
+}
+
+// One call of `sendRequest`, from the call to its callback, every attempt
+// of it included. Calls the callback once, whoever asks first, and keeps the
+// in-flight count.
+class Call : public std::enable_shared_from_this<Call> {
  public:
-  Delivery(std::atomic<size_t>& inFlight, ZVRequestCallback callback,
-           std::shared_ptr<ZVGenericRequest> request)
+  Call(std::atomic<size_t>& inFlight, ZVRequestCallback callback,
+       std::shared_ptr<ZVGenericRequest> request)
       : inFlight_(inFlight), callback_(std::move(callback)), request_(std::move(request)) {
     inFlight_.fetch_add(1);
   }
-  Delivery(const Delivery&) = delete;
-  Delivery& operator=(const Delivery&) = delete;
-  ~Delivery() {
+  Call(const Call&) = delete;
+  Call& operator=(const Call&) = delete;
+  ~Call() {
     // Never called back (a transport that dropped its completion): stop counting it.
     if (!done_.load()) inFlight_.fetch_sub(1);
   }
 
-  void operator()(ZVOutcome outcome) {
+  void finish(ZVOutcome outcome) {
     if (done_.exchange(true)) return;
     struct Decrement {
       std::atomic<size_t>& count;
       ~Decrement() { count.fetch_sub(1); }
     } decrement{inFlight_};
+    if (outcome.error) {
+      outcome.error->setAttempts(attempts_);
+      if (attempts_ > 1 && outcome.error->message())
+        outcome.error->setMessage(
+            strCat(*outcome.error->message(), " (after ", attempts_, " attempts)"));
+    }
     static const std::string noKind;
     if (callback_)
       callback_(request_ ? request_->kind() : noKind, std::move(outcome.response),
                 std::move(outcome.error), std::move(outcome.body));
   }
 
+  // A call refused before it reached a transport is called back from the
+  // main queue, like every failure, never from inside `sendRequest`.
+  void refuse(ZVOutcome outcome) {
+    try {
+      ZVMainQueue::shared()->async(
+          [self = shared_from_this(), outcome]() mutable { self->finish(std::move(outcome)); });
+    } catch (...) {
+      // No memory to queue it: calling back inline beats never calling back.
+      finish(std::move(outcome));
+    }
+  }
+
+  // Sends one attempt, now or when the service's Retry-After has passed.
+  void start(Clock::time_point notBefore) {
+    if (notBefore <= Clock::now()) {
+      attempt();
+      return;
+    }
+    ZVTimer::shared().at(notBefore, [self = shared_from_this()] { self->attempt(); });
+  }
+
   const std::shared_ptr<ZVGenericRequest>& request() const { return request_; }
-  // Where the request went; the response takes the URL.
-  ZVResolvedURL& where() { return where_; }
+
+  // Set before the first attempt, then read by the attempts alone.
+  std::shared_ptr<const ZVService> service;
+  ZVResolvedURL where;
+  ZVHTTPRequest http;
+  Clock::time_point deadline;
+  ZVRetryPolicy policy;
 
  private:
+  bool mayRetry() const { return attempts_ < policy.maxAttempts; }
+
+  void attempt() {
+    // The attempt's time: what is left before the deadline, and no more than
+    // `attemptTimeout`; 0 leaves it unbounded (no deadline configured).
+    int64_t budget = 0;
+    if (deadline != Clock::time_point::max()) {
+      budget = millisecondsUntil(deadline);
+      if (budget <= 0) {
+        finish(failed(ZVErrorTypeTransport, ZVErrorTransportTimeout,
+                      strCat("timed out after ", service->config->requestTimeout.count(),
+                             " ms before ", endpoint(), " could be asked")));
+        return;
+      }
+    }
+    if (const int64_t perAttempt = policy.attemptTimeout.count(); perAttempt > 0)
+      budget = budget > 0 ? std::min(budget, perAttempt) : perAttempt;
+    std::shared_ptr<ZVTransport> transport = ZVGenericRequestManager::instance()->transport();
+    if (!transport) {
+      finish(failed(ZVErrorTypeTransport, ZVErrorTransportOther,
+                    "could not start the HTTP transport"));
+      return;
+    }
+    ZVHTTPRequest exchange;
+    if (attempts_ + 1 < policy.maxAttempts)
+      exchange = http;  // kept for the attempts that may follow
+    else
+      exchange = std::move(http);
+    exchange.totalTimeout = milliseconds(budget);
+    if (budget > 0)
+      exchange.connectTimeout = std::min(exchange.connectTimeout, milliseconds(budget));
+    ++attempts_;
+    // Only the call is captured, so the completion fits in the function's own storage.
+    transport->send(std::move(exchange), [self = shared_from_this()](ZVHTTPResult result) {
+      self->answered(std::move(result));
+    });
+  }
+
+  void answered(ZVHTTPResult result) {
+    try {
+      if (policy.maxAttempts > 1 && retryLater(result)) return;
+      finish(decodeAnswer(std::move(result), *request_, where));
+    } catch (const std::exception& e) {
+      finish(failed(ZVErrorTypeTransport, ZVErrorTransportOther,
+                    strCat("could not read the answer: ", e.what())));
+    }
+  }
+
+  // Schedules the next attempt when this one may be retried and the wait
+  // fits before the deadline; says whether it did.
+  bool retryLater(const ZVHTTPResult& result) {
+    const ZVRetryVerdict verdict = judgeAttempt(result);
+    if (verdict.retryAfter) {
+      // Later calls to the service wait too, however this one ends.
+      const milliseconds wait = std::min(*verdict.retryAfter, policy.maxRetryAfter);
+      holdService(service->origin, Clock::now() + wait);
+    }
+    if (!verdict.retryable || !mayRetry()) return false;
+    if (verdict.retryAfter && *verdict.retryAfter > policy.maxRetryAfter) return false;
+    const milliseconds wait = verdict.retryAfter ? *verdict.retryAfter : backoff(policy, attempts_);
+    const Clock::time_point next = Clock::now() + wait;
+    if (next >= deadline) return false;  // also when the wait is longer than what is left
+    ZVTimer::shared().at(next, [self = shared_from_this()] { self->attempt(); });
+    return true;
+  }
+
+  std::string endpoint() const { return std::string(where.hostAndPath()); }
+
   std::atomic<size_t>& inFlight_;
   ZVRequestCallback callback_;
   std::shared_ptr<ZVGenericRequest> request_;
-  ZVResolvedURL where_;  // set before the send; the transport's completion alone uses it then
+  int attempts_ = 0;  // touched by one attempt at a time
   std::atomic<bool> done_{false};
 };
-
-// A request refused before it reached a transport is called back from the
-// main queue, like every failure, never from inside `sendRequest`.
-void refuse(const std::shared_ptr<Delivery>& delivery, ZVOutcome outcome) {
-  try {
-    ZVMainQueue::shared()->async([delivery, outcome] { (*delivery)(outcome); });
-  } catch (...) {
-    // No memory to queue it: calling back inline beats never calling back.
-    (*delivery)(std::move(outcome));
-  }
-}
 
 }  // namespace
 
@@ -81,8 +182,9 @@ ZVGenericRequestManager* ZVGenericRequestManager::instance() {
 
 std::string ZVGenericRequestManager::resolveURL(const ZVGenericRequest& request,
                                                 std::string& error) {
-  error.clear();
-  return resolve(*currentService(), request, error).url;
+  ZVResolvedURL resolved = resolve(*currentService(), request);
+  error = std::move(resolved.error);
+  return std::move(resolved.url);
 }
 
 void ZVGenericRequestManager::setTransport(std::shared_ptr<ZVTransport> transport) {
@@ -109,77 +211,99 @@ std::shared_ptr<ZVTransport> ZVGenericRequestManager::transport() {
 
 void ZVGenericRequestManager::sendRequest(std::shared_ptr<ZVGenericRequest> request,
                                           ZVRequestCallback callback) {
-  std::shared_ptr<Delivery> delivery;
+  std::shared_ptr<Call> call;
   try {
-    delivery = std::make_shared<Delivery>(inFlight_, std::move(callback), request);
+    call = std::make_shared<Call>(inFlight_, std::move(callback), request);
   } catch (...) {
     return;  // out of memory before anything could be recorded
   }
   try {
     if (!request) {
-      refuse(delivery, failed(ZVErrorTypeValidation, "", "no request to send"));
+      call->refuse(failed(ZVErrorTypeValidation, "", "no request to send"));
       return;
     }
-    const std::shared_ptr<const ZVService> service = currentService();
-    const ZVConfiguration& config = *service->config;
-    std::string error;
-    ZVResolvedURL where = resolve(*service, *request, error);
-    if (!error.empty()) {
-      refuse(delivery, failed(ZVErrorTypeConfiguration, ZVErrorNotConfigured, std::move(error)));
+    call->service = currentService();
+    const ZVConfiguration& config = *call->service->config;
+    // A request timeout of 0 (or less) sets no deadline.
+    call->deadline = config.requestTimeout.count() > 0 ? Clock::now() + config.requestTimeout
+                                                       : Clock::time_point::max();
+    // This call is counted already: past the limit, it is the one too many.
+    if (inFlight_.load() > config.maxRequestsInFlight) {
+      call->refuse(failed(ZVErrorTypeTransport, ZVErrorTooManyRequests,
+                          strCat("not sent: ", config.maxRequestsInFlight,
+                                 " requests are already under way (maxRequestsInFlight)")));
       return;
     }
-    if (service->tokenHasControlChars) {
+    call->where = resolve(*call->service, *request);
+    if (!call->where.error.empty()) {
+      if (call->where.badValue)
+        call->refuse(failed(ZVErrorTypeValidation, ZVErrorInvalidPathValue,
+                            strCat(request->kind(), ": ", call->where.error)));
+      else
+        call->refuse(
+            failed(ZVErrorTypeConfiguration, ZVErrorNotConfigured, std::move(call->where.error)));
+      return;
+    }
+    if (call->service->tokenHasControlChars) {
       // Said without the token itself, which must never reach a message.
-      refuse(delivery, failed(ZVErrorTypeConfiguration, ZVErrorNotConfigured,
-                              "the access token holds control characters"));
+      call->refuse(failed(ZVErrorTypeConfiguration, ZVErrorNotConfigured,
+                          "the access token holds control characters"));
       return;
     }
 
-    ZVHTTPRequest http;
-    http.url = where.url;
-    http.headers.reserve(4);
+    ZVHTTPRequest& http = call->http;
+    http.url = call->where.url;
+    http.headers.reserve(5);
     http.headers.emplace_back("Accept", "application/json");
-    if (!service->bearer.empty()) http.headers.emplace_back("Authorization", service->bearer);
+    if (!call->service->bearer.empty())
+      http.headers.emplace_back("Authorization", call->service->bearer);
     http.headers.emplace_back("User-Agent", kUserAgent);
     if (request->method() == ZVRequestMethodSubmit) {
       http.method = "POST";
       if (request->body()) {
         if (!ZVJSONSerialize(ZVJSONValue(request->body()), false, http.body)) {
-          refuse(delivery, failed(ZVErrorTypeValidation, "",
-                                  strCat("the body of the ", request->kind(),
-                                         " request cannot be written as JSON (a NaN or infinite "
-                                         "number, or text that is not UTF-8)")));
+          call->refuse(failed(ZVErrorTypeValidation, "",
+                              strCat("the body of the ", request->kind(),
+                                     " request cannot be written as JSON (a NaN or infinite "
+                                     "number, or text that is not UTF-8)")));
           return;
         }
         http.headers.emplace_back("Content-Type", "application/json");
       }
+      // One key per call, the same for each of its attempts: a service that
+      // honours it acts on the call once.
+      std::string key = request->idempotencyKey();
+      if (key.empty()) {
+        key = makeIdempotencyKey();
+      } else if (!isValidIdempotencyKey(key)) {
+        call->refuse(failed(ZVErrorTypeValidation, ZVErrorInvalidIdempotencyKey,
+                            "the idempotency key must be 1 to 255 visible ASCII characters"));
+        return;
+      }
+      http.headers.emplace_back("Idempotency-Key", std::move(key));
     } else {
       http.method = "GET";
     }
     http.connectTimeout = config.connectTimeout;
-    http.totalTimeout = config.requestTimeout;
     http.caFile = config.caFile;
     http.maxBodyBytes = config.maxResponseBytes;
+    http.maxHeaderBytes = config.maxHeaderBytes;
+    call->policy = config.retry;
 
-    std::shared_ptr<ZVTransport> sender = transport();
-    if (!sender) {
-      refuse(delivery, failed(ZVErrorTypeTransport, ZVErrorTransportOther,
-                              "could not start the HTTP transport"));
-      return;
-    }
-    delivery->where() = std::move(where);
-    // Only the delivery is captured, so the completion fits in the function's
-    // own storage.
-    sender->send(std::move(http), [delivery](ZVHTTPResult result) {
-      ZVOutcome outcome;
-      try {
-        outcome = decodeAnswer(std::move(result), *delivery->request(), delivery->where());
-      } catch (const std::exception& e) {
-        outcome = failed(ZVErrorTypeTransport, ZVErrorTransportOther,
-                         strCat("could not read the answer: ", e.what()));
+    Clock::time_point notBefore = Clock::now();
+    if (call->policy.maxAttempts > 1) {
+      if (const auto held = serviceHeldUntil(call->service->origin)) {
+        if (*held >= call->deadline) {
+          call->refuse(failed(ZVErrorTypeTransport, ZVErrorTransportOther,
+                              strCat("not sent: ", call->where.hostAndPath(), " asked to wait ",
+                                     millisecondsUntil(*held),
+                                     " ms more (Retry-After), past this call's deadline")));
+          return;
+        }
+        notBefore = *held;
       }
-      (*delivery)(std::move(outcome));
-    });
+    }
+    call->start(notBefore);
   } catch (...) {
     // Most likely bad_alloc while building the request; the callback still runs.
     std::string reason = "unknown error";
@@ -190,9 +314,9 @@ void ZVGenericRequestManager::sendRequest(std::shared_ptr<ZVGenericRequest> requ
     } catch (...) {
     }
     try {
-      refuse(delivery, failed(ZVErrorTypeTransport, ZVErrorTransportOther,
-                              strCat("could not send the ", request ? request->kind() : "",
-                                     " request: ", reason)));
+      call->refuse(failed(
+          ZVErrorTypeTransport, ZVErrorTransportOther,
+          strCat("could not send the ", request ? request->kind() : "", " request: ", reason)));
     } catch (...) {
       // Not even the error fits in memory; the in-flight count still drops.
     }

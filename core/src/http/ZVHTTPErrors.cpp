@@ -1,5 +1,7 @@
 #include "http/ZVHTTPErrors.h"
 
+#include <strings.h>
+
 #include "base/ZVStrings.h"
 #include "http/ZVGenericRequest.h"
 
@@ -23,7 +25,43 @@ const char* transportCode(ZVTransportFailure failure) {
   }
 }
 
+// A header's value as a message may quote it: control bytes escaped, cut short.
+std::string quotable(std::string_view value) {
+  static constexpr size_t kLongest = 300;
+  std::string out;
+  for (char c : value.substr(0, kLongest)) {
+    const auto u = static_cast<unsigned char>(c);
+    if (u < 0x20 || u == 0x7F) {
+      static constexpr char kHex[] = "0123456789ABCDEF";
+      out += '%';
+      out += kHex[u >> 4];
+      out += kHex[u & 15];
+    } else {
+      out += c;
+    }
+  }
+  if (value.size() > kLongest) out += "...";
+  return out;
+}
+
 }  // namespace
+
+ZVErrorPtr unexpectedStatusError(const ZVHTTPResult& result, std::string_view where) {
+  std::string message = strCat("HTTP ", result.status, " from ", where);
+  if (result.status >= 300) {
+    std::string_view location;
+    for (const auto& [name, value] : result.headers)
+      if (name.size() == 8 && strcasecmp(name.c_str(), "location") == 0) location = value;
+    message += location.empty() ? std::string(" (a redirect, not followed)")
+                                : strCat(" (a redirect to ", quotable(location), ", not followed)");
+  } else {
+    message += " (an informational status, not an answer)";
+  }
+  auto error =
+      std::make_shared<ZVError>(ZVErrorTypeHTTP, ZVErrorHTTPUnexpectedStatus, std::move(message));
+  error->setHTTPStatus(result.status);
+  return error;
+}
 
 ZVErrorPtr transportError(const ZVHTTPResult& result) {
   if (result.failure == ZVTransportFailure::TooLarge)

@@ -21,4 +21,9 @@ ZVErrorPtr transportError(const ZVHTTPResult& result);
 ZVErrorPtr httpStatusError(int status, const ZVDictionaryPtr& raw, const ZVGenericRequest& request,
                            std::string_view where);
 
+// A final answer with a status of 1xx or 3xx: redirects are never followed,
+// and an informational status cannot end an exchange. Names the status and,
+// for a redirect, where it pointed.
+ZVErrorPtr unexpectedStatusError(const ZVHTTPResult& result, std::string_view where);
+
 }  // namespace zv_detail

@@ -17,15 +17,17 @@ constexpr std::string_view kAppIDSegment = ":appid";
 // ---------------------------------------------------------------------------
 // Percent-encoding.
 //
-// Path values are formatted into the URL template unencoded (an offer id goes
-// in as it stands), so every byte of the path is encoded here unless it is an
-// RFC 3986 unreserved character or one of "/:@!$&'()*+,;=". In particular
-// control characters, space, '%' (always: nothing arrives pre-encoded), '?',
-// '#' and every non-ASCII byte are encoded, so a value can neither end the
-// path, start a query or fragment, nor break the request line into a header.
-// '/' stays a separator: an id holding '/' changes the path on the same host,
-// which the service does not accept as an id anyway. Segments "." and ".."
-// are encoded too, so that no one normalises them into another endpoint.
+// The template's segments are ours; each path value (an offer id, a question
+// id) and the app id go in as exactly one segment: every byte that is not an
+// RFC 3986 unreserved character or one of ":@!$&'()*+,;=" is encoded, so
+// '/', '?', '#', '%' (nothing arrives pre-encoded), space, control
+// characters and every non-ASCII byte are, and a value can neither reach
+// another endpoint, start a query or fragment, nor break the request line.
+// A value that is "." or ".." would be a dot segment, which URL normalisers
+// (in proxies too) fold away even when encoded: it is refused instead.
+
+constexpr std::string_view kSegmentKeeps = ":@!$&'()*+,;=";
+constexpr std::string_view kValuePlaceholder = "%@";
 
 bool isUnreserved(unsigned char c) {
   return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-' ||
@@ -69,27 +71,47 @@ void appendFormEncoded(std::string& out, std::string_view text) {
   out.append(text.substr(run));
 }
 
-// Appends the encoded path to `out`.
-void appendEncodedPath(std::string& out, std::string_view path, std::string_view encodedAppID) {
+bool isDotSegment(std::string_view segment) {
+  return segment == "." || segment == "..";
+}
+
+// Appends the template's path to `out` with the app id and the path values
+// in their places; says in `resolved` why it cannot, when it cannot.
+void appendPath(std::string& out, std::string_view path, std::string_view encodedAppID,
+                const std::vector<std::string>& values, ZVResolvedURL& resolved) {
   size_t start = 0;
+  size_t next = 0;
   // Only the template's own ":appid" is a placeholder: it precedes every path
   // value, and an id that reads ":appid" must reach the service as it is.
   bool appIDFilled = false;
   while (true) {
     const size_t slash = path.find('/', start);
     const std::string_view segment = path.substr(start, slash - start);
-    if (segment == "." || segment == "..") {
-      for (size_t i = 0; i < segment.size(); ++i) out += "%2E";
-    } else if (segment == kAppIDSegment && !appIDFilled) {
+    if (segment == kAppIDSegment && !appIDFilled) {
       out += encodedAppID;
       appIDFilled = true;
+    } else if (segment == kValuePlaceholder) {
+      if (next == values.size()) {
+        resolved.error = "the request URL has more \"%@\" segments than path values";
+        return;
+      }
+      const std::string& value = values[next++];
+      if (isDotSegment(value)) {
+        resolved.error =
+            strCat("the path value \"", value, "\" is a dot segment and cannot be sent as an id");
+        resolved.badValue = true;
+        return;
+      }
+      appendPercentEncoded(out, value, kSegmentKeeps);
     } else {
-      appendPercentEncoded(out, segment, ":@!$&'()*+,;=");
+      appendPercentEncoded(out, segment, kSegmentKeeps);
     }
     if (slash == std::string_view::npos) break;
     out += '/';
     start = slash + 1;
   }
+  if (next != values.size())
+    resolved.error = "the request has more path values than \"%@\" segments";
 }
 
 bool hasAppIDSegment(std::string_view path) {
@@ -154,13 +176,11 @@ ZVService prepareService(std::shared_ptr<const ZVConfiguration> shared) {
   service.origin = scheme + "://";
   service.hostStart = service.origin.size();
   service.origin.append(host);
-  // An app id of "." or ".." would be a dot segment: encode it like one.
-  service.appID = percentEncode(config.appID);
-  if (service.appID == "." || service.appID == "..") {
-    std::string dots;
-    appendEncodedPath(dots, service.appID, "");
-    service.appID = std::move(dots);
+  if (isDotSegment(config.appID)) {
+    service.error = strCat("app id \"", config.appID, "\" is a dot segment and cannot be sent");
+    return service;
   }
+  service.appID = percentEncode(config.appID, kSegmentKeeps);
   // Checked here, said at each send: the token itself never reaches a message.
   service.tokenHasControlChars = hasControlChar(config.accessToken);
   if (!config.accessToken.empty()) service.bearer = "Bearer " + config.accessToken;
@@ -196,31 +216,35 @@ std::shared_ptr<const ZVService> currentService() {
   return made;
 }
 
-ZVResolvedURL resolve(const ZVService& service, const ZVGenericRequest& request,
-                      std::string& error) {
+ZVResolvedURL resolve(const ZVService& service, const ZVGenericRequest& request) {
+  ZVResolvedURL resolved;
   if (!service.error.empty()) {
-    error = service.error;
-    return {};
+    resolved.error = service.error;
+    return resolved;
   }
   const std::string& base = request.baseURL();
   const std::string_view rest = std::string_view(base).substr(
       base.starts_with(kHostPlaceholder) ? kHostPlaceholder.size() : 0);
   // Only the template reaches the service: anything else could name another host.
   if (!base.starts_with(kHostPlaceholder) || !(rest.empty() || rest.front() == '/')) {
-    error = strCat("request URL of ", request.kind(), " does not start with \"https://:host/\"");
-    return {};
+    resolved.error =
+        strCat("request URL of ", request.kind(), " does not start with \"https://:host/\"");
+    return resolved;
   }
   if (service.config->appID.empty() && hasAppIDSegment(rest)) {
-    error = "no app id configured";
-    return {};
+    resolved.error = "no app id configured";
+    return resolved;
   }
 
-  ZVResolvedURL resolved;
   std::string& url = resolved.url;
   url.reserve(service.origin.size() + rest.size() + service.appID.size() + 32);
   url.append(service.origin);
   resolved.hostStart = service.hostStart;
-  appendEncodedPath(url, rest, service.appID);
+  appendPath(url, rest, service.appID, request.pathValues(), resolved);
+  if (!resolved.error.empty()) {
+    resolved.url.clear();
+    return resolved;
+  }
   resolved.pathEnd = url.size();
   if (request.method() != ZVRequestMethodSubmit && !request.params().empty()) {
     char separator = '?';

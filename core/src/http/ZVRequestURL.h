@@ -6,6 +6,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include <ZorvaneCoreKit/Zorvane.h>
 
@@ -29,7 +30,9 @@ struct ZVService {
 std::shared_ptr<const ZVService> currentService();
 
 struct ZVResolvedURL {
-  std::string url;  // what is sent, with the query
+  std::string url;        // what is sent, with the query; empty when it cannot be sent
+  std::string error;      // why the request cannot be sent, or ""
+  bool badValue = false;  // ... because of a path value (else the configuration)
   // Where "host:port/path" lies in `url`, for messages.
   size_t hostStart = 0;
   size_t pathEnd = 0;
@@ -38,9 +41,8 @@ struct ZVResolvedURL {
   }
 };
 
-// The URL `request` is sent to, or why it cannot be sent (in `error`).
-ZVResolvedURL resolve(const ZVService& service, const ZVGenericRequest& request,
-                      std::string& error);
+// The URL `request` is sent to, or why it cannot be sent.
+ZVResolvedURL resolve(const ZVService& service, const ZVGenericRequest& request);
 
 // `text` with everything but RFC 3986's unreserved characters and `keep`
 // percent-encoded.

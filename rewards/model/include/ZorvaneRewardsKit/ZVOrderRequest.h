@@ -49,10 +49,23 @@ class ZV_REWARDS_EXPORT ZVOrderRequest final : public ZVObject {
   const std::optional<std::string>& challengeID() const { return challengeID_; }
   void setChallengeID(std::optional<std::string> v) { challengeID_ = std::move(v); }
 
+  /// The order's idempotency key, sent as the `Idempotency-Key` header (never
+  /// in the body): a service that honours it stores one order per key, so a
+  /// host that lost track of an order (a timeout, then an app restart) can
+  /// place it again with the same key and be charged once. 1 to 255 visible
+  /// ASCII characters; another value fails the call with
+  /// `ZVErrorInvalidIdempotencyKey` and sends nothing. Unset (the default):
+  /// the SDK makes a random 128-bit key for each `placeOrder` call, the same
+  /// for each of its attempts. Keep a key you set, with the order's details,
+  /// until the order's outcome is known.
+  const std::optional<std::string>& idempotencyKey() const { return idempotencyKey_; }
+  void setIdempotencyKey(std::optional<std::string> v) { idempotencyKey_ = std::move(v); }
+
  private:
   std::optional<std::string> offerID_;
   ZVJSONValue quantity_;
   std::optional<std::string> email_, ip_;
   std::shared_ptr<ZVAddress> shippingAddress_;
   std::optional<std::string> challengeID_;
+  std::optional<std::string> idempotencyKey_;
 };
