@@ -196,4 +196,58 @@ TEST(LoadTest, ConcurrentOrdersNeverSpendMorePointsThanTheUserHas) {
   EXPECT_GE(*std::ranges::min_element(balances), 0);
 }
 
+// With retries on, the sandbox (which honours idempotency keys) under 20%
+// injected faults stores each of 200 orders exactly once: the balance drops
+// by exactly 200 orders' worth, and at least 99% of the calls succeed.
+TEST(LoadTest, RetriedOrdersAgainstTheSandboxAreChargedOnceEach) {
+  ZVSandboxOptions options{.statePath = ":memory:",
+                           .reset = true,
+                           .certDir = "",
+                           .appID = "app",
+                           .accessToken = kSecretToken,
+                           .initialPoints = 100'000,
+                           .faults = {}};
+  options.faults.dropAfterCommitShare = 0.10;  // the order stored, its answer lost
+  options.faults.dropShare = 0.05;             // the connection closed, nothing done
+  options.faults.http503Share = 0.05;
+  options.faults.retryAfterSeconds = 0;
+  options.faults.seed = 11;
+  ZVSandbox sandbox(options);
+  CloseConnectionsFirst closeFirst;
+  std::string problem;
+  ASSERT_TRUE(sandbox.start(problem)) << problem;
+  configureService(sandbox.serviceHost(), 60s);
+  ZVConfiguration config = Zorvane::configuration();
+  config.maxRequestsInFlight = 256;
+  config.retry = {.maxAttempts = 10, .baseDelay = 5ms, .maxDelay = 50ms};
+  Zorvane::configure(config);
+
+  constexpr int kOrders = 200;
+  constexpr int64_t kCost = 75;  // offer 104
+  Completions completions;
+  for (int i = 0; i < kOrders; ++i) {
+    completions.push_back(std::make_unique<Completion>());
+    ZVRewardsManager::instance()->placeOrder(ZVOrderRequest::initWithOfferID("104", 1),
+                                             completions.back()->handler());
+  }
+  ASSERT_TRUE(waitForAll(completions, 120s));
+  int placed = 0;
+  for (const auto& c : completions) {
+    EXPECT_EQ(c->calls.load(), 1);
+    placed += c->error == nullptr;
+  }
+  EXPECT_GE(placed, kOrders * 99 / 100);
+
+  // What the sandbox kept: one order per call, however many attempts each
+  // took, and each charged once. (The fetch is retried through the faults too.)
+  Outcome<const ZVOrderArray> orders;
+  ZVRewardsManager::instance()->fetchOrdersWithCompletionHandler(orders.handler());
+  ASSERT_TRUE(orders.wait());
+  ASSERT_TRUE(orders.result) << orders.error->description();
+  ASSERT_EQ(orders.result->size(), static_cast<size_t>(kOrders));
+  const auto& newest = (*orders.result)[0];
+  ASSERT_TRUE(newest->user());
+  EXPECT_EQ(newest->user()->availablePoints(), 100'000 - kOrders * kCost);
+}
+
 }  // namespace
