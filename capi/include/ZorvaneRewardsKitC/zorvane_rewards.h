@@ -42,24 +42,28 @@
  *   twice gives the same pointer). NULL means absent.
  *
  * Threads. Every function may be called from any thread. Completion
- *   callbacks and notification callbacks run on the main queue, that is on
- *   the thread that calls zvr_main_queue_drain / zvr_main_queue_run_until, or
- *   on the queue's dedicated thread once started; never inside the call that
- *   started the operation. The log sink is the one exception: it runs on the
- *   thread that logs.
+ *   callbacks, and the callbacks of every notification the SDK posts, run on
+ *   the main queue, that is on the thread that calls zvr_main_queue_drain /
+ *   zvr_main_queue_run_until, or on the queue's dedicated thread once
+ *   started; never inside the call that started the operation. (A
+ *   notification that C++ code of the host posts itself arrives on the
+ *   posting thread.) The log sink runs on the thread that logs.
  *
  * Callbacks. Every callback takes a `void* user`, passed back unchanged
  *   (NULL is fine). A function that takes a completion callback and returns
  *   ZVR_OK calls it exactly once, with either a result or an error, the other
  *   being NULL; a function that returns an error never calls it. A NULL
  *   callback is allowed: the operation runs and its notification is posted.
+ *   (Should the handle table be full or memory run out when the outcome is
+ *   delivered, the callback still runs once, with both NULL.)
  *
  * Compatibility. Within a major version (ZVR_API_VERSION >> 16) the ABI never
  *   breaks: functions, callback types and struct fields are only added, never
  *   changed or removed. Structs passed in start with `struct_size`, set to
  *   sizeof the struct as the caller compiled it: a newer library reads an
  *   older struct (fields beyond it take their defaults), and an older library
- *   refuses a newer struct only when a field it does not know is set.
+ *   refuses a newer struct only when a byte it does not know is non-zero
+ *   (zero the struct before filling it).
  *
  * Coming, not yet available (names reserved, no symbol exists yet): a
  *   main-queue wake-up hook, called from any thread when a task is queued
