@@ -32,8 +32,8 @@ zvr_result readRecord(const void* handle, Kind kind, Out* out, Fn&& fn) noexcept
   if (out == nullptr) return ZVR_E_INVALID_ARGUMENT;
   *out = Out{};
   return guarded([&]() -> zvr_result {
-    return HandleTable::shared().with(handle, kind,
-                                      [&](Slot& slot) -> zvr_result { return fn(slot.as<const T>(), slot, out); });
+    return HandleTable::shared().with(
+        handle, kind, [&](Slot& slot) -> zvr_result { return fn(slot.as<const T>(), slot, out); });
   });
 }
 

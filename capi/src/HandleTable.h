@@ -90,9 +90,9 @@ class HandleTable {
   zvr_result findAny(const void* handle, Slot*& slot);
 
   std::mutex mutex_;
-  std::vector<Slot> slots_;     // guarded by mutex_
-  std::deque<uint32_t> free_;   // guarded by mutex_: oldest freed first, to delay reuse
-  uint32_t live_ = 0;           // guarded by mutex_
+  std::vector<Slot> slots_;    // guarded by mutex_
+  std::deque<uint32_t> free_;  // guarded by mutex_: oldest freed first, to delay reuse
+  uint32_t live_ = 0;          // guarded by mutex_
 };
 
 /// Issues a handle for `object` (nullptr when empty) as the handle type `H`.

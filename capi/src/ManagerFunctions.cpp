@@ -22,8 +22,8 @@ std::optional<ZVLocale> localeOf(const char* identifier) {
 
 // The first version of zvr_configuration ends with max_response_bytes; a
 // field added later is read only when the caller's struct_size covers it.
-constexpr size_t kConfigurationV1 = offsetof(zvr_configuration, max_response_bytes) +
-                                    sizeof(zvr_configuration::max_response_bytes);
+constexpr size_t kConfigurationV1 =
+    offsetof(zvr_configuration, max_response_bytes) + sizeof(zvr_configuration::max_response_bytes);
 
 // A C callback with its user pointer becomes the manager's completion
 // handler: the result and error are lent to it as handles for the call.
@@ -31,9 +31,8 @@ template <class H, class Result, class Callback>
 auto handlerFor(Kind resultKind, Callback callback, void* user) {
   return [resultKind, callback, user](std::shared_ptr<Result> result, ZVErrorPtr error) {
     lend(resultKind, std::const_pointer_cast<std::remove_const_t<Result>>(std::move(result)),
-         std::move(error), [&](void* r, void* e) {
-           callback(static_cast<H>(r), static_cast<zvr_error>(e), user);
-         });
+         std::move(error),
+         [&](void* r, void* e) { callback(static_cast<H>(r), static_cast<zvr_error>(e), user); });
   };
 }
 
@@ -52,7 +51,8 @@ zvr_result fetchOffers(std::optional<ZVLocale> locale, std::optional<bool> force
                        zvr_offers_callback callback, void* user) {
   return start([&](ZVRewardsManager& manager) {
     ZVOffersCompletionHandler handler;
-    if (callback) handler = handlerFor<zvr_offer_list, const ZVOfferArray>(Kind::OfferList, callback, user);
+    if (callback)
+      handler = handlerFor<zvr_offer_list, const ZVOfferArray>(Kind::OfferList, callback, user);
     if (force)
       manager.fetchOffersWithLocale(std::move(locale), *force, std::move(handler));
     else
@@ -91,7 +91,8 @@ zvr_result zvr_configure(const zvr_configuration* c) {
 zvr_result zvr_rewards_fetch_offers(zvr_offers_callback callback, void* user) {
   return start([&](ZVRewardsManager& manager) {
     ZVOffersCompletionHandler handler;
-    if (callback) handler = handlerFor<zvr_offer_list, const ZVOfferArray>(Kind::OfferList, callback, user);
+    if (callback)
+      handler = handlerFor<zvr_offer_list, const ZVOfferArray>(Kind::OfferList, callback, user);
     manager.fetchOffersWithCompletionHandler(std::move(handler));
   });
 }
@@ -105,13 +106,13 @@ zvr_result zvr_rewards_force_fetch_offers_with_locale(const char* locale,
                                                       zvr_offers_callback callback, void* user) {
   return start([&](ZVRewardsManager& manager) {
     ZVOffersCompletionHandler handler;
-    if (callback) handler = handlerFor<zvr_offer_list, const ZVOfferArray>(Kind::OfferList, callback, user);
+    if (callback)
+      handler = handlerFor<zvr_offer_list, const ZVOfferArray>(Kind::OfferList, callback, user);
     manager.forceFetchOffersWithLocale(localeOf(locale), std::move(handler));
   });
 }
 
-zvr_result zvr_rewards_fetch_offers_with_locale_force_fetch(const char* locale,
-                                                            int32_t forceFetch,
+zvr_result zvr_rewards_fetch_offers_with_locale_force_fetch(const char* locale, int32_t forceFetch,
                                                             zvr_offers_callback callback,
                                                             void* user) {
   return fetchOffers(localeOf(locale), forceFetch != 0, callback, user);
@@ -120,7 +121,8 @@ zvr_result zvr_rewards_fetch_offers_with_locale_force_fetch(const char* locale,
 zvr_result zvr_rewards_fetch_orders(zvr_orders_callback callback, void* user) {
   return start([&](ZVRewardsManager& manager) {
     ZVOrdersCompletionHandler handler;
-    if (callback) handler = handlerFor<zvr_order_list, const ZVOrderArray>(Kind::OrderList, callback, user);
+    if (callback)
+      handler = handlerFor<zvr_order_list, const ZVOrderArray>(Kind::OrderList, callback, user);
     manager.fetchOrdersWithCompletionHandler(std::move(handler));
   });
 }
@@ -151,8 +153,8 @@ zvr_result zvr_rewards_fetch_skill_question(zvr_skill_question_callback callback
   return start([&](ZVRewardsManager& manager) {
     ZVSkillQuestionCompletionHandler handler;
     if (callback)
-      handler = handlerFor<zvr_skill_question, ZVSkillQuestion>(Kind::SkillQuestion,
-                                                                         callback, user);
+      handler =
+          handlerFor<zvr_skill_question, ZVSkillQuestion>(Kind::SkillQuestion, callback, user);
     manager.fetchSkillQuestionWithCompletionHandler(std::move(handler));
   });
 }
@@ -163,8 +165,8 @@ zvr_result zvr_rewards_answer_skill_question(const char* offerID, const char* qu
   return start([&](ZVRewardsManager& manager) {
     ZVSkillChallengeCompletionHandler handler;
     if (callback)
-      handler = handlerFor<zvr_skill_challenge, ZVSkillChallenge>(Kind::SkillChallenge,
-                                                                           callback, user);
+      handler =
+          handlerFor<zvr_skill_challenge, ZVSkillChallenge>(Kind::SkillChallenge, callback, user);
     manager.answerSkillQuestionForOfferID(copied(offerID), copied(questionID),
                                           answer ? ZVJSONValue(answer) : ZVJSONValue(),
                                           std::move(handler));

@@ -86,15 +86,15 @@ std::shared_ptr<const T> payloadAs(const std::shared_ptr<const ZVObject>& object
 
 template <class T, class H>
 zvr_result payload(zvr_notification n, const char* key, Kind kind, H* out) {
-  return readRecord<NotificationData>(n, Kind::Notification, out,
-                                      [&](const NotificationData& data, Slot&, H* o) -> zvr_result {
-                                        const auto found = data.userInfo.find(key);
-                                        if (found == data.userInfo.end()) return ZVR_OK;
-                                        auto value = payloadAs<T>(found->second);
-                                        *o = static_cast<H>(HandleTable::shared().issueLocked(
-                                            kind, std::const_pointer_cast<T>(value)));
-                                        return ZVR_OK;
-                                      });
+  return readRecord<NotificationData>(
+      n, Kind::Notification, out, [&](const NotificationData& data, Slot&, H* o) -> zvr_result {
+        const auto found = data.userInfo.find(key);
+        if (found == data.userInfo.end()) return ZVR_OK;
+        auto value = payloadAs<T>(found->second);
+        *o = static_cast<H>(
+            HandleTable::shared().issueLocked(kind, std::const_pointer_cast<T>(value)));
+        return ZVR_OK;
+      });
 }
 
 }  // namespace
@@ -140,11 +140,12 @@ zvr_result zvr_notifications_unsubscribe(uint64_t id) {
 }
 
 zvr_result zvr_notification_get_name(zvr_notification n, const char** out) {
-  return readRecord<NotificationData>(n, Kind::Notification, out,
-                                      [](const NotificationData& data, Slot& slot, const char** o) -> zvr_result {
-                                        *o = slot.keep(kKeyField, data.name);
-                                        return ZVR_OK;
-                                      });
+  return readRecord<NotificationData>(
+      n, Kind::Notification, out,
+      [](const NotificationData& data, Slot& slot, const char** o) -> zvr_result {
+        *o = slot.keep(kKeyField, data.name);
+        return ZVR_OK;
+      });
 }
 
 zvr_result zvr_notification_get_offers(zvr_notification n, zvr_offer_list* out) {
@@ -160,20 +161,20 @@ zvr_result zvr_notification_get_skill_question(zvr_notification n, zvr_skill_que
   return payload<ZVSkillQuestion>(n, ZV_MANAGER_NOTIFICATION_DATA_KEY, Kind::SkillQuestion, out);
 }
 zvr_result zvr_notification_get_skill_challenge(zvr_notification n, zvr_skill_challenge* out) {
-  return payload<ZVSkillChallenge>(n, ZV_MANAGER_NOTIFICATION_DATA_KEY, Kind::SkillChallenge,
-                                   out);
+  return payload<ZVSkillChallenge>(n, ZV_MANAGER_NOTIFICATION_DATA_KEY, Kind::SkillChallenge, out);
 }
 
 zvr_result zvr_notification_get_error(zvr_notification n, zvr_error* out) {
   return readRecord<NotificationData>(
-      n, Kind::Notification, out, [](const NotificationData& data, Slot&, zvr_error* o) -> zvr_result {
+      n, Kind::Notification, out,
+      [](const NotificationData& data, Slot&, zvr_error* o) -> zvr_result {
         const auto found = data.userInfo.find(ZV_MANAGER_NOTIFICATION_ERROR_KEY);
         if (found == data.userInfo.end()) return ZVR_OK;
         // ZVError has subclasses (ZVRewardsError); its type information is
         // exported, so a dynamic cast works across the libraries.
         auto error = std::dynamic_pointer_cast<const ZVError>(found->second);
-        *o = static_cast<zvr_error>(
-            HandleTable::shared().issueLocked(Kind::Error, std::const_pointer_cast<ZVError>(error)));
+        *o = static_cast<zvr_error>(HandleTable::shared().issueLocked(
+            Kind::Error, std::const_pointer_cast<ZVError>(error)));
         return ZVR_OK;
       });
 }

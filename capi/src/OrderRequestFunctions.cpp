@@ -31,8 +31,7 @@ zvr_result change(zvr_order_request request, Fn&& fn) noexcept {
 
 extern "C" {
 
-zvr_result zvr_order_request_create(const char* offerID, int64_t quantity,
-                                    zvr_order_request* out) {
+zvr_result zvr_order_request_create(const char* offerID, int64_t quantity, zvr_order_request* out) {
   if (out == nullptr) return ZVR_E_INVALID_ARGUMENT;
   *out = nullptr;
   return guarded([&]() -> zvr_result {
@@ -48,8 +47,9 @@ zvr_result zvr_order_request_set_offer_id(zvr_order_request request, const char*
 }
 
 zvr_result zvr_order_request_set_quantity(zvr_order_request request, int64_t quantity) {
-  return change(request,
-                [&](ZVOrderRequest& r) { r.setQuantity(ZVJSONValue(static_cast<long long>(quantity))); });
+  return change(request, [&](ZVOrderRequest& r) {
+    r.setQuantity(ZVJSONValue(static_cast<long long>(quantity)));
+  });
 }
 
 zvr_result zvr_order_request_unset_quantity(zvr_order_request request) {
@@ -64,8 +64,7 @@ zvr_result zvr_order_request_set_ip(zvr_order_request request, const char* ip) {
   return change(request, [&](ZVOrderRequest& r) { r.setIp(copied(ip)); });
 }
 
-zvr_result zvr_order_request_set_challenge_id(zvr_order_request request,
-                                              const char* challengeID) {
+zvr_result zvr_order_request_set_challenge_id(zvr_order_request request, const char* challengeID) {
   return change(request, [&](ZVOrderRequest& r) { r.setChallengeID(copied(challengeID)); });
 }
 

@@ -17,17 +17,19 @@ namespace {
 template <class T>
 zvr_result idText(const void* h, Kind kind, int key, const char** out,
                   const std::optional<std::string>& (T::*field)() const) {
-  return readRecord<T>(h, kind, out, [&](const T& record, Slot& slot, const char** o) -> zvr_result {
-    return optionalText(slot, kKeyField + key, (record.*field)(), o);
-  });
+  return readRecord<T>(h, kind, out,
+                       [&](const T& record, Slot& slot, const char** o) -> zvr_result {
+                         return optionalText(slot, kKeyField + key, (record.*field)(), o);
+                       });
 }
 
 template <class T>
 zvr_result valueText(const void* h, Kind kind, int key, const char** out,
                      const ZVJSONValue& (T::*field)() const) {
-  return readRecord<T>(h, kind, out, [&](const T& record, Slot& slot, const char** o) -> zvr_result {
-    return jsonValueText(slot, kKeyField + key, (record.*field)(), o);
-  });
+  return readRecord<T>(h, kind, out,
+                       [&](const T& record, Slot& slot, const char** o) -> zvr_result {
+                         return jsonValueText(slot, kKeyField + key, (record.*field)(), o);
+                       });
 }
 
 template <class T, class Out, class Value>
@@ -40,9 +42,10 @@ zvr_result number(const void* h, Kind kind, Out* out, Value (T::*field)() const)
 
 template <class T, class Fn>
 zvr_result wholeJSON(const void* h, Kind kind, const char** out, Fn toJSON) {
-  return readRecord<T>(h, kind, out, [&](const T& record, Slot& slot, const char** o) -> zvr_result {
-    return rawJSON(slot, kKeyJSON, toJSON(record), o);
-  });
+  return readRecord<T>(h, kind, out,
+                       [&](const T& record, Slot& slot, const char** o) -> zvr_result {
+                         return rawJSON(slot, kKeyJSON, toJSON(record), o);
+                       });
 }
 
 template <class T>
@@ -57,11 +60,12 @@ zvr_result description(const void* h, Kind kind, const char** out) {
 // or nothing for an unknown field.
 template <class T, class Pick>
 zvr_result fieldJSON(const void* h, Kind kind, int32_t field, const char** out, Pick pick) {
-  return readRecord<T>(h, kind, out, [&](const T& record, Slot& slot, const char** o) -> zvr_result {
-    const std::optional<ZVJSONValue> value = pick(record, field);
-    if (!value) return ZVR_E_INVALID_ARGUMENT;
-    return rawJSON(slot, kKeyFieldJSON + field, *value, o);
-  });
+  return readRecord<T>(h, kind, out,
+                       [&](const T& record, Slot& slot, const char** o) -> zvr_result {
+                         const std::optional<ZVJSONValue> value = pick(record, field);
+                         if (!value) return ZVR_E_INVALID_ARGUMENT;
+                         return rawJSON(slot, kKeyFieldJSON + field, *value, o);
+                       });
 }
 
 // A nested record as a new handle of its own.
@@ -103,23 +107,26 @@ zvr_result zvr_error_get_type(zvr_error error, int64_t* out) {
   return number<ZVError>(error, Kind::Error, out, &ZVError::type);
 }
 zvr_result zvr_error_get_code(zvr_error error, const char** out) {
-  return readRecord<ZVError>(error, Kind::Error, out, [](const ZVError& e, Slot& slot, const char** o) -> zvr_result {
-    if (!e.code().empty()) *o = slot.keep(kKeyField + 1, e.code());
-    return ZVR_OK;
-  });
+  return readRecord<ZVError>(error, Kind::Error, out,
+                             [](const ZVError& e, Slot& slot, const char** o) -> zvr_result {
+                               if (!e.code().empty()) *o = slot.keep(kKeyField + 1, e.code());
+                               return ZVR_OK;
+                             });
 }
 zvr_result zvr_error_get_message(zvr_error error, const char** out) {
-  return readRecord<ZVError>(error, Kind::Error, out, [](const ZVError& e, Slot& slot, const char** o) -> zvr_result {
-    return optionalText(slot, kKeyField + 2, e.message(), o);
-  });
+  return readRecord<ZVError>(error, Kind::Error, out,
+                             [](const ZVError& e, Slot& slot, const char** o) -> zvr_result {
+                               return optionalText(slot, kKeyField + 2, e.message(), o);
+                             });
 }
 zvr_result zvr_error_get_http_status(zvr_error error, int32_t* out) {
   return number<ZVError>(error, Kind::Error, out, &ZVError::httpStatus);
 }
 zvr_result zvr_error_get_raw_json(zvr_error error, const char** out) {
-  return readRecord<ZVError>(error, Kind::Error, out, [](const ZVError& e, Slot& slot, const char** o) -> zvr_result {
-    return rawJSON(slot, kKeyJSON, ZVJSONValue(e.raw()), o);
-  });
+  return readRecord<ZVError>(error, Kind::Error, out,
+                             [](const ZVError& e, Slot& slot, const char** o) -> zvr_result {
+                               return rawJSON(slot, kKeyJSON, ZVJSONValue(e.raw()), o);
+                             });
 }
 zvr_result zvr_error_get_description(zvr_error error, const char** out) {
   return description<ZVError>(error, Kind::Error, out);
@@ -172,32 +179,43 @@ zvr_result zvr_offer_get_status(zvr_offer offer, int64_t* out) {
   return number<ZVOffer>(offer, Kind::Offer, out, &ZVOffer::status);
 }
 zvr_result zvr_offer_get_status_text(zvr_offer offer, const char** out) {
-  return readRecord<ZVOffer>(offer, Kind::Offer, out, [](const ZVOffer& o, Slot& slot, const char** t) -> zvr_result {
-    *t = slot.keep(kKeyStatusText, ZVOffer::stringForStatus(o.status()));
-    return ZVR_OK;
-  });
+  return readRecord<ZVOffer>(offer, Kind::Offer, out,
+                             [](const ZVOffer& o, Slot& slot, const char** t) -> zvr_result {
+                               *t = slot.keep(kKeyStatusText, ZVOffer::stringForStatus(o.status()));
+                               return ZVR_OK;
+                             });
 }
 zvr_result zvr_offer_get_options(zvr_offer offer, zvr_offer_list* out) {
   return child<ZVOffer>(offer, Kind::Offer, out, Kind::OfferList, &ZVOffer::options);
 }
 zvr_result zvr_offer_get_field_json(zvr_offer offer, int32_t field, const char** out) {
-  return fieldJSON<ZVOffer>(
-      offer, Kind::Offer, field, out,
-      [](const ZVOffer& o, int32_t f) -> std::optional<ZVJSONValue> {
-        switch (f) {
-          case ZVR_OFFER_FIELD_NAME: return o.name();
-          case ZVR_OFFER_FIELD_TYPE: return o.type();
-          case ZVR_OFFER_FIELD_DETAILS: return o.details();
-          case ZVR_OFFER_FIELD_DESCRIPTION_TEXT: return o.descriptionText();
-          case ZVR_OFFER_FIELD_START_TIME: return o.startTime();
-          case ZVR_OFFER_FIELD_END_TIME: return o.endTime();
-          case ZVR_OFFER_FIELD_TIER: return o.tier();
-          case ZVR_OFFER_FIELD_LOGO_URL: return o.logoURL();
-          case ZVR_OFFER_FIELD_DATA: return o.data();
-          case ZVR_OFFER_FIELD_EXTRAS: return ZVJSONValue(o.extras());
-          default: return std::nullopt;
-        }
-      });
+  return fieldJSON<ZVOffer>(offer, Kind::Offer, field, out,
+                            [](const ZVOffer& o, int32_t f) -> std::optional<ZVJSONValue> {
+                              switch (f) {
+                                case ZVR_OFFER_FIELD_NAME:
+                                  return o.name();
+                                case ZVR_OFFER_FIELD_TYPE:
+                                  return o.type();
+                                case ZVR_OFFER_FIELD_DETAILS:
+                                  return o.details();
+                                case ZVR_OFFER_FIELD_DESCRIPTION_TEXT:
+                                  return o.descriptionText();
+                                case ZVR_OFFER_FIELD_START_TIME:
+                                  return o.startTime();
+                                case ZVR_OFFER_FIELD_END_TIME:
+                                  return o.endTime();
+                                case ZVR_OFFER_FIELD_TIER:
+                                  return o.tier();
+                                case ZVR_OFFER_FIELD_LOGO_URL:
+                                  return o.logoURL();
+                                case ZVR_OFFER_FIELD_DATA:
+                                  return o.data();
+                                case ZVR_OFFER_FIELD_EXTRAS:
+                                  return ZVJSONValue(o.extras());
+                                default:
+                                  return std::nullopt;
+                              }
+                            });
 }
 zvr_result zvr_offer_get_json(zvr_offer offer, const char** out) {
   return wholeJSON<ZVOffer>(offer, Kind::Offer, out, offerJSON);
@@ -266,26 +284,34 @@ zvr_result zvr_order_get_status(zvr_order order, int64_t* out) {
   return number<ZVOrder>(order, Kind::Order, out, &ZVOrder::status);
 }
 zvr_result zvr_order_get_status_text(zvr_order order, const char** out) {
-  return readRecord<ZVOrder>(order, Kind::Order, out, [](const ZVOrder& o, Slot& slot, const char** t) -> zvr_result {
-    *t = slot.keep(kKeyStatusText, o.stringForCurrentStatus());
-    return ZVR_OK;
-  });
+  return readRecord<ZVOrder>(order, Kind::Order, out,
+                             [](const ZVOrder& o, Slot& slot, const char** t) -> zvr_result {
+                               *t = slot.keep(kKeyStatusText, o.stringForCurrentStatus());
+                               return ZVR_OK;
+                             });
 }
 zvr_result zvr_order_get_field_json(zvr_order order, int32_t field, const char** out) {
-  return fieldJSON<ZVOrder>(
-      order, Kind::Order, field, out,
-      [](const ZVOrder& o, int32_t f) -> std::optional<ZVJSONValue> {
-        switch (f) {
-          case ZVR_ORDER_FIELD_CREATED_TIME: return o.createdTime();
-          case ZVR_ORDER_FIELD_NAME: return o.name();
-          case ZVR_ORDER_FIELD_LOGO_URL: return o.logoURL();
-          case ZVR_ORDER_FIELD_DETAILS: return o.details();
-          case ZVR_ORDER_FIELD_DESCRIPTION_TEXT: return o.descriptionText();
-          case ZVR_ORDER_FIELD_DATA: return o.data();
-          case ZVR_ORDER_FIELD_EXTRAS: return ZVJSONValue(o.extras());
-          default: return std::nullopt;
-        }
-      });
+  return fieldJSON<ZVOrder>(order, Kind::Order, field, out,
+                            [](const ZVOrder& o, int32_t f) -> std::optional<ZVJSONValue> {
+                              switch (f) {
+                                case ZVR_ORDER_FIELD_CREATED_TIME:
+                                  return o.createdTime();
+                                case ZVR_ORDER_FIELD_NAME:
+                                  return o.name();
+                                case ZVR_ORDER_FIELD_LOGO_URL:
+                                  return o.logoURL();
+                                case ZVR_ORDER_FIELD_DETAILS:
+                                  return o.details();
+                                case ZVR_ORDER_FIELD_DESCRIPTION_TEXT:
+                                  return o.descriptionText();
+                                case ZVR_ORDER_FIELD_DATA:
+                                  return o.data();
+                                case ZVR_ORDER_FIELD_EXTRAS:
+                                  return ZVJSONValue(o.extras());
+                                default:
+                                  return std::nullopt;
+                              }
+                            });
 }
 zvr_result zvr_order_get_json(zvr_order order, const char** out) {
   return wholeJSON<ZVOrder>(order, Kind::Order, out, orderJSON);
@@ -323,9 +349,9 @@ namespace {
 zvr_result addressText(zvr_address address, int key, const char** out,
                        std::optional<std::string> ZVAddress::*field) {
   return readRecord<ZVAddress>(address, Kind::Address, out,
-                         [&](const ZVAddress& a, Slot& slot, const char** o) -> zvr_result {
-                           return optionalText(slot, kKeyField + key, a.*field, o);
-                         });
+                               [&](const ZVAddress& a, Slot& slot, const char** o) -> zvr_result {
+                                 return optionalText(slot, kKeyField + key, a.*field, o);
+                               });
 }
 }  // namespace
 
@@ -354,9 +380,10 @@ zvr_result zvr_address_get_phone(zvr_address a, const char** out) {
   return addressText(a, 8, out, &ZVAddress::phone);
 }
 zvr_result zvr_address_get_extras_json(zvr_address a, const char** out) {
-  return readRecord<ZVAddress>(a, Kind::Address, out, [](const ZVAddress& r, Slot& slot, const char** o) -> zvr_result {
-    return rawJSON(slot, kKeyFieldJSON + 1, ZVJSONValue(r.extras), o);
-  });
+  return readRecord<ZVAddress>(a, Kind::Address, out,
+                               [](const ZVAddress& r, Slot& slot, const char** o) -> zvr_result {
+                                 return rawJSON(slot, kKeyFieldJSON + 1, ZVJSONValue(r.extras), o);
+                               });
 }
 zvr_result zvr_address_get_json(zvr_address a, const char** out) {
   return wholeJSON<ZVAddress>(a, Kind::Address, out, addressJSON);
@@ -368,8 +395,8 @@ zvr_result zvr_skill_question_get_id(zvr_skill_question q, const char** out) {
   return idText<ZVSkillQuestion>(q, Kind::SkillQuestion, 0, out, &ZVSkillQuestion::questionID);
 }
 zvr_result zvr_skill_question_get_question(zvr_skill_question q, const char** out) {
-  return valueText<ZVSkillQuestion>(q, Kind::SkillQuestion, ZVR_SKILL_QUESTION_FIELD_QUESTION,
-                                    out, &ZVSkillQuestion::question);
+  return valueText<ZVSkillQuestion>(q, Kind::SkillQuestion, ZVR_SKILL_QUESTION_FIELD_QUESTION, out,
+                                    &ZVSkillQuestion::question);
 }
 zvr_result zvr_skill_question_get_field_json(zvr_skill_question q, int32_t field,
                                              const char** out) {
@@ -389,12 +416,11 @@ zvr_result zvr_skill_question_get_description(zvr_skill_question q, const char**
 }
 
 zvr_result zvr_skill_challenge_get_id(zvr_skill_challenge c, const char** out) {
-  return idText<ZVSkillChallenge>(c, Kind::SkillChallenge, 0, out,
-                                  &ZVSkillChallenge::challengeID);
+  return idText<ZVSkillChallenge>(c, Kind::SkillChallenge, 0, out, &ZVSkillChallenge::challengeID);
 }
 zvr_result zvr_skill_challenge_get_status(zvr_skill_challenge c, const char** out) {
-  return valueText<ZVSkillChallenge>(c, Kind::SkillChallenge, ZVR_SKILL_CHALLENGE_FIELD_STATUS,
-                                     out, &ZVSkillChallenge::status);
+  return valueText<ZVSkillChallenge>(c, Kind::SkillChallenge, ZVR_SKILL_CHALLENGE_FIELD_STATUS, out,
+                                     &ZVSkillChallenge::status);
 }
 zvr_result zvr_skill_challenge_get_field_json(zvr_skill_challenge c, int32_t field,
                                               const char** out) {

@@ -7,7 +7,9 @@ ZVJSONValue text(const std::optional<std::string>& value) {
   return value ? ZVJSONValue(*value) : ZVJSONValue();
 }
 
-ZVJSONValue integer(int64_t value) { return ZVJSONValue(static_cast<long long>(value)); }
+ZVJSONValue integer(int64_t value) {
+  return ZVJSONValue(static_cast<long long>(value));
+}
 
 }  // namespace
 

@@ -15,13 +15,19 @@ namespace {
 thread_local bool tInsideLogSink = false;
 }  // namespace
 
-bool zvr::insideLogSink() { return tInsideLogSink; }
+bool zvr::insideLogSink() {
+  return tInsideLogSink;
+}
 
 extern "C" {
 
-uint32_t zvr_api_version(void) { return ZVR_API_VERSION; }
+uint32_t zvr_api_version(void) {
+  return ZVR_API_VERSION;
+}
 
-double zvr_sdk_version_number(void) { return ZorvaneRewardsKitVersionNumber; }
+double zvr_sdk_version_number(void) {
+  return ZorvaneRewardsKitVersionNumber;
+}
 
 const char* zvr_sdk_version_string(void) {
   return reinterpret_cast<const char*>(ZorvaneRewardsKitVersionString);
@@ -29,20 +35,34 @@ const char* zvr_sdk_version_string(void) {
 
 const char* zvr_result_name(zvr_result result) {
   switch (result) {
-    case ZVR_OK: return "ZVR_OK";
-    case ZVR_E_NULL_HANDLE: return "ZVR_E_NULL_HANDLE";
-    case ZVR_E_INVALID_HANDLE: return "ZVR_E_INVALID_HANDLE";
-    case ZVR_E_WRONG_HANDLE_TYPE: return "ZVR_E_WRONG_HANDLE_TYPE";
-    case ZVR_E_INVALID_ARGUMENT: return "ZVR_E_INVALID_ARGUMENT";
-    case ZVR_E_UNSUPPORTED_STRUCT: return "ZVR_E_UNSUPPORTED_STRUCT";
-    case ZVR_E_NOT_TEXT: return "ZVR_E_NOT_TEXT";
-    case ZVR_E_OUT_OF_RANGE: return "ZVR_E_OUT_OF_RANGE";
-    case ZVR_E_NO_VALUE: return "ZVR_E_NO_VALUE";
-    case ZVR_E_BUSY: return "ZVR_E_BUSY";
-    case ZVR_E_OUT_OF_MEMORY: return "ZVR_E_OUT_OF_MEMORY";
-    case ZVR_E_TOO_MANY_HANDLES: return "ZVR_E_TOO_MANY_HANDLES";
-    case ZVR_E_INTERNAL: return "ZVR_E_INTERNAL";
-    default: return "ZVR_E_UNKNOWN";
+    case ZVR_OK:
+      return "ZVR_OK";
+    case ZVR_E_NULL_HANDLE:
+      return "ZVR_E_NULL_HANDLE";
+    case ZVR_E_INVALID_HANDLE:
+      return "ZVR_E_INVALID_HANDLE";
+    case ZVR_E_WRONG_HANDLE_TYPE:
+      return "ZVR_E_WRONG_HANDLE_TYPE";
+    case ZVR_E_INVALID_ARGUMENT:
+      return "ZVR_E_INVALID_ARGUMENT";
+    case ZVR_E_UNSUPPORTED_STRUCT:
+      return "ZVR_E_UNSUPPORTED_STRUCT";
+    case ZVR_E_NOT_TEXT:
+      return "ZVR_E_NOT_TEXT";
+    case ZVR_E_OUT_OF_RANGE:
+      return "ZVR_E_OUT_OF_RANGE";
+    case ZVR_E_NO_VALUE:
+      return "ZVR_E_NO_VALUE";
+    case ZVR_E_BUSY:
+      return "ZVR_E_BUSY";
+    case ZVR_E_OUT_OF_MEMORY:
+      return "ZVR_E_OUT_OF_MEMORY";
+    case ZVR_E_TOO_MANY_HANDLES:
+      return "ZVR_E_TOO_MANY_HANDLES";
+    case ZVR_E_INTERNAL:
+      return "ZVR_E_INTERNAL";
+    default:
+      return "ZVR_E_UNKNOWN";
   }
 }
 
@@ -81,9 +101,9 @@ zvr_result zvr_main_queue_run_until(zvr_predicate done, void* user, int64_t time
   if (outDone) *outDone = 0;
   if (tInsideLogSink) return ZVR_E_BUSY;
   return guarded([&]() -> zvr_result {
-    const bool held = ZVMainQueue::shared()->runUntil(
-        [done, user] { return done != nullptr && done(user) != 0; },
-        std::chrono::milliseconds(timeoutMs > 0 ? timeoutMs : 0));
+    const bool held =
+        ZVMainQueue::shared()->runUntil([done, user] { return done != nullptr && done(user) != 0; },
+                                        std::chrono::milliseconds(timeoutMs > 0 ? timeoutMs : 0));
     if (outDone) *outDone = held ? 1 : 0;
     return ZVR_OK;
   });

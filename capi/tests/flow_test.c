@@ -16,7 +16,7 @@ static pthread_t main_thread;
 typedef struct {
   int calls;
   int on_main_thread;
-  void* result; /* retained */
+  void* result;    /* retained */
   zvr_error error; /* retained */
 } outcome;
 

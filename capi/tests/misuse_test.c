@@ -72,7 +72,8 @@ static void check_stale_handles_never_alias(void) {
     zvr_order_request fresh = NULL;
     CHECK_RESULT(ZVR_OK, zvr_order_request_create("1", 1, &fresh));
     for (int old = 0; old < round; ++old) CHECK(released[old] != fresh);
-    if (round > 0) CHECK_RESULT(ZVR_E_INVALID_HANDLE, zvr_order_request_set_ip(released[round - 1], "x"));
+    if (round > 0)
+      CHECK_RESULT(ZVR_E_INVALID_HANDLE, zvr_order_request_set_ip(released[round - 1], "x"));
     CHECK_RESULT(ZVR_OK, zvr_release(fresh));
     released[round] = fresh;
   }

@@ -31,8 +31,7 @@ int zvr_test_start_sandbox(const char* server, char* host, size_t size) {
     dup2(out[1], STDOUT_FILENO);
     close(out[0]);
     close(out[1]);
-    execl(server, server, "--host", "127.0.0.1", "--port", "0", "--state", ":memory:",
-          (char*)NULL);
+    execl(server, server, "--host", "127.0.0.1", "--port", "0", "--state", ":memory:", (char*)NULL);
     _exit(127);
   }
   close(out[1]);
@@ -53,7 +52,9 @@ int zvr_test_start_sandbox(const char* server, char* host, size_t size) {
   return -1;
 }
 
-static int32_t ZVR_CALL flag_is_set(void* user) { return *(const int*)user; }
+static int32_t ZVR_CALL flag_is_set(void* user) {
+  return *(const int*)user;
+}
 
 int zvr_test_wait_for(const int* flag) {
   int32_t done = 0;

@@ -7,7 +7,9 @@
 static void add_row(const char* id, const char* name, long long points) {
   printf("%s %s %lld\n", id, name ? name : "", points);
 }
-static void show_error(const char* text) { printf("%s\n", text); }
+static void show_error(const char* text) {
+  printf("%s\n", text);
+}
 
 //! [c_configure]
 void start_rewards(const char* user_token) {
@@ -51,7 +53,9 @@ void show_rewards(void* screen) {
 }
 
 /* Once a frame: callbacks and notifications run here, on this thread. */
-void game_frame(void) { zvr_main_queue_drain(NULL); }
+void game_frame(void) {
+  zvr_main_queue_drain(NULL);
+}
 //! [c_fetch_offers]
 
 //! [c_order]
@@ -80,8 +84,7 @@ static void on_balance(zvr_notification notification, void* user) {
 
 uint64_t watch_balance(int64_t* balance) {
   uint64_t subscription = 0;
-  zvr_notifications_subscribe(ZVR_NOTIFICATION_USER_DID_UPDATE, on_balance, balance,
-                              &subscription);
+  zvr_notifications_subscribe(ZVR_NOTIFICATION_USER_DID_UPDATE, on_balance, balance, &subscription);
   return subscription; /* zvr_notifications_unsubscribe(subscription) before freeing `balance` */
 }
 //! [c_notifications]

@@ -112,15 +112,15 @@ ZVR_API const char* ZVR_CALL zvr_sdk_version_string(void);
 typedef int32_t zvr_result;
 enum zvr_result_code {
   ZVR_OK = 0,
-  ZVR_E_NULL_HANDLE = 1,       /**< a NULL handle where one is required */
-  ZVR_E_INVALID_HANDLE = 2,    /**< released (or released twice), stale, or never issued */
-  ZVR_E_WRONG_HANDLE_TYPE = 3, /**< a live handle of another kind */
-  ZVR_E_INVALID_ARGUMENT = 4,  /**< NULL output pointer, unknown field, NULL callback... */
+  ZVR_E_NULL_HANDLE = 1,        /**< a NULL handle where one is required */
+  ZVR_E_INVALID_HANDLE = 2,     /**< released (or released twice), stale, or never issued */
+  ZVR_E_WRONG_HANDLE_TYPE = 3,  /**< a live handle of another kind */
+  ZVR_E_INVALID_ARGUMENT = 4,   /**< NULL output pointer, unknown field, NULL callback... */
   ZVR_E_UNSUPPORTED_STRUCT = 5, /**< struct_size too small, or a newer field is set */
-  ZVR_E_NOT_TEXT = 6,          /**< the field holds a JSON value that is not a string */
-  ZVR_E_OUT_OF_RANGE = 7,      /**< an index past the end of a list */
-  ZVR_E_NO_VALUE = 8,          /**< the notification carries no such value */
-  ZVR_E_BUSY = 9,              /**< not allowed from inside this callback */
+  ZVR_E_NOT_TEXT = 6,           /**< the field holds a JSON value that is not a string */
+  ZVR_E_OUT_OF_RANGE = 7,       /**< an index past the end of a list */
+  ZVR_E_NO_VALUE = 8,           /**< the notification carries no such value */
+  ZVR_E_BUSY = 9,               /**< not allowed from inside this callback */
   ZVR_E_OUT_OF_MEMORY = 10,
   ZVR_E_TOO_MANY_HANDLES = 11, /**< the handle table is full */
   ZVR_E_INTERNAL = 99          /**< an unexpected failure inside the SDK */
@@ -156,7 +156,7 @@ ZVR_API zvr_result ZVR_CALL zvr_handle_count(uint32_t* out_count);
 /** Everything a host configures. Zero (NULL) in a field means its default.
  *  Start from ZVR_CONFIGURATION_INIT, or zero the struct and set struct_size. */
 typedef struct zvr_configuration {
-  uint32_t struct_size; /**< sizeof(zvr_configuration) as the caller compiled it */
+  uint32_t struct_size;         /**< sizeof(zvr_configuration) as the caller compiled it */
   uint32_t allow_insecure_http; /**< non-zero: allow "http://" (a local sandbox). Default 0 */
   /** The rewards service: "rewards.example.com", "host:8443" or with a scheme,
    *  "http://127.0.0.1:8080". REQUIRED before the first request. */
@@ -171,7 +171,8 @@ typedef struct zvr_configuration {
   uint64_t max_response_bytes; /**< larger answers fail. Default 64 MiB */
 } zvr_configuration;
 
-#define ZVR_CONFIGURATION_INIT {sizeof(zvr_configuration), 0, 0, 0, 0, 0, 0, 0, 0, 0}
+#define ZVR_CONFIGURATION_INIT \
+  { sizeof(zvr_configuration), 0, 0, 0, 0, 0, 0, 0, 0, 0 }
 
 /** Replaces the whole configuration (and the custom locale); applies to the
  *  requests sent after the call. ZVR_E_UNSUPPORTED_STRUCT when struct_size is
@@ -235,13 +236,13 @@ enum zvr_offer_field {
   ZVR_OFFER_FIELD_END_TIME = 6,
   ZVR_OFFER_FIELD_TIER = 7,
   ZVR_OFFER_FIELD_LOGO_URL = 8,
-  ZVR_OFFER_FIELD_DATA = 9,  /**< the service's "data" object */
+  ZVR_OFFER_FIELD_DATA = 9,   /**< the service's "data" object */
   ZVR_OFFER_FIELD_EXTRAS = 10 /**< the keys the record did not consume */
 };
 
 ZVR_API zvr_result ZVR_CALL zvr_offer_get_id(zvr_offer offer, const char** out);
-ZVR_API zvr_result ZVR_CALL zvr_offer_get_name(zvr_offer offer, const char** out); /**< text */
-ZVR_API zvr_result ZVR_CALL zvr_offer_get_type(zvr_offer offer, const char** out); /**< text */
+ZVR_API zvr_result ZVR_CALL zvr_offer_get_name(zvr_offer offer, const char** out);    /**< text */
+ZVR_API zvr_result ZVR_CALL zvr_offer_get_type(zvr_offer offer, const char** out);    /**< text */
 ZVR_API zvr_result ZVR_CALL zvr_offer_get_details(zvr_offer offer, const char** out); /**< text */
 ZVR_API zvr_result ZVR_CALL zvr_offer_get_description_text(zvr_offer offer, const char** out);
 ZVR_API zvr_result ZVR_CALL zvr_offer_get_points(zvr_offer offer, int64_t* out);
@@ -327,8 +328,7 @@ ZVR_API zvr_result ZVR_CALL zvr_order_list_get_at(zvr_order_list list, uint32_t 
 ZVR_API zvr_result ZVR_CALL zvr_order_list_get_json(zvr_order_list list, const char** out);
 
 ZVR_API zvr_result ZVR_CALL zvr_order_user_get_id(zvr_order_user user, const char** out);
-ZVR_API zvr_result ZVR_CALL zvr_order_user_get_available_points(zvr_order_user user,
-                                                                int64_t* out);
+ZVR_API zvr_result ZVR_CALL zvr_order_user_get_available_points(zvr_order_user user, int64_t* out);
 ZVR_API zvr_result ZVR_CALL zvr_order_user_get_test_points(zvr_order_user user, int64_t* out);
 ZVR_API zvr_result ZVR_CALL zvr_order_user_get_json(zvr_order_user user, const char** out);
 
@@ -398,7 +398,8 @@ typedef struct zvr_address_fields {
   const char* phone;
 } zvr_address_fields;
 
-#define ZVR_ADDRESS_FIELDS_INIT {sizeof(zvr_address_fields), 0, 0, 0, 0, 0, 0, 0, 0}
+#define ZVR_ADDRESS_FIELDS_INIT \
+  { sizeof(zvr_address_fields), 0, 0, 0, 0, 0, 0, 0, 0 }
 
 /** A new request for `quantity` of the offer `offer_id` (NULL: unset). */
 ZVR_API zvr_result ZVR_CALL zvr_order_request_create(const char* offer_id, int64_t quantity,
@@ -421,8 +422,7 @@ ZVR_API zvr_result ZVR_CALL zvr_order_request_set_challenge_id(zvr_order_request
                                                                const char* challenge_id);
 /** The JSON object sent under "order", as the request stands now. Each text
  *  stays valid until the request's last release, also after later changes. */
-ZVR_API zvr_result ZVR_CALL zvr_order_request_get_json(zvr_order_request request,
-                                                       const char** out);
+ZVR_API zvr_result ZVR_CALL zvr_order_request_get_json(zvr_order_request request, const char** out);
 
 /* ---- The rewards manager --------------------------------------------------
  * Each operation returns at once; its callback runs later on the main queue,
@@ -432,10 +432,10 @@ ZVR_API zvr_result ZVR_CALL zvr_order_request_get_json(zvr_order_request request
 typedef void(ZVR_CALL* zvr_offers_callback)(zvr_offer_list offers, zvr_error error, void* user);
 typedef void(ZVR_CALL* zvr_orders_callback)(zvr_order_list orders, zvr_error error, void* user);
 typedef void(ZVR_CALL* zvr_order_callback)(zvr_order order, zvr_error error, void* user);
-typedef void(ZVR_CALL* zvr_skill_question_callback)(zvr_skill_question question,
-                                                    zvr_error error, void* user);
-typedef void(ZVR_CALL* zvr_skill_challenge_callback)(zvr_skill_challenge challenge,
-                                                     zvr_error error, void* user);
+typedef void(ZVR_CALL* zvr_skill_question_callback)(zvr_skill_question question, zvr_error error,
+                                                    void* user);
+typedef void(ZVR_CALL* zvr_skill_challenge_callback)(zvr_skill_challenge challenge, zvr_error error,
+                                                     void* user);
 
 /** The offers in the configured locale (else the device's), from the cache
  *  while it is fresh (refresh interval, 300 s by default). */
@@ -446,8 +446,9 @@ ZVR_API zvr_result ZVR_CALL zvr_rewards_fetch_offers_with_locale(const char* loc
                                                                  zvr_offers_callback callback,
                                                                  void* user);
 /** Bypasses the cache. */
-ZVR_API zvr_result ZVR_CALL zvr_rewards_force_fetch_offers_with_locale(
-    const char* locale, zvr_offers_callback callback, void* user);
+ZVR_API zvr_result ZVR_CALL zvr_rewards_force_fetch_offers_with_locale(const char* locale,
+                                                                       zvr_offers_callback callback,
+                                                                       void* user);
 /** Bypasses the cache when `force_fetch` is non-zero. */
 ZVR_API zvr_result ZVR_CALL zvr_rewards_fetch_offers_with_locale_force_fetch(
     const char* locale, int32_t force_fetch, zvr_offers_callback callback, void* user);
@@ -463,9 +464,11 @@ ZVR_API zvr_result ZVR_CALL zvr_rewards_fetch_skill_question(zvr_skill_question_
 /** Submits `answer` to the question `question_id` for the offer `offer_id`.
  *  A NULL argument fails validation through the callback (checked in that
  *  order; an empty string passes). */
-ZVR_API zvr_result ZVR_CALL zvr_rewards_answer_skill_question(
-    const char* offer_id, const char* question_id, const char* answer,
-    zvr_skill_challenge_callback callback, void* user);
+ZVR_API zvr_result ZVR_CALL zvr_rewards_answer_skill_question(const char* offer_id,
+                                                              const char* question_id,
+                                                              const char* answer,
+                                                              zvr_skill_challenge_callback callback,
+                                                              void* user);
 
 /** The catalogue of the last accepted offers answer (empty, never NULL). */
 ZVR_API zvr_result ZVR_CALL zvr_rewards_get_offers(zvr_offer_list* out);
