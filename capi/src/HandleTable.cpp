@@ -69,8 +69,8 @@ void* HandleTable::issueLocked(Kind kind, std::shared_ptr<void> object) {
     free_.pop_front();
   } else {
     if (slots_.size() >= kIndexLimit) throw TableFull{};
-    slots_.emplace_back();
-    index = static_cast<uint32_t>(slots_.size() - 1);
+    index = static_cast<uint32_t>(slots_.size());
+    slots_.emplace_back().index = index;
   }
   Slot& slot = slots_[index];
   slot.kind = kind;
@@ -105,10 +105,9 @@ zvr_result HandleTable::release(const void* handle) {
     slot->texts.clear();
     slot->live = false;
     --live_;
-    const auto index = static_cast<uint32_t>(slot - slots_.data());
     if (slot->generation < kLastGeneration) {
       ++slot->generation;
-      free_.push_back(index);
+      free_.push_back(slot->index);
     }  // else retired: its next generation would not fit a handle
   }
   return ZVR_OK;

@@ -41,6 +41,7 @@ enum class Kind : uint8_t {
 /// One live handle: its object, its reference count and the strings handed
 /// out from it (which live exactly as long as the slot stays live).
 struct Slot {
+  uint32_t index = 0;
   uint32_t generation = 0;
   uint32_t refs = 0;
   Kind kind = Kind::Offer;
@@ -90,7 +91,9 @@ class HandleTable {
   zvr_result findAny(const void* handle, Slot*& slot);
 
   std::mutex mutex_;
-  std::vector<Slot> slots_;    // guarded by mutex_
+  // A deque, so that issuing a handle (which may add a slot) leaves the
+  // slot that `with` is working on where it is.
+  std::deque<Slot> slots_;     // guarded by mutex_
   std::deque<uint32_t> free_;  // guarded by mutex_: oldest freed first, to delay reuse
   uint32_t live_ = 0;          // guarded by mutex_
 };
