@@ -66,6 +66,7 @@ static void settle(outcome* o) {
 
 typedef struct {
   int offers, orders, placed, question, answered, failed;
+  uint32_t offers_notified; /* how many offers the last offers notification carried */
   int64_t available_points, test_points;
   zvr_error failure; /* retained */
 } notifications;
@@ -74,7 +75,13 @@ static void ZVR_CALL on_notification(zvr_notification n, void* user) {
   notifications* seen = user;
   const char* name = NULL;
   CHECK_RESULT(ZVR_OK, zvr_notification_get_name(n, &name));
-  if (strcmp(name, ZVR_NOTIFICATION_DID_FETCH_OFFERS) == 0) ++seen->offers;
+  if (strcmp(name, ZVR_NOTIFICATION_DID_FETCH_OFFERS) == 0) {
+    ++seen->offers;
+    zvr_offer_list offers = NULL;
+    CHECK_RESULT(ZVR_OK, zvr_notification_get_offers(n, &offers));
+    CHECK_RESULT(ZVR_OK, zvr_offer_list_get_count(offers, &seen->offers_notified));
+    zvr_release(offers);
+  }
   if (strcmp(name, ZVR_NOTIFICATION_DID_FETCH_ORDERS) == 0) ++seen->orders;
   if (strcmp(name, ZVR_NOTIFICATION_DID_PLACE_ORDER) == 0) ++seen->placed;
   if (strcmp(name, ZVR_NOTIFICATION_DID_FETCH_SKILL_QUESTION) == 0) ++seen->question;
@@ -244,6 +251,9 @@ int main(int argc, char** argv) {
   CHECK(cached.calls == 0);
   settle(&cached);
   CHECK(seen.offers == 2 && fetched_lines == 2);
+  uint32_t fetched_count = 0;
+  CHECK_RESULT(ZVR_OK, zvr_offer_list_get_count(fetched.result, &fetched_count));
+  CHECK(fetched_count > 0 && seen.offers_notified == fetched_count);
   double refreshed = 0;
   CHECK_RESULT(ZVR_OK, zvr_rewards_get_last_refresh_time(&refreshed));
   CHECK(refreshed > (double)time(NULL) - 60);
