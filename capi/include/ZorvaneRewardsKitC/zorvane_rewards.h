@@ -21,10 +21,11 @@
  *   opaque handles. A handle is not an address: it names a slot of the
  *   library's handle table together with the slot's generation, so that every
  *   use can be checked. NULL gives ZVR_E_NULL_HANDLE; a handle whose last
- *   reference was released, a double release, or any value the library never
- *   issued gives ZVR_E_INVALID_HANDLE, never a crash; a live handle of another
- *   kind gives ZVR_E_WRONG_HANDLE_TYPE. A released slot comes back only with a
- *   new generation, so a stale handle never turns into another live object.
+ *   reference is gone (so also a second release), or any value the library
+ *   never issued, gives ZVR_E_INVALID_HANDLE, never a crash; a live handle of
+ *   another kind gives ZVR_E_WRONG_HANDLE_TYPE. A released slot comes back
+ *   only with a new generation, so a stale handle never turns into another
+ *   live object.
  *   (On 32-bit platforms a slot is retired for good after 4095 reuses, so the
  *   check stays exact there too.)
  *
@@ -39,7 +40,7 @@
  *   may free them at once); NULL means "absent". Strings handed out are
  *   UTF-8, NUL-terminated, owned by the handle they were read from, and stay
  *   valid, unchanged, until that handle's last reference is released (asking
- *   twice gives the same pointer). NULL means absent.
+ *   a record twice gives the same pointer). NULL means absent.
  *
  * Threads. Every function may be called from any thread. Completion
  *   callbacks, and the callbacks of every notification the SDK posts, run on
