@@ -21,6 +21,13 @@ if(TARGET ZorvaneRewardsKitTesting)
           FILES_MATCHING PATTERN "*.h")
 endif()
 
+if(TARGET ZorvaneRewardsKitC)
+  list(APPEND ZV_INSTALLED_TARGETS ZorvaneRewardsKitC)
+  install(DIRECTORY ${PROJECT_SOURCE_DIR}/capi/include/ZorvaneRewardsKitC
+          DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT Development
+          FILES_MATCHING PATTERN "*.h")
+endif()
+
 # The rewards library finds the core next to itself wherever the prefix lands.
 set_target_properties(ZorvaneCoreKit ZorvaneRewardsKit PROPERTIES INSTALL_RPATH "$ORIGIN")
 
@@ -60,6 +67,9 @@ endif()
 set(ZV_PC_FILES zorvane-core-kit zorvane-rewards-kit)
 if(TARGET ZorvaneRewardsKitTesting)
   list(APPEND ZV_PC_FILES zorvane-rewards-kit-testing)
+endif()
+if(TARGET ZorvaneRewardsKitC)
+  list(APPEND ZV_PC_FILES zorvane-rewards-kit-c)
 endif()
 foreach(pc IN LISTS ZV_PC_FILES)
   configure_file(${PROJECT_SOURCE_DIR}/cmake/${pc}.pc.in ${PROJECT_BINARY_DIR}/${pc}.pc @ONLY)

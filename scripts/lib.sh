@@ -6,7 +6,7 @@ ZV_ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 ZV_PACKAGES=(g++ cmake ninja-build pkg-config python3
   libcurl4-openssl-dev libsimdjson-dev libfmt-dev libcli11-dev libcpp-httplib-dev
   nlohmann-json3-dev libsqlite3-dev libssl-dev libnghttp2-dev libgtest-dev libgmock-dev
-  libbenchmark-dev)
+  libbenchmark-dev mono-devel)
 
 # zv_install_packages [EXTRA...]: apt-get installs whatever is missing.
 zv_install_packages() {

@@ -1,0 +1,189 @@
+// The whole flow through the C# binding against the sandbox service (its
+// address in ZVR_SANDBOX_HOST), as a game drives it: completions on the
+// thread that drains the queue, objects disposed, no native handle left.
+using System;
+using System.Collections.Generic;
+using System.Threading;
+using Zorvane.Rewards;
+
+static class FlowTest
+{
+    static int failures;
+    static int mainThread;
+
+    static void Check(bool condition, string what)
+    {
+        if (condition) return;
+        Console.Error.WriteLine("CHECK failed: " + what);
+        ++failures;
+    }
+
+    // Runs the queue until the completion came, then until it is dry, so
+    // that a second call would show.
+    static T Await<T>(Action<Action<T, RewardsError>> start, out RewardsError error) where T : class
+    {
+        int calls = 0;
+        T result = null;
+        RewardsError failure = null;
+        start((r, e) =>
+        {
+            ++calls;
+            Check(Thread.CurrentThread.ManagedThreadId == mainThread, "completion on the draining thread");
+            result = r;
+            failure = e;
+        });
+        Check(calls == 0, "no completion inside the call");
+        // The completion lives only behind a GCHandle now: a collection must not lose it.
+        GC.Collect();
+        GC.WaitForPendingFinalizers();
+        Check(MainQueue.RunUntil(() => calls > 0, TimeSpan.FromSeconds(20)), "completion within 20 s");
+        while (MainQueue.Drain() > 0) { }
+        Check(calls == 1, "exactly one completion");
+        error = failure;
+        return result;
+    }
+
+    // "(a x b) + c - d" and the sandbox's other shapes.
+    static long Solve(string text)
+    {
+        int at = 0;
+        Func<long> sum = null;
+        Func<long> factor = () =>
+        {
+            while (text[at] == ' ') ++at;
+            if (text[at] == '(') { ++at; long inner = sum(); while (text[at] == ' ') ++at; ++at; return inner; }
+            long value = 0;
+            while (at < text.Length && char.IsDigit(text[at])) value = value * 10 + (text[at++] - '0');
+            return value;
+        };
+        Func<long> product = () =>
+        {
+            long value = factor();
+            while (true)
+            {
+                while (at < text.Length && text[at] == ' ') ++at;
+                if (at >= text.Length || (text[at] != 'x' && text[at] != '*')) return value;
+                ++at;
+                value *= factor();
+            }
+        };
+        sum = () =>
+        {
+            long value = product();
+            while (true)
+            {
+                while (at < text.Length && text[at] == ' ') ++at;
+                if (at >= text.Length || (text[at] != '+' && text[at] != '-')) return value;
+                char sign = text[at++];
+                long term = product();
+                value = sign == '+' ? value + term : value - term;
+            }
+        };
+        return sum();
+    }
+
+    static Offer Find(OfferList list, string id)
+    {
+        foreach (Offer offer in list) if (offer.Id == id) return offer;
+        return null;
+    }
+
+    static int Main()
+    {
+        mainThread = Thread.CurrentThread.ManagedThreadId;
+        uint handlesBefore = Rewards.LiveHandleCount;
+        Rewards.Configure(new Configuration
+        {
+            ServiceHost = Environment.GetEnvironmentVariable("ZVR_SANDBOX_HOST"),
+            AppId = "sandbox-app",
+            AccessToken = "sandbox-token",
+            AllowInsecureHttp = true,
+            Locale = "en_US",
+        });
+
+        var seen = new List<string>();
+        long available = -1, test = -1;
+        RewardsError notifiedError = null;
+        IDisposable subscription = Notifications.Subscribe(null, n =>
+        {
+            seen.Add(n.Name);
+            if (n.Name == Notification.UserDidUpdate) n.TryGetBalances(out available, out test);
+            if (n.Name == Notification.RequestDidFail) notifiedError = n.Error;
+            n.Dispose();
+        });
+        int fetchedLines = 0;
+        Logger.SetSink(line => { if (line.Contains("Fetched offers: ")) Interlocked.Increment(ref fetchedLines); });
+        Logger.Categories = Logger.CategoryRewards;
+        Logger.Level = Logger.LevelCompact;
+
+        // Offers with their options tree.
+        RewardsError error;
+        OfferList offers = Await<OfferList>(done => Rewards.FetchOffers(done), out error);
+        Check(error == null && offers != null && offers.Count > 0, "offers");
+        Offer mug = Find(offers, "101");
+        Check(mug != null && mug.Name == "Coffee mug" && mug.Points == 150 && mug.IsFeatured, "the mug's fields");
+        Check(mug != null && mug.Status == OfferStatus.Available && mug.FieldJson(OfferField.Data).Contains("MUG-01"),
+              "the mug's status and data");
+        Offer black = Find(Find(offers, "106").Options, "106-black");
+        Check(black != null && black.Options.Count > 0 && black.Options[0].Options.Count == 0, "options of options");
+        Check(fetchedLines == 1, "the log sink saw the delivery");
+
+        // The question, answered right, for the draw that requires it.
+        SkillQuestion question = Await<SkillQuestion>(Rewards.FetchSkillQuestion, out error);
+        Check(error == null && question.Id != null, "a question");
+        SkillChallenge challenge = Await<SkillChallenge>(
+            done => Rewards.AnswerSkillQuestion("103", question.Id, Solve(question.Question).ToString(), done), out error);
+        Check(error == null && challenge.Status == "passed", "the answer passed");
+
+        // The order, with the challenge id and an address.
+        Order order;
+        using (var request = new OrderRequest("103", 1)
+                   .WithChallengeId(challenge.Id)
+                   .WithShippingAddress(new ShippingAddress { Name = "Ada Player", City = "Montréal", Country = "CA" }))
+        {
+            Check(request.Json.Contains("\"city\":\"Montréal\""), "the request's JSON");
+            order = Await<Order>(done => Rewards.PlaceOrder(request, done), out error);
+        }
+        Check(error == null && order.OfferId == "103", "the order");
+        Check(order.User.AvailablePoints == 5000 - 50 && available == order.User.AvailablePoints && test == 0,
+              "the balance in the order and its notification");
+        Check(order.ShippingAddress.City == "Montréal", "the shipping address");
+
+        OrderList orders = Await<OrderList>(Rewards.FetchOrders, out error);
+        Check(error == null && orders.Count == 1 && orders[0].Id == order.Id, "the orders list");
+
+        // A refusal: the error reaches the completion and the failure notification.
+        Order refused = Await<Order>(done => Rewards.PlaceOrder(new OrderRequest("111", 1), done), out error);
+        Check(refused == null && error != null && error.Type == ErrorType.Service, "a service error");
+        Check(error != null && error.Message.StartsWith("Reward: Insufficient points"), "its message: " + error);
+        Check(notifiedError != null && notifiedError.Message == error.Message, "the failure notification's error");
+
+        // A throwing completion is reported, and the queue goes on.
+        Exception reported = null;
+        Rewards.UnhandledCallbackException = e => reported = e;
+        Rewards.PlaceOrder(null, (o, e) => { throw new InvalidOperationException("game bug"); });
+        RewardsError validation = Await<Order>(done => Rewards.PlaceOrder(null, done), out error) == null ? error : null;
+        Check(reported is InvalidOperationException, "the exception was reported");
+        Check(validation != null && validation.Code == "ZVErrorServerNoRequest", "validation error code");
+
+        // Disposed objects refuse to be read instead of reaching freed memory.
+        mug.Dispose();
+        try { Check(mug.Id == null, "unreachable"); failures++; }
+        catch (ObjectDisposedException) { }
+
+        Check(seen.Contains(Notification.DidFetchOffers) && seen.Contains(Notification.DidPlaceOrder) &&
+              seen.Contains(Notification.DidAnswerSkillQuestion) && seen.Contains(Notification.ValidationDidFail),
+              "notifications: " + string.Join(", ", seen.ToArray()));
+        subscription.Dispose();
+        Logger.SetSink(null);
+
+        foreach (IDisposable held in new IDisposable[] { offers, question, challenge, order, orders, error, validation, notifiedError })
+            held.Dispose();
+        GC.Collect();
+        GC.WaitForPendingFinalizers();
+        Check(Rewards.LiveHandleCount == handlesBefore, "no native handle left: " + Rewards.LiveHandleCount);
+
+        if (failures > 0) Console.Error.WriteLine(failures + " check(s) failed");
+        return failures > 0 ? 1 : 0;
+    }
+}

@@ -1,0 +1,291 @@
+/* What a careless or hostile host does to the C interface: null, released,
+ * stale, made-up and mistyped handles, double releases, bad structs, NULL
+ * user pointers, calls from inside callbacks, handles shared between
+ * threads. Each must give an error result (or work), never a crash. Needs no
+ * service: validation failures are delivered without sending anything. */
+#include <pthread.h>
+#include <stdatomic.h>
+#include <stdlib.h>
+#include <time.h>
+
+#include "zvr_test.h"
+
+/* ---- Handles ----------------------------------------------------------------- */
+
+static void check_null_and_made_up_handles(void) {
+  const char* text = "not cleared";
+  int64_t number = 7;
+  uint32_t count = 7;
+  zvr_offer_list options = (zvr_offer_list)1;
+  /* One getter of each kind of record, with NULL and with values never issued. */
+  const void* bad[] = {NULL, (const void*)(uintptr_t)0x1000, (const void*)(uintptr_t)0xFFFFFFF1u};
+  const zvr_result expected[] = {ZVR_E_NULL_HANDLE, ZVR_E_INVALID_HANDLE, ZVR_E_INVALID_HANDLE};
+  for (size_t i = 0; i < sizeof bad / sizeof bad[0]; ++i) {
+    CHECK_RESULT(expected[i], zvr_offer_get_name((zvr_offer)bad[i], &text));
+    CHECK(text == NULL);
+    CHECK_RESULT(expected[i], zvr_offer_get_points((zvr_offer)bad[i], &number));
+    CHECK(number == 0);
+    CHECK_RESULT(expected[i], zvr_offer_get_options((zvr_offer)bad[i], &options));
+    CHECK(options == NULL);
+    CHECK_RESULT(expected[i], zvr_offer_list_get_count((zvr_offer_list)bad[i], &count));
+    CHECK(count == 0);
+    CHECK_RESULT(expected[i], zvr_order_get_json((zvr_order)bad[i], &text));
+    CHECK_RESULT(expected[i], zvr_error_get_message((zvr_error)bad[i], &text));
+    CHECK_RESULT(expected[i], zvr_skill_challenge_get_id((zvr_skill_challenge)bad[i], &text));
+    CHECK_RESULT(expected[i], zvr_notification_get_name((zvr_notification)bad[i], &text));
+    CHECK_RESULT(expected[i], zvr_order_request_set_email((zvr_order_request)bad[i], "a@b.c"));
+    CHECK_RESULT(expected[i], zvr_retain(bad[i]));
+    CHECK_RESULT(expected[i], zvr_release(bad[i]));
+  }
+}
+
+static void check_released_and_mistyped_handles(void) {
+  zvr_order_request request = NULL;
+  const char *json = NULL, *kept = NULL;
+  CHECK_RESULT(ZVR_OK, zvr_order_request_create("12", 1, &request));
+  /* A handle of another kind is refused, not misread. */
+  CHECK_RESULT(ZVR_E_WRONG_HANDLE_TYPE, zvr_offer_get_id((zvr_offer)request, &json));
+  CHECK_RESULT(ZVR_E_INVALID_ARGUMENT, zvr_order_request_get_json(request, NULL));
+
+  /* A retained handle survives one release, and its texts with it. */
+  CHECK_RESULT(ZVR_OK, zvr_order_request_get_json(request, &kept));
+  CHECK_TEXT("{\"offer_id\":\"12\",\"quantity\":1,\"ip\":\"127.0.0.1\"}", kept);
+  CHECK_RESULT(ZVR_OK, zvr_retain(request));
+  CHECK_RESULT(ZVR_OK, zvr_release(request));
+  CHECK_RESULT(ZVR_OK, zvr_order_request_set_ip(request, "10.0.0.5"));
+  CHECK_TEXT("{\"offer_id\":\"12\",\"quantity\":1,\"ip\":\"127.0.0.1\"}", kept);
+  CHECK_RESULT(ZVR_OK, zvr_release(request));
+
+  /* Released: every use, a second release and a retain are errors. */
+  CHECK_RESULT(ZVR_E_INVALID_HANDLE, zvr_order_request_get_json(request, &json));
+  CHECK(json == NULL);
+  CHECK_RESULT(ZVR_E_INVALID_HANDLE, zvr_release(request));
+  CHECK_RESULT(ZVR_E_INVALID_HANDLE, zvr_retain(request));
+}
+
+/* Slots are reused: a stale handle must never reach the object that now
+ * holds its slot. */
+static void check_stale_handles_never_alias(void) {
+  enum { kRounds = 2000 };
+  static zvr_order_request released[kRounds];
+  for (int round = 0; round < kRounds; ++round) {
+    zvr_order_request fresh = NULL;
+    CHECK_RESULT(ZVR_OK, zvr_order_request_create("1", 1, &fresh));
+    for (int old = 0; old < round; ++old) CHECK(released[old] != fresh);
+    if (round > 0)
+      CHECK_RESULT(ZVR_E_INVALID_HANDLE, zvr_order_request_set_ip(released[round - 1], "x"));
+    CHECK_RESULT(ZVR_OK, zvr_release(fresh));
+    released[round] = fresh;
+  }
+}
+
+/* ---- Structs ------------------------------------------------------------------ */
+
+static void check_versioned_structs(void) {
+  CHECK_RESULT(ZVR_E_INVALID_ARGUMENT, zvr_configure(NULL));
+  zvr_configuration configuration = ZVR_CONFIGURATION_INIT;
+  configuration.struct_size = 4; /* older than the first version */
+  CHECK_RESULT(ZVR_E_UNSUPPORTED_STRUCT, zvr_configure(&configuration));
+  configuration.struct_size = sizeof configuration;
+  configuration.connect_timeout_ms = -1;
+  CHECK_RESULT(ZVR_E_INVALID_ARGUMENT, zvr_configure(&configuration));
+
+  /* A host built with a newer header: accepted while its newer field is unset. */
+  struct {
+    zvr_configuration known;
+    uint64_t newer_field;
+  } newer;
+  memset(&newer, 0, sizeof newer);
+  newer.known.struct_size = sizeof newer;
+  newer.known.service_host = "rewards.example.com";
+  CHECK_RESULT(ZVR_OK, zvr_configure(&newer.known));
+  newer.newer_field = 1;
+  CHECK_RESULT(ZVR_E_UNSUPPORTED_STRUCT, zvr_configure(&newer.known));
+
+  zvr_order_request request = NULL;
+  zvr_address_fields address = ZVR_ADDRESS_FIELDS_INIT;
+  CHECK_RESULT(ZVR_OK, zvr_order_request_create(NULL, 1, &request));
+  address.struct_size = 0;
+  CHECK_RESULT(ZVR_E_UNSUPPORTED_STRUCT, zvr_order_request_set_shipping_address(request, &address));
+  CHECK_RESULT(ZVR_OK, zvr_order_request_set_shipping_address(request, NULL));
+  zvr_release(request);
+}
+
+/* ---- Callbacks ----------------------------------------------------------------- */
+
+static atomic_int calls_with_null_user;
+static atomic_int calling_thread_is_dedicated;
+static int inside_start_call;
+static pthread_t main_thread;
+static char last_code[64];
+
+static void ZVR_CALL on_challenge(zvr_skill_challenge challenge, zvr_error error, void* user) {
+  CHECK(user == NULL && challenge == NULL && error != NULL && !inside_start_call);
+  const char* code = NULL;
+  CHECK_RESULT(ZVR_OK, zvr_error_get_code(error, &code));
+  snprintf(last_code, sizeof last_code, "%s", code ? code : "(null)");
+  atomic_store(&calling_thread_is_dedicated, !pthread_equal(pthread_self(), main_thread));
+  atomic_fetch_add(&calls_with_null_user, 1);
+}
+
+static void ZVR_CALL on_order(zvr_order order, zvr_error error, void* user) {
+  (void)order;
+  (void)error;
+  (void)user;
+  atomic_fetch_add(&calls_with_null_user, 1);
+}
+
+static int32_t ZVR_CALL calls_reached(void* user) {
+  return atomic_load(&calls_with_null_user) >= *(const int*)user;
+}
+
+static void check_callbacks(void) {
+  /* Validation failures: delivered later, once, with the NULL user. */
+  inside_start_call = 1;
+  CHECK_RESULT(ZVR_OK, zvr_rewards_answer_skill_question(NULL, NULL, "3", on_challenge, NULL));
+  inside_start_call = 0;
+  CHECK(atomic_load(&calls_with_null_user) == 0);
+  int want = 1;
+  int32_t done = 0;
+  CHECK_RESULT(ZVR_OK, zvr_main_queue_run_until(calls_reached, &want, 5000, &done));
+  CHECK(done);
+  CHECK_TEXT("ZVErrorValidationNoOfferID", last_code);
+  CHECK_RESULT(ZVR_OK, zvr_rewards_answer_skill_question("1", "q", NULL, on_challenge, NULL));
+  want = 2;
+  CHECK_RESULT(ZVR_OK, zvr_main_queue_run_until(calls_reached, &want, 5000, &done));
+  CHECK_TEXT("ZVErrorValidationNoAnswer", last_code);
+
+  /* A request handle that is not live: refused at once, the callback never runs. */
+  zvr_order_request gone = NULL;
+  CHECK_RESULT(ZVR_OK, zvr_order_request_create("1", 1, &gone));
+  zvr_release(gone);
+  CHECK_RESULT(ZVR_E_INVALID_HANDLE, zvr_rewards_place_order(gone, on_order, NULL));
+  /* No callback at all is fine too. */
+  CHECK_RESULT(ZVR_OK, zvr_rewards_place_order(NULL, NULL, NULL));
+  uint32_t ran = 0;
+  do zvr_main_queue_drain(&ran);
+  while (ran > 0);
+  CHECK(atomic_load(&calls_with_null_user) == 2);
+
+  /* With the dedicated thread running, callbacks run there. */
+  CHECK_RESULT(ZVR_OK, zvr_main_queue_start_dedicated_thread());
+  CHECK_RESULT(ZVR_OK, zvr_rewards_answer_skill_question("1", NULL, "3", on_challenge, NULL));
+  for (int i = 0; i < 500 && atomic_load(&calls_with_null_user) < 3; ++i) {
+    const struct timespec tick = {0, 10 * 1000 * 1000};
+    nanosleep(&tick, NULL);
+  }
+  CHECK_RESULT(ZVR_OK, zvr_main_queue_stop_dedicated_thread());
+  CHECK(atomic_load(&calls_with_null_user) == 3);
+  CHECK(atomic_load(&calling_thread_is_dedicated));
+  CHECK_TEXT("ZVErrorValidationNoQuestionID", last_code);
+}
+
+/* Unsubscribing from inside the callback, then again. */
+static int validation_notifications = 0;
+static uint64_t self_removing = 0;
+static void ZVR_CALL on_validation_failure(zvr_notification n, void* user) {
+  CHECK(user == NULL);
+  zvr_error error = NULL;
+  CHECK_RESULT(ZVR_OK, zvr_notification_get_error(n, &error));
+  CHECK(error != NULL);
+  zvr_release(error);
+  int64_t available = 1, test = 1;
+  CHECK_RESULT(ZVR_E_NO_VALUE, zvr_notification_get_balances(n, &available, &test));
+  ++validation_notifications;
+  CHECK_RESULT(ZVR_OK, zvr_notifications_unsubscribe(self_removing));
+}
+
+static void check_subscriptions(void) {
+  CHECK_RESULT(ZVR_E_INVALID_ARGUMENT,
+               zvr_notifications_subscribe(NULL, NULL, NULL, &self_removing));
+  CHECK_RESULT(ZVR_OK, zvr_notifications_subscribe(ZVR_NOTIFICATION_VALIDATION_DID_FAIL,
+                                                   on_validation_failure, NULL, &self_removing));
+  zvr_rewards_place_order(NULL, NULL, NULL);
+  zvr_rewards_place_order(NULL, NULL, NULL);
+  uint32_t ran = 0;
+  do zvr_main_queue_drain(&ran);
+  while (ran > 0);
+  CHECK(validation_notifications == 1);
+  CHECK_RESULT(ZVR_E_INVALID_ARGUMENT, zvr_notifications_unsubscribe(self_removing));
+}
+
+/* A sink may not replace itself or drive the queue: both would wait for the
+ * logger's own lock. */
+static int sink_lines = 0;
+static void ZVR_CALL reentrant_sink(const char* line, uint32_t length, void* user) {
+  (void)line;
+  (void)length;
+  (void)user;
+  ++sink_lines;
+  CHECK_RESULT(ZVR_E_BUSY, zvr_logger_set_sink(NULL, NULL));
+  CHECK_RESULT(ZVR_E_BUSY, zvr_main_queue_drain(NULL));
+  CHECK_RESULT(ZVR_E_BUSY, zvr_rewards_place_order(NULL, NULL, NULL));
+}
+
+static void check_log_sink(void) {
+  CHECK_RESULT(ZVR_OK, zvr_logger_set_sink(reentrant_sink, NULL));
+  zvr_logger_set_categories(ZVR_LOG_CATEGORY_REWARDS);
+  zvr_logger_set_level(ZVR_LOG_LEVEL_LOCATED);
+  zvr_rewards_place_order(NULL, NULL, NULL); /* logs "Missing 'order' parameter" */
+  CHECK(sink_lines == 1);
+  zvr_logger_set_level(ZVR_LOG_LEVEL_OFF);
+  CHECK_RESULT(ZVR_OK, zvr_logger_set_sink(NULL, NULL));
+  uint32_t ran = 0;
+  do zvr_main_queue_drain(&ran);
+  while (ran > 0);
+}
+
+/* ---- Threads ------------------------------------------------------------------ */
+
+static zvr_order_request shared_request;
+
+static void* hammer(void* unused) {
+  (void)unused;
+  for (int i = 0; i < 2000; ++i) {
+    const char* json = NULL;
+    if (zvr_retain(shared_request) != ZVR_OK) continue;
+    zvr_order_request_set_email(shared_request, (i & 1) ? "odd@example.com" : "even@example.com");
+    CHECK_RESULT(ZVR_OK, zvr_order_request_get_json(shared_request, &json));
+    CHECK(json != NULL && strstr(json, "@example.com") != NULL);
+    zvr_order_request mine = NULL;
+    CHECK_RESULT(ZVR_OK, zvr_order_request_create("7", i, &mine));
+    CHECK_RESULT(ZVR_OK, zvr_release(mine));
+    CHECK_RESULT(ZVR_E_INVALID_HANDLE, zvr_release(mine));
+    CHECK_RESULT(ZVR_OK, zvr_release(shared_request));
+  }
+  return NULL;
+}
+
+static void check_threads(void) {
+  CHECK_RESULT(ZVR_OK, zvr_order_request_create("7", 1, &shared_request));
+  pthread_t threads[4];
+  for (int i = 0; i < 4; ++i) pthread_create(&threads[i], NULL, hammer, NULL);
+  for (int i = 0; i < 4; ++i) pthread_join(threads[i], NULL);
+  CHECK_RESULT(ZVR_OK, zvr_release(shared_request));
+}
+
+int main(void) {
+  main_thread = pthread_self();
+  uint32_t before = 0, after = 0;
+  CHECK_RESULT(ZVR_OK, zvr_handle_count(&before));
+  CHECK_RESULT(ZVR_E_INVALID_ARGUMENT, zvr_handle_count(NULL));
+  CHECK(strcmp(zvr_result_name(ZVR_E_INVALID_HANDLE), "ZVR_E_INVALID_HANDLE") == 0);
+  CHECK(strcmp(zvr_result_name(12345), "ZVR_E_UNKNOWN") == 0);
+  CHECK(zvr_api_version() >> 16 == ZVR_API_VERSION >> 16);
+  CHECK(zvr_sdk_version_number() == 3.0);
+  CHECK(strncmp(zvr_sdk_version_string(), "@(#)PROGRAM:ZorvaneRewardsKit", 29) == 0);
+
+  check_null_and_made_up_handles();
+  check_released_and_mistyped_handles();
+  check_stale_handles_never_alias();
+  check_versioned_structs();
+  check_callbacks();
+  check_subscriptions();
+  check_log_sink();
+  check_threads();
+
+  CHECK_RESULT(ZVR_OK, zvr_handle_count(&after));
+  CHECK(after == before);
+  if (zvr_test_failures) fprintf(stderr, "%d check(s) failed\n", zvr_test_failures);
+  return zvr_test_failures ? 1 : 0;
+}
