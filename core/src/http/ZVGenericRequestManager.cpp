@@ -4,11 +4,14 @@
 
 #include <ZorvaneCoreKit/ZVMainQueue.h>
 
+#include <chrono>
 #include <exception>
+#include <thread>
 
 #include "base/ZVStrings.h"
 #include "http/ZVAnswerDecoding.h"
 #include "http/ZVRequestURL.h"
+#include "runtime/ZVLifecycle.h"
 
 using namespace zv_detail;
 
@@ -41,9 +44,8 @@ class Delivery {
       std::atomic<size_t>& count;
       ~Decrement() { count.fetch_sub(1); }
     } decrement{inFlight_};
-    static const std::string noKind;
     if (callback_)
-      callback_(request_ ? request_->kind() : noKind, std::move(outcome.response),
+      callback_(request_ ? request_->kind() : std::string(), std::move(outcome.response),
                 std::move(outcome.error), std::move(outcome.body));
   }
 
@@ -58,6 +60,9 @@ class Delivery {
   ZVResolvedURL where_;  // set before the send; the transport's completion alone uses it then
   std::atomic<bool> done_{false};
 };
+
+// Transports this thread holds in a send (see closeTransport).
+thread_local size_t tHeld = 0;
 
 // A request refused before it reached a transport is called back from the
 // main queue, like every failure, never from inside `sendRequest`.
@@ -96,7 +101,18 @@ void ZVGenericRequestManager::setTransport(std::shared_ptr<ZVTransport> transpor
 }
 
 std::shared_ptr<ZVTransport> ZVGenericRequestManager::transport() {
+  bool counted = false;
+  std::shared_ptr<ZVTransport> held = holdTransport(counted);
+  if (counted) {
+    sending_.fetch_sub(1);
+    --tHeld;
+  }
+  return held;
+}
+
+std::shared_ptr<ZVTransport> ZVGenericRequestManager::holdTransport(bool& counted) {
   std::lock_guard lock(mutex_);
+  if (closed_) return nullptr;
   if (!transport_) {
     try {
       transport_ = ZVMakeCurlTransport();
@@ -104,11 +120,33 @@ std::shared_ptr<ZVTransport> ZVGenericRequestManager::transport() {
       return nullptr;  // no thread or memory for it; the caller reports the failure
     }
   }
+  sending_.fetch_add(1);
+  ++tHeld;
+  counted = true;
   return transport_;
+}
+
+void ZVGenericRequestManager::closeTransport(bool reopen) {
+  std::shared_ptr<ZVTransport> dropped;
+  {
+    std::lock_guard lock(mutex_);
+    closed_ = true;
+    dropped = std::move(transport_);
+  }
+  // A send under way may hold the transport for a moment; the last reference
+  // must be ours, so that its end (joining its thread) happens here.
+  // (One held by this very thread, a transport's send that shuts down, is not waited for.)
+  while (sending_.load() > tHeld) std::this_thread::sleep_for(std::chrono::microseconds(50));
+  dropped.reset();
+  if (reopen) {
+    std::lock_guard lock(mutex_);
+    closed_ = false;
+  }
 }
 
 void ZVGenericRequestManager::sendRequest(std::shared_ptr<ZVGenericRequest> request,
                                           ZVRequestCallback callback) {
+  zv_detail::armExitHook();
   std::shared_ptr<Delivery> delivery;
   try {
     delivery = std::make_shared<Delivery>(inFlight_, std::move(callback), request);
@@ -161,10 +199,22 @@ void ZVGenericRequestManager::sendRequest(std::shared_ptr<ZVGenericRequest> requ
     http.caFile = config.caFile;
     http.maxBodyBytes = config.maxResponseBytes;
 
-    std::shared_ptr<ZVTransport> sender = transport();
+    // Counted while held, so that closing the transport can wait until the
+    // last reference is its own. Declared in this order so that the
+    // reference goes before the count.
+    struct Held {
+      std::atomic<size_t>& count;
+      bool counted = false;
+      ~Held() {
+        if (!counted) return;
+        count.fetch_sub(1);
+        --tHeld;
+      }
+    } held{sending_};
+    std::shared_ptr<ZVTransport> sender = holdTransport(held.counted);
     if (!sender) {
       refuse(delivery, failed(ZVErrorTypeTransport, ZVErrorTransportOther,
-                              "could not start the HTTP transport"));
+                              "could not start the HTTP transport (or the SDK is shutting down)"));
       return;
     }
     delivery->where() = std::move(where);
