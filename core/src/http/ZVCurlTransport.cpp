@@ -2,6 +2,7 @@
 #include <ZorvaneCoreKit/ZVTransport.h>
 
 #include <curl/curl.h>
+#include <pthread.h>
 
 #include <algorithm>
 #include <memory>
@@ -502,7 +503,11 @@ class CurlTransport final : public ZVTransport {
  public:
   explicit CurlTransport(const ZVCurlTransportOptions& options)
       : engine_(std::make_shared<CurlEngine>(options)) {
-    thread_ = std::thread([engine = engine_] { engine->run(); });
+    thread_ = std::thread([engine = engine_] {
+      pthread_setname_np(pthread_self(),
+                         "zv-io");  // tells a host's debugger, and our tests, whose it is
+      engine->run();
+    });
   }
 
   ~CurlTransport() override {

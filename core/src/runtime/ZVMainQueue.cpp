@@ -1,5 +1,7 @@
 #include <ZorvaneCoreKit/ZVMainQueue.h>
 
+#include <pthread.h>
+
 #include <vector>
 
 #include "runtime/ZVHostCode.h"
@@ -203,6 +205,7 @@ void ZVMainQueue::startDedicatedThread() {
 }
 
 void ZVMainQueue::runThread() {
+  pthread_setname_np(pthread_self(), "zv-main-queue");  // for a host's debugger, and our tests
   std::unique_lock lock(mutex_);
   // Wait for a drain or runUntil under way to give the queue up.
   cv_.wait(lock, [this] { return stop_ || !running_; });

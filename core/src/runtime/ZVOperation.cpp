@@ -16,9 +16,9 @@ struct ZVScopeState {
 // low, and a single lock makes "cancelled" and "delivered" exclude each other.
 struct ZVOperationRegistry {
   std::mutex mutex;
-  std::condition_variable ended;                  // a running delivery finished
+  std::condition_variable ended;                // a running delivery finished
   std::unordered_set<ZVOperation*> operations;  // guarded by mutex
-  int closed = 0;                                 // guarded by mutex: shutdowns under way
+  int closed = 0;                               // guarded by mutex: shutdowns under way
 
   // Live references to the listed operations; one that is being destroyed
   // is skipped, and its destructor ends it.
@@ -114,9 +114,8 @@ void ZVOperation::cancel() {
     std::unique_lock lock(r.mutex);
     // A handler running elsewhere finishes first; one running on this thread
     // is the caller itself, and goes on to its end.
-    r.ended.wait(lock, [&] {
-      return state_ != State::Running || runner_ == std::this_thread::get_id();
-    });
+    r.ended.wait(lock,
+                 [&] { return state_ != State::Running || runner_ == std::this_thread::get_id(); });
     if (state_ != State::Pending) return;
     state_ = State::Cancelled;
     leaveLocked();
