@@ -81,7 +81,9 @@ const std::vector<Op>& operations() {
       {"fetchSkillQuestion", ZV_REWARDS_MANAGER_DID_FETCH_SKILL_QUESTION_NOTIFICATION, true,
        [](auto* m, Probe p) { m->fetchSkillQuestionWithCompletionHandler(p); }},
       {"answerSkillQuestion", ZV_REWARDS_MANAGER_DID_ANSWER_SKILL_QUESTION_NOTIFICATION, true,
-       [](auto* m, Probe p) { m->answerSkillQuestionForOfferID("101", "q1", ZVJSONValue("42"), p); }},
+       [](auto* m, Probe p) {
+         m->answerSkillQuestionForOfferID("101", "q1", ZVJSONValue("42"), p);
+       }},
       {"placeOrder without order", nullptr, false,
        [](auto* m, Probe p) { m->placeOrder(nullptr, p); }},
   };
@@ -262,7 +264,8 @@ TEST_F(LifetimesTest, ThrowingHostCodeBreaksNoPromise) {
   for (const auto& c : cases) {
     for (const Op& op : operations()) {
       if (!op.sends) continue;
-      const bool offers = op.success == std::string(ZV_REWARDS_MANAGER_DID_FETCH_OFFERS_NOTIFICATION);
+      const bool offers =
+          op.success == std::string(ZV_REWARDS_MANAGER_DID_FETCH_OFFERS_NOTIFICATION);
       if (c.offersOnly && !offers) continue;
       SCOPED_TRACE(std::string(c.what) + ", " + op.name);
       manager()->resetData();
@@ -279,8 +282,9 @@ TEST_F(LifetimesTest, ThrowingHostCodeBreaksNoPromise) {
       EXPECT_EQ(calls.load(), 1);
       if (c.status == 200) {
         EXPECT_EQ(notifications.count(op.success), success + 1);
-        EXPECT_EQ(notifications.count(ZV_USER_MANAGER_DID_UPDATE_USER_INTERNAL),
-                  balance + (op.success == std::string(ZV_REWARDS_MANAGER_DID_PLACE_ORDER_NOTIFICATION)));
+        EXPECT_EQ(
+            notifications.count(ZV_USER_MANAGER_DID_UPDATE_USER_INTERNAL),
+            balance + (op.success == std::string(ZV_REWARDS_MANAGER_DID_PLACE_ORDER_NOTIFICATION)));
       } else {
         EXPECT_EQ(notifications.count(ZV_REWARDS_MANAGER_REQUEST_DID_FAIL_NOTIFICATION),
                   failure + 1);

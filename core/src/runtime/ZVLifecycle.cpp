@@ -22,7 +22,7 @@ namespace {
 constexpr std::chrono::milliseconds kExitPatience{1000};
 
 void onExit() {
-  ZVLifecycle::onProcessExit();
+  zv_detail::stopForProcessExit();
 }
 
 }  // namespace
@@ -41,6 +41,10 @@ void zv_detail::armExitHook() {
     // runs if the library is unloaded.
     std::atexit(onExit);
   });
+}
+
+void zv_detail::stopForProcessExit() {
+  ZVLifecycle::onProcessExit();
 }
 
 void ZVLifecycle::onProcessExit() {
