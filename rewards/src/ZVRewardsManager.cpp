@@ -4,11 +4,8 @@
 #include <ZorvaneCoreKit/ZVNotificationCenter.h>
 #include <ZorvaneCoreKit/Zorvane.h>
 
-#include <cstdlib>
-
 #include "ZVRewardsRouting.h"
 #include "base/ZVUtil.h"
-#include "runtime/ZVLifecycle.h"
 
 namespace {
 
@@ -48,10 +45,6 @@ ZVRewardsManager* ZVRewardsManager::instance() {
   static ZVRewardsManager* const manager = [] {
     auto* created = new ZVRewardsManager();
     created->observeUserChanges();
-    // The SDK's threads run this library's code (the routing, the records):
-    // should it be unloaded without Zorvane::shutdown(), they stop before it
-    // goes (in a shared library, atexit runs when the library is unloaded).
-    std::atexit([] { zv_detail::stopForProcessExit(); });
     return created;
   }();
   return manager;

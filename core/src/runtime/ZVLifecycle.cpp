@@ -22,7 +22,7 @@ namespace {
 constexpr std::chrono::milliseconds kExitPatience{1000};
 
 void onExit() {
-  zv_detail::stopForProcessExit();
+  ZVLifecycle::onProcessExit();
 }
 
 }  // namespace
@@ -37,14 +37,12 @@ void zv_detail::armExitHook() {
     // handler after theirs in the list, so it runs before they are torn down.
     curl_global_init(CURL_GLOBAL_DEFAULT);
     (void)simdjson::get_active_implementation()->name();
-    // In a shared library, atexit ties the handler to the library: it also
-    // runs if the library is unloaded.
+    // In a shared library, atexit ties the handler to the library: it runs
+    // at an unload too, which Zorvane::shutdown() must precede (the loader's
+    // lock is held then, so joining a thread could deadlock), and finds
+    // nothing left to stop.
     std::atexit(onExit);
   });
-}
-
-void zv_detail::stopForProcessExit() {
-  ZVLifecycle::onProcessExit();
 }
 
 void ZVLifecycle::onProcessExit() {

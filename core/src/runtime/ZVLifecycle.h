@@ -11,12 +11,6 @@ namespace zv_detail {
 /// it before the SDK starts a thread; cheap after the first call.
 ZV_CORE_EXPORT void armExitHook();
 
-/// What the exit hook does: stops the main queue's thread (after the task
-/// under way, waited for a little) and joins the transport's I/O thread; the
-/// transport is not started again. Also run when a library of the SDK is
-/// unloaded without `Zorvane::shutdown()`.
-ZV_CORE_EXPORT void stopForProcessExit();
-
 }  // namespace zv_detail
 
 /// Friend of the singletons whose ends are not public.

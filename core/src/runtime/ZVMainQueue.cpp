@@ -138,7 +138,8 @@ size_t ZVMainQueue::drain() {
   if (tInWakeUp) return 0;
   std::unique_lock lock(mutex_);
   // A started dedicated thread owns the queue even before it first takes it.
-  if (running_ || (thread_.joinable() && !stop_)) return 0;
+  // Once the process exits, no task runs: the host's statics may be gone.
+  if (exiting_ || running_ || (thread_.joinable() && !stop_)) return 0;
   running_ = true;
   // FIFO: the first `before` tasks are exactly those queued before this call.
   const size_t before = tasks_.size();
@@ -170,7 +171,7 @@ bool ZVMainQueue::runUntil(const std::function<bool()>& done, std::chrono::milli
     }
     // While another runner (the dedicated thread) holds the queue, it runs the
     // tasks and this call only waits; it takes the queue over once it is free.
-    if (!owner && !running_ && !(thread_.joinable() && !stop_)) {
+    if (!owner && !exiting_ && !running_ && !(thread_.joinable() && !stop_)) {
       running_ = true;
       owner = true;
     }
