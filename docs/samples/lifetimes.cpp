@@ -76,8 +76,7 @@ struct UiThread {
 void deliverOnTheUiThread(UiThread& ui) {
   // Every delivery of the SDK goes to the UI thread's queue, in order; the
   // UI thread runs them one at a time, as it runs its own events.
-  ZVMainQueue::shared()->setExecutor(
-      [&ui](ZVMainQueue::Task task) { ui.post(std::move(task)); });
+  ZVMainQueue::shared()->setExecutor([&ui](ZVMainQueue::Task task) { ui.post(std::move(task)); });
 }
 //! [executor]
 

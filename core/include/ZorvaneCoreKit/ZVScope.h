@@ -10,7 +10,8 @@
 
 namespace zv_detail {
 struct ZVScopeState;
-}
+class ZVOperation;
+}  // namespace zv_detail
 
 /// Owns the operations started while it is active, and cancels them when it
 /// is destroyed (or when `cancel()` is called).
@@ -99,9 +100,7 @@ class ZV_CORE_EXPORT ZVScope {
     const Activation* previous_;
   };
 
-  /// Inside the SDK: the scope's shared state.
-  const std::shared_ptr<zv_detail::ZVScopeState>& state() const { return state_; }
-
  private:
+  friend class zv_detail::ZVOperation;  // joins the scope's list
   std::shared_ptr<zv_detail::ZVScopeState> state_;
 };

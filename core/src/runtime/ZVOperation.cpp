@@ -66,7 +66,7 @@ void ZVOperation::leaveLocked() {
 void ZVOperation::enroll() {
   std::shared_ptr<ZVScopeState> scope;
   for (const ZVScope::Activation* a = ZVScope::Activation::current(); a; a = a->previous()) {
-    if (!scope && a->scope()) scope = a->scope()->state();
+    if (!scope && a->scope()) scope = a->scope()->state_;
     if (!onCancel_ && a->onCancel()) onCancel_ = a->onCancel();
   }
   ZVOperationRegistry& r = registry();
