@@ -101,6 +101,7 @@ TEST(RewardsScreenLifetime, ClosingTheScreenMidRequestIsSafe) {
         ZV_REWARDS_MANAGER_DID_FETCH_OFFERS_NOTIFICATION, nullptr,
         [&](const ZVNotification&) { ++delivered; });
 
+    ZVMainQueue::shared()->drain();  // nothing of earlier tests left
     alignas(RewardsScreen) unsigned char storage[sizeof(RewardsScreen)];
     auto* screen = new (storage) RewardsScreen();
     screen->load();

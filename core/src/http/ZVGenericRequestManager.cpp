@@ -131,6 +131,7 @@ void ZVGenericRequestManager::closeTransport(bool reopen) {
   {
     std::lock_guard lock(mutex_);
     closed_ = true;
+    exited_ = exited_ || !reopen;
     dropped = std::move(transport_);
   }
   // A send under way may hold the transport for a moment; the last reference
@@ -140,7 +141,7 @@ void ZVGenericRequestManager::closeTransport(bool reopen) {
   dropped.reset();
   if (reopen) {
     std::lock_guard lock(mutex_);
-    closed_ = false;
+    closed_ = exited_;  // a shutdown that overlaps the exit does not reopen
   }
 }
 

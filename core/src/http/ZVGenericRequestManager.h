@@ -69,6 +69,7 @@ class ZV_CORE_EXPORT ZVGenericRequestManager {
   std::mutex mutex_;
   std::shared_ptr<ZVTransport> transport_;  // guarded by mutex_
   bool closed_ = false;                     // guarded by mutex_
+  bool exited_ = false;                     // guarded by mutex_: closed for good
   std::atomic<size_t> inFlight_{0};
   std::atomic<size_t> sending_{0};  // sends holding the transport
 };
