@@ -124,7 +124,7 @@ void ZVOperation::cancel() {
 }
 
 void ZVOperation::endCancelled() {
-  releaseHandler();
+  release_(*this);
   if (onCancel_) {
     std::function<void()> callback = std::move(onCancel_);
     onCancel_ = nullptr;

@@ -24,7 +24,6 @@ void detachScope(const std::shared_ptr<ZVScopeState>& scope);
 /// registry's lock, which is never held while host code runs.
 class ZV_CORE_EXPORT ZVOperation : public std::enable_shared_from_this<ZVOperation> {
  public:
-  virtual ~ZVOperation();
   ZVOperation(const ZVOperation&) = delete;
   ZVOperation& operator=(const ZVOperation&) = delete;
 
@@ -37,7 +36,12 @@ class ZV_CORE_EXPORT ZVOperation : public std::enable_shared_from_this<ZVOperati
   void cancel();
 
  protected:
-  ZVOperation() = default;
+  /// `release` destroys the handler of the derived object. Not virtual, so
+  /// that no type information of the SDK's internals is exported.
+  using Release = void (*)(ZVOperation& operation);
+  explicit ZVOperation(Release release) : release_(release) {}
+  /// Destroyed only as the derived type (by the shared pointer that made it).
+  ~ZVOperation();
   /// Joins the registry and the scope active on this thread. An operation
   /// started while the SDK shuts down is cancelled at once.
   void enroll();
@@ -45,8 +49,6 @@ class ZV_CORE_EXPORT ZVOperation : public std::enable_shared_from_this<ZVOperati
   bool claim();
   /// Ends a claimed delivery, after the handler was released.
   void finish();
-  /// Destroys the handler; called once, with no lock held.
-  virtual void releaseHandler() = 0;
 
  private:
   friend struct ZVOperationRegistry;
@@ -54,6 +56,8 @@ class ZV_CORE_EXPORT ZVOperation : public std::enable_shared_from_this<ZVOperati
   enum class State { Pending, Running, Done, Cancelled };
   void leaveLocked();
   void endCancelled();
+
+  const Release release_;  // called once, with no lock held
 
   // Guarded by the registry's lock.
   State state_ = State::Pending;
@@ -90,8 +94,11 @@ class ZVOperationWith final : public ZVOperation {
   }
 
  private:
-  explicit ZVOperationWith(Handler handler) : handler_(std::move(handler)) {}
-  void releaseHandler() override { Handler released = std::move(handler_); }
+  explicit ZVOperationWith(Handler handler)
+      : ZVOperation(&ZVOperationWith::release), handler_(std::move(handler)) {}
+  static void release(ZVOperation& operation) {
+    Handler released = std::move(static_cast<ZVOperationWith&>(operation).handler_);
+  }
 
   Handler handler_;  // touched only by the thread that ends the operation
 };
