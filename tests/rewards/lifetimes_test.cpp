@@ -367,16 +367,22 @@ TEST_F(LifetimesTest, CancelAllBeforeClearUserStateKeepsTheNextUserClean) {
   }
 }
 
-// The SDK's threads alive in this process, by the names it gives them.
-size_t threadCount() {
-  size_t count = 0;
-  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) {
-    std::ifstream comm(entry.path() / "comm");
-    std::string name;
-    std::getline(comm, name);
-    count += name.starts_with("zv-");
+// The SDK's threads in this process, by the names it gives them, once their
+// number is `expected` (a joined thread leaves /proc a moment after the join
+// returns) or a second has passed.
+size_t threadCount(size_t expected) {
+  const auto deadline = std::chrono::steady_clock::now() + 1s;
+  while (true) {
+    size_t count = 0;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) {
+      std::ifstream comm(entry.path() / "comm");
+      std::string name;
+      std::getline(comm, name);
+      count += name.starts_with("zv-");
+    }
+    if (count == expected || std::chrono::steady_clock::now() > deadline) return count;
+    std::this_thread::sleep_for(1ms);
   }
-  return count;
 }
 
 // Shutdown joins the SDK's threads, also with a request in flight, and leaves
@@ -387,17 +393,16 @@ TEST(ShutdownTest, JoinsTheThreadsAndTheSDKWorksAgain) {
   server.setHandler(serviceAnswer);
   configureService(server.baseURL());
   Zorvane::shutdown();  // no thread of the SDK's from earlier tests
-  const size_t baseline = threadCount();
-  EXPECT_EQ(baseline, 0u);
+  EXPECT_EQ(threadCount(0), 0u);
 
   ZVMainQueue::shared()->startDedicatedThread();
   server.enqueue({.body = R"({"status":"ok","orders":[]})", .delay = 30s});
   Completion slow;
   ZVRewardsManager::instance()->fetchOrdersWithCompletionHandler(slow.handler());
   ASSERT_TRUE(server.waitForRequests(1));
-  EXPECT_EQ(threadCount(), baseline + 2);  // the I/O thread and the dedicated one
+  EXPECT_EQ(threadCount(2), 2u);  // the I/O thread and the dedicated one
   Zorvane::shutdown();
-  EXPECT_EQ(threadCount(), baseline);
+  EXPECT_EQ(threadCount(0), 0u);
   EXPECT_EQ(ZVGenericRequestManager::instance()->requestsInFlight(), 0u);
 
   Completion again;
@@ -415,7 +420,7 @@ TEST(ShutdownTest, JoinsTheThreadsAndTheSDKWorksAgain) {
   while (!returned && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
   EXPECT_TRUE(returned);
   Zorvane::shutdown();
-  EXPECT_EQ(threadCount(), baseline);
+  EXPECT_EQ(threadCount(0), 0u);
   EXPECT_EQ(slow.calls.load(), 0);
 }
 

@@ -203,10 +203,11 @@ void ZVMainQueue::startDedicatedThread() {
   stop_ = false;
   threadEnded_ = false;
   thread_ = std::thread([this] { runThread(); });
+  // Named before it runs: a host's debugger, and our tests, tell it by name.
+  pthread_setname_np(thread_.native_handle(), "zv-main-queue");
 }
 
 void ZVMainQueue::runThread() {
-  pthread_setname_np(pthread_self(), "zv-main-queue");  // for a host's debugger, and our tests
   std::unique_lock lock(mutex_);
   // Wait for a drain or runUntil under way to give the queue up.
   cv_.wait(lock, [this] { return stop_ || !running_; });
