@@ -503,11 +503,9 @@ class CurlTransport final : public ZVTransport {
  public:
   explicit CurlTransport(const ZVCurlTransportOptions& options)
       : engine_(std::make_shared<CurlEngine>(options)) {
-    thread_ = std::thread([engine = engine_] {
-      pthread_setname_np(pthread_self(),
-                         "zv-io");  // tells a host's debugger, and our tests, whose it is
-      engine->run();
-    });
+    thread_ = std::thread([engine = engine_] { engine->run(); });
+    // Named before it runs: a host's debugger, and our tests, tell it by name.
+    pthread_setname_np(thread_.native_handle(), "zv-io");
   }
 
   ~CurlTransport() override {
