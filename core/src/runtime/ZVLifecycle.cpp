@@ -5,7 +5,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <cstdlib>
 #include <mutex>
 
 #include <ZorvaneCoreKit/ZVClock.h>
@@ -16,12 +15,17 @@
 #include "http/ZVGenericRequestManager.h"
 #include "runtime/ZVOperation.h"
 
+extern "C" {
+extern void* __dso_handle;  // this library's handle (Itanium C++ ABI)
+int __cxa_atexit(void (*function)(void*), void* argument, void* dso);
+}
+
 namespace {
 
 // How long the exit waits for a handler under way on the dedicated thread.
 constexpr std::chrono::milliseconds kExitPatience{1000};
 
-void onExit() {
+void onExit(void*) {
   ZVLifecycle::onProcessExit();
 }
 
@@ -37,11 +41,12 @@ void zv_detail::armExitHook() {
     // handler after theirs in the list, so it runs before they are torn down.
     curl_global_init(CURL_GLOBAL_DEFAULT);
     (void)simdjson::get_active_implementation()->name();
-    // In a shared library, atexit ties the handler to the library: it runs
-    // at an unload too, which Zorvane::shutdown() must precede (the loader's
-    // lock is held then, so joining a thread could deadlock), and finds
-    // nothing left to stop.
-    std::atexit(onExit);
+    // Tied to this library by its handle, as atexit does when it is not
+    // interposed (a sanitizer's runtime takes atexit over and drops the
+    // handle): it runs at an unload too, which Zorvane::shutdown() must
+    // precede (the loader's lock is held then, so joining a thread could
+    // deadlock), and finds nothing left to stop.
+    __cxa_atexit(onExit, nullptr, &__dso_handle);
   });
 }
 
