@@ -2,7 +2,11 @@
 
 #include <string>
 
+//! [screen_scope]
 void RewardsScreen::load() {
+  // Operations started while `active` lives belong to the screen's scope:
+  // closing the screen cancels them, and their handlers never run.
+  ZVScope::Activation active(scope_);
   ZVRewardsManager::instance()->fetchOffersWithCompletionHandler(
       [this](ZVOfferArrayPtr offers, ZVErrorPtr error) {
         ++outcomes_;
@@ -21,8 +25,10 @@ void RewardsScreen::load() {
         banner_ = offers->empty() ? "No rewards right now. Check back soon." : "";
       });
 }
+//! [screen_scope]
 
 void RewardsScreen::redeem(const std::string& offerID) {
+  ZVScope::Activation active(scope_);
   ZVRewardsManager::instance()->placeOrder(
       ZVOrderRequest::initWithOfferID(offerID, 1),
       [this](std::shared_ptr<ZVOrder> order, ZVErrorPtr error) {

@@ -11,6 +11,11 @@
 /// A view model: no UI toolkit, so that the app's tests can check what the
 /// user would see. Call it, and read it, on the thread that drains the main
 /// queue; the SDK delivers every outcome there.
+///
+/// Its handlers capture `this`. The screen may be closed (destroyed) at any
+/// time, a request still in flight or its outcome already queued: the
+/// operations it starts belong to its scope, whose destruction cancels them,
+/// so no handler runs on a destroyed screen.
 class RewardsScreen {
  public:
   /// Asks for the catalogue; `rows()` and `banner()` change when it arrives.
@@ -33,4 +38,6 @@ class RewardsScreen {
   std::vector<std::string> rows_;
   std::string banner_;
   int outcomes_ = 0;
+  // Last, so that it is destroyed first: its handlers use the members above.
+  ZVScope scope_;
 };

@@ -2,6 +2,9 @@
 #include "rewards_screen.h"
 
 #include <chrono>
+#include <cstring>
+#include <new>
+#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -81,6 +84,44 @@ TEST_F(RewardsScreenTest, ShowsTheBalanceAfterAnOrder) {
   screen.redeem("1");
   ASSERT_TRUE(waitForOutcomes(screen, 1));
   EXPECT_EQ(screen.banner(), "Redeemed! You have 4500 points left.");
+}
+
+// The user closes the screen while its catalogue is on its way, or already
+// queued for delivery: nothing reaches the closed screen. Its memory is
+// overwritten once it is gone, so a handler run on it would show (or crash).
+TEST(RewardsScreenLifetime, ClosingTheScreenMidRequestIsSafe) {
+  for (const bool queued : {false, true}) {
+    SCOPED_TRACE(queued ? "outcome queued" : "request in flight");
+    ZVScopedFakeRewardsService fake;
+    ZVFakeAnswer answer = ZVFakeAnswer::json(R"({"status": "ok", "offers": [{"id": "1"}]})");
+    if (!queued) answer.delay = std::chrono::milliseconds(100);
+    fake->setAnswer(kKindFetchRewardOffers, answer);
+    int delivered = 0;
+    ZVObservation observation = ZVNotificationCenter::defaultCenter()->observe(
+        ZV_REWARDS_MANAGER_DID_FETCH_OFFERS_NOTIFICATION, nullptr,
+        [&](const ZVNotification&) { ++delivered; });
+
+    ZVMainQueue::shared()->drain();  // nothing of earlier tests left
+    alignas(RewardsScreen) unsigned char storage[sizeof(RewardsScreen)];
+    auto* screen = new (storage) RewardsScreen();
+    screen->load();
+    if (queued) {
+      // The answer is in: its delivery waits on the main queue.
+      const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+      while (ZVMainQueue::shared()->pendingCount() == 0 &&
+             std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+      }
+      ASSERT_EQ(ZVMainQueue::shared()->pendingCount(), 1u);
+    }
+    screen->~RewardsScreen();  // the user closed it
+    std::memset(storage, 0x5A, sizeof storage);
+
+    ZVMainQueue::shared()->runUntil([] { return false; }, std::chrono::milliseconds(300));
+    for (unsigned char byte : storage) ASSERT_EQ(byte, 0x5A);
+    EXPECT_EQ(delivered, 0);
+    EXPECT_EQ(fake->requestCount(kKindFetchRewardOffers), 1u);
+  }
 }
 
 }  // namespace

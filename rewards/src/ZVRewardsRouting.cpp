@@ -29,14 +29,6 @@ bool isKnownKind(const std::string& kind) {
          kind == kKindAnswerSkillQuestion;
 }
 
-// The handler of type Handler, or null when `any` holds no handler or one of
-// another operation.
-template <class Handler>
-const Handler* handlerOf(const ZVAnyCompletionHandler& any) {
-  const Handler* handler = std::get_if<Handler>(&any);
-  return handler && *handler ? handler : nullptr;
-}
-
 // One record per element of the array under `key` ("offers", "orders");
 // another type under the key gives an empty list.
 template <class Record>
@@ -60,28 +52,51 @@ ZVJSONValue valueUnder(const ZVMutableDictionary& body, std::string_view key) {
 
 }  // namespace
 
+bool ZVRewardsCall::deliverFailure(const ZVErrorPtr& error) const {
+  return operation_->deliver("a completion handler", [&](ZVAnyCompletionHandler& any) {
+    std::visit(
+        [&](const auto& handler) {
+          if constexpr (!std::is_same_v<std::decay_t<decltype(handler)>, std::monostate>)
+            if (handler) handler(nullptr, error);
+        },
+        any);
+  });
+}
+
 void ZVRewardsRouting::send(std::shared_ptr<ZVGenericRequest> request,
-                            ZVAnyCompletionHandler completionHandler) {
+                            ZVRewardsCall completionHandler) {
   ZVRewardsManager* manager = &manager_;
   ZVGenericRequestManager::instance()->sendRequest(
       std::move(request),
-      [manager, handler = std::move(completionHandler)](
+      [manager, call = std::move(completionHandler)](
           const std::string& kind, std::shared_ptr<ZVGenericResponse> response, ZVErrorPtr error,
           ZVDictionaryPtr /*body: read from the response instead*/) {
-        ZVRewardsRouting(*manager).requestKind(kind, std::move(response), std::move(error),
-                                               handler);
+        // A cancelled operation's answer is dropped before any work on it.
+        if (call.cancelled()) return;
+        try {
+          ZVRewardsRouting(*manager).requestKind(kind, std::move(response), std::move(error), call);
+        } catch (const std::exception& e) {
+          // No memory for the records, say: the handler still hears of it,
+          // unless its delivery was queued already.
+          ZVRewardsRouting(*manager).requestKind(
+              kind, nullptr,
+              std::make_shared<ZVError>(
+                  ZVErrorTypeTransport, ZVErrorTransportOther,
+                  zv_detail::strCat("could not handle the answer: ", e.what())),
+              call);
+        }
       });
 }
 
 void ZVRewardsRouting::requestKind(const std::string& kind,
                                    std::shared_ptr<ZVGenericResponse> response, ZVErrorPtr error,
-                                   ZVAnyCompletionHandler completionHandler) {
+                                   ZVRewardsCall completionHandler) {
   ZVRewardsManager* manager = &manager_;
   if (error) {
-    ZVPManagerUtils::callDidFailWithError<ZVAnyCompletionHandler>(
+    ZVPManagerUtils::callDidFailWithError<ZVRewardsCall>(
         std::move(error), ZV_REWARDS_MANAGER_REQUEST_DID_FAIL_NOTIFICATION,
         std::move(completionHandler),
-        [manager, kind](ZVAnyCompletionHandler handler, ZVErrorPtr given) {
+        [manager, kind](ZVRewardsCall handler, ZVErrorPtr given) {
           ZVRewardsRouting(*manager).dispatchFailWithError(std::move(given), kind, handler);
         },
         manager);
@@ -90,8 +105,9 @@ void ZVRewardsRouting::requestKind(const std::string& kind,
   ZVDictionaryPtr body =
       response && response->body() ? response->body()->mutableCopy() : ZVDictionaryPtr();
   if (kind == kKindFetchRewardOffers) {
-    // The stamp records the answer's arrival, before its status is looked at.
-    manager_.setLastRefreshTime(ZVClock::now());
+    // The stamp records the answer's arrival, before its status is looked at;
+    // it is published with the catalogue it belongs to, never before.
+    arrival_ = ZVClock::now();
     handleFetchRewardOffers(std::move(body), std::move(completionHandler));
   } else if (kind == kKindPlaceOrder) {
     handlePlaceRewardOrder(std::move(body), std::move(completionHandler));
@@ -106,25 +122,21 @@ void ZVRewardsRouting::requestKind(const std::string& kind,
 }
 
 void ZVRewardsRouting::dispatchFailWithError(ZVErrorPtr error, const std::string& kind,
-                                             const ZVAnyCompletionHandler& completionHandler) {
+                                             const ZVRewardsCall& completionHandler) {
   if (!isKnownKind(kind)) return;
-  std::visit(
-      [&](const auto& handler) {
-        if constexpr (!std::is_same_v<std::decay_t<decltype(handler)>, std::monostate>)
-          if (handler) handler(nullptr, error);
-      },
-      completionHandler);
+  completionHandler.deliverFailure(error);
 }
 
 // ---- Answer handlers ----------------------------------------------------------
 
 void ZVRewardsRouting::handleFetchRewardOffers(ZVDictionaryPtr body,
-                                               ZVAnyCompletionHandler completionHandler) {
+                                               ZVRewardsCall completionHandler) {
   if (!isOK(body)) {
     {
       // Undo the routing's stamp so that the next fetch asks the service again.
       auto noOffers = std::make_shared<const ZVOfferArray>();
       std::lock_guard lock(manager_.state_->mutex);
+      if (completionHandler.cancelled()) return;
       manager_.state_->offers = std::move(noOffers);
       manager_.state_->lastRefreshTime = 0.0;
     }
@@ -133,21 +145,25 @@ void ZVRewardsRouting::handleFetchRewardOffers(ZVDictionaryPtr body,
   }
   ZVOfferArrayPtr result = recordsUnder<ZVOffer>(*body, "offers");
   {
+    // The stamp and the catalogue together: a reader sees both or neither,
+    // so a catalogue still being built is never served as fresh.
     std::lock_guard lock(manager_.state_->mutex);
+    if (completionHandler.cancelled()) return;
     manager_.state_->offers = result;
+    if (arrival_) manager_.state_->lastRefreshTime = *arrival_;
   }
   dispatchOffers(std::move(result), std::move(completionHandler));
 }
 
-void ZVRewardsRouting::dispatchOffers(ZVOfferArrayPtr offers,
-                                      ZVAnyCompletionHandler completionHandler) {
+void ZVRewardsRouting::dispatchOffers(ZVOfferArrayPtr offers, ZVRewardsCall completionHandler) {
   ZVRewardsManager* manager = &manager_;
   ZVMainQueue::shared()->async(
-      [manager, offers = std::move(offers), handler = std::move(completionHandler)] {
+      [manager, offers = std::move(offers), call = std::move(completionHandler)] {
+        if (call.cancelled()) return;
         ZVRewardsRouting(*manager).logLine(
             "-[ZVRewardsManager dispatchOffers:completionHandler:]_block_invoke", __LINE__,
             [&] { return "Fetched offers: " + ZVDescribe(offers.get()); });
-        if (const auto* h = handlerOf<ZVOffersCompletionHandler>(handler)) (*h)(offers, nullptr);
+        if (!call.deliver<ZVOffersCompletionHandler>(offers, nullptr)) return;
         ZVNotificationCenter::defaultCenter()->postNotificationName(
             ZV_REWARDS_MANAGER_DID_FETCH_OFFERS_NOTIFICATION, manager,
             {{ZV_MANAGER_NOTIFICATION_DATA_KEY, offers}});
@@ -155,28 +171,39 @@ void ZVRewardsRouting::dispatchOffers(ZVOfferArrayPtr offers,
 }
 
 void ZVRewardsRouting::handleFetchRewardOrders(ZVDictionaryPtr body,
-                                               ZVAnyCompletionHandler completionHandler) {
+                                               ZVRewardsCall completionHandler) {
   if (!isOK(body)) {
-    manager_.setOrders(nullptr);
+    {
+      auto noOrders = std::make_shared<const ZVOrderArray>();
+      std::lock_guard lock(manager_.state_->mutex);
+      if (completionHandler.cancelled()) return;
+      manager_.state_->orders = std::move(noOrders);
+    }
     failService(std::move(body), kKindFetchRewardOrders, std::move(completionHandler));
     return;
   }
   auto result = recordsUnder<ZVOrder>(*body, "orders");
-  manager_.setOrders(result);
+  {
+    std::lock_guard lock(manager_.state_->mutex);
+    if (completionHandler.cancelled()) return;
+    manager_.state_->orders = result;
+  }
   deliver<ZVOrdersCompletionHandler>(result, ZV_REWARDS_MANAGER_DID_FETCH_ORDERS_NOTIFICATION,
                                      std::move(completionHandler));
 }
 
 void ZVRewardsRouting::handlePlaceRewardOrder(ZVDictionaryPtr body,
-                                              ZVAnyCompletionHandler completionHandler) {
+                                              ZVRewardsCall completionHandler) {
   if (!isOK(body)) {
     failService(std::move(body), kKindPlaceOrder, std::move(completionHandler));
     return;
   }
   std::shared_ptr<ZVOrder> order = ZVOrder::initMutableWithDictionary(valueUnder(*body, "order"));
   ZVRewardsManager* manager = &manager_;
-  ZVMainQueue::shared()->async([manager, order, handler = std::move(completionHandler)] {
-    if (const auto* h = handlerOf<ZVOrderCompletionHandler>(handler)) (*h)(order, nullptr);
+  ZVMainQueue::shared()->async([manager, order, call = std::move(completionHandler)] {
+    // Each step is guarded on its own: a handler that throws does not keep
+    // the order's news, and the new balances, from their observers.
+    if (!call.deliver<ZVOrderCompletionHandler>(order, nullptr)) return;
     auto* center = ZVNotificationCenter::defaultCenter();
     center->postNotificationName(ZV_REWARDS_MANAGER_DID_PLACE_ORDER_NOTIFICATION, manager,
                                  {{ZV_MANAGER_NOTIFICATION_DATA_KEY, order}});
@@ -189,7 +216,7 @@ void ZVRewardsRouting::handlePlaceRewardOrder(ZVDictionaryPtr body,
 }
 
 void ZVRewardsRouting::handleFetchSkillQuestion(ZVDictionaryPtr body,
-                                                ZVAnyCompletionHandler completionHandler) {
+                                                ZVRewardsCall completionHandler) {
   if (!isOK(body)) {
     failService(std::move(body), kKindFetchSkillQuestion, std::move(completionHandler));
     return;
@@ -200,7 +227,7 @@ void ZVRewardsRouting::handleFetchSkillQuestion(ZVDictionaryPtr body,
 }
 
 void ZVRewardsRouting::handleAnswerSkillQuestion(ZVDictionaryPtr body,
-                                                 ZVAnyCompletionHandler completionHandler) {
+                                                 ZVRewardsCall completionHandler) {
   if (!isOK(body)) {
     failService(std::move(body), kKindAnswerSkillQuestion, std::move(completionHandler));
     return;
@@ -214,24 +241,24 @@ void ZVRewardsRouting::handleAnswerSkillQuestion(ZVDictionaryPtr body,
 
 template <class Handler, class Result>
 void ZVRewardsRouting::deliver(std::shared_ptr<Result> result, const char* notification,
-                               ZVAnyCompletionHandler completionHandler) {
+                               ZVRewardsCall completionHandler) {
   ZVRewardsManager* manager = &manager_;
   ZVMainQueue::shared()->async(
-      [manager, result = std::move(result), notification, handler = std::move(completionHandler)] {
-        if (const auto* h = handlerOf<Handler>(handler)) (*h)(result, nullptr);
+      [manager, result = std::move(result), notification, call = std::move(completionHandler)] {
+        if (!call.deliver<Handler>(result, nullptr)) return;
         ZVNotificationCenter::defaultCenter()->postNotificationName(
             notification, manager, {{ZV_MANAGER_NOTIFICATION_DATA_KEY, result}});
       });
 }
 
 void ZVRewardsRouting::failService(ZVDictionaryPtr body, const char* kind,
-                                   ZVAnyCompletionHandler completionHandler) {
+                                   ZVRewardsCall completionHandler) {
   auto error = std::make_shared<ZVRewardsError>(ZVErrorTypeService, std::move(body));
   ZVRewardsManager* manager = &manager_;
   // The step delivers the error made here, whatever the utility hands it.
-  ZVPManagerUtils::callDidFailWithError<ZVAnyCompletionHandler>(
+  ZVPManagerUtils::callDidFailWithError<ZVRewardsCall>(
       error, ZV_REWARDS_MANAGER_REQUEST_DID_FAIL_NOTIFICATION, std::move(completionHandler),
-      [manager, error, kind = std::string(kind)](ZVAnyCompletionHandler handler, ZVErrorPtr) {
+      [manager, error, kind = std::string(kind)](ZVRewardsCall handler, ZVErrorPtr) {
         ZVRewardsRouting(*manager).dispatchFailWithError(error, kind, handler);
       },
       manager);
@@ -239,14 +266,14 @@ void ZVRewardsRouting::failService(ZVDictionaryPtr body, const char* kind,
 
 void ZVRewardsRouting::failValidation(const char* function, int line, const char* code,
                                       const char* message, const char* kind,
-                                      ZVAnyCompletionHandler completionHandler) {
+                                      ZVRewardsCall completionHandler) {
   logLine(function, line, [message] { return std::string(message); });
   auto error = std::make_shared<ZVRewardsError>(ZVErrorTypeValidation, code, message);
   ZVRewardsManager* manager = &manager_;
-  ZVPManagerUtils::callDidFailWithError<ZVAnyCompletionHandler>(
+  ZVPManagerUtils::callDidFailWithError<ZVRewardsCall>(
       std::move(error), ZV_REWARDS_MANAGER_VALIDATION_DID_FAIL_NOTIFICATION,
       std::move(completionHandler),
-      [manager, kind = std::string(kind)](ZVAnyCompletionHandler handler, ZVErrorPtr given) {
+      [manager, kind = std::string(kind)](ZVRewardsCall handler, ZVErrorPtr given) {
         ZVRewardsRouting(*manager).dispatchFailWithError(std::move(given), kind, handler);
       },
       manager);
@@ -259,9 +286,13 @@ void ZVRewardsRouting::logLine(const char* function, int line,
   ZVLogger* logger = ZVLogger::instance();
   const bool category = (logger->logCategories() & ZVLogCategoryRewards) != 0;
   const int64_t level = logger->logLevel();
-  if (category && level == 1) {
-    logger->log(manager_.description() + " " + message());
-  } else if (level == 2 && category) {
-    logger->log(zv_detail::strCat(function, " [Line ", line, "] ", message()));
+  try {
+    if (category && level == 1) {
+      logger->log(manager_.description() + " " + message());
+    } else if (level == 2 && category) {
+      logger->log(zv_detail::strCat(function, " [Line ", line, "] ", message()));
+    }
+  } catch (...) {
+    // No memory for the line: the delivery that logs it goes on without it.
   }
 }

@@ -6,12 +6,15 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
+#include <type_traits>
 #include <variant>
 
 #include <ZorvaneRewardsKit/ZVRewardsManager.h>
 
 #include "http/ZVGenericRequest.h"
+#include "runtime/ZVOperation.h"
 
 struct ZVRewardsManager::State {
   mutable std::mutex mutex;
@@ -28,6 +31,45 @@ using ZVAnyCompletionHandler =
                  ZVOrderCompletionHandler, ZVSkillQuestionCompletionHandler,
                  ZVSkillChallengeCompletionHandler>;
 
+/// One operation of the manager: its completion handler, kept by the
+/// operation until the one delivery that may call it, and its tracking
+/// (scope, cancellation). Made from a handler when the operation starts, on
+/// the caller's thread, so that it joins the scope active there. Copies
+/// share the operation.
+class ZVRewardsCall {
+ public:
+  using Operation = zv_detail::ZVOperationWith<ZVAnyCompletionHandler>;
+
+  /// An operation without a handler.
+  ZVRewardsCall() : ZVRewardsCall(ZVAnyCompletionHandler()) {}
+  /// An operation with `handler` (any of the manager's handler types).
+  template <class Handler,
+            std::enable_if_t<std::is_constructible_v<ZVAnyCompletionHandler, Handler&&>,
+                             int> = 0>
+  ZVRewardsCall(Handler&& handler)  // NOLINT: converts, as the handler types did
+      : operation_(Operation::make(ZVAnyCompletionHandler(std::forward<Handler>(handler)))) {}
+
+  const std::shared_ptr<Operation>& operation() const { return operation_; }
+  /// Cancelled: the answer must change nothing and deliver nothing.
+  bool cancelled() const { return operation_->cancelled(); }
+
+  /// The one delivery: calls the handler, when it is of type Handler, with
+  /// (result, error). Returns false when the operation was cancelled or
+  /// delivered already (nothing else of the delivery may happen then).
+  template <class Handler, class Result>
+  bool deliver(const std::shared_ptr<Result>& result, const ZVErrorPtr& error) const {
+    return operation_->deliver("a completion handler", [&](ZVAnyCompletionHandler& any) {
+      if (const Handler* handler = std::get_if<Handler>(&any); handler && *handler)
+        (*handler)(result, error);
+    });
+  }
+  /// The one delivery of a failure, whatever the handler's type.
+  bool deliverFailure(const ZVErrorPtr& error) const;
+
+ private:
+  std::shared_ptr<Operation> operation_;
+};
+
 /// Stateless: a view of the manager, made where it is needed. Exported for
 /// our tests and fuzzers only; not part of the API.
 class ZV_REWARDS_EXPORT ZVRewardsRouting {
@@ -35,40 +77,45 @@ class ZV_REWARDS_EXPORT ZVRewardsRouting {
   explicit ZVRewardsRouting(ZVRewardsManager& manager) : manager_(manager) {}
 
   /// Sends `request`; its answer comes back to `requestKind`.
-  void send(std::shared_ptr<ZVGenericRequest> request, ZVAnyCompletionHandler completionHandler);
+  void send(std::shared_ptr<ZVGenericRequest> request, ZVRewardsCall completionHandler);
 
   /// `requestKind:response:error:completionHandler:`. An error goes to the
   /// failure path; otherwise a mutable copy of the body goes to the kind's
-  /// handler (the offers kind stamps `lastRefreshTime` first). An unknown
-  /// kind is dropped: the handler is never called.
+  /// handler. For the offers kind, the time of arrival is taken first: it is
+  /// the `lastRefreshTime` that the handler publishes with the catalogue. An
+  /// unknown kind is dropped: the handler is never called.
   void requestKind(const std::string& kind, std::shared_ptr<ZVGenericResponse> response,
-                   ZVErrorPtr error, ZVAnyCompletionHandler completionHandler);
+                   ZVErrorPtr error, ZVRewardsCall completionHandler);
   /// `dispatchFailWithError:requestKind:completionHandler:`: calls a present
   /// handler with (nullptr, error) at once when `kind` is one of the five.
   void dispatchFailWithError(ZVErrorPtr error, const std::string& kind,
-                             const ZVAnyCompletionHandler& completionHandler);
+                             const ZVRewardsCall& completionHandler);
 
-  void handleFetchRewardOffers(ZVDictionaryPtr body, ZVAnyCompletionHandler completionHandler);
-  void handleFetchRewardOrders(ZVDictionaryPtr body, ZVAnyCompletionHandler completionHandler);
-  void handlePlaceRewardOrder(ZVDictionaryPtr body, ZVAnyCompletionHandler completionHandler);
-  void handleFetchSkillQuestion(ZVDictionaryPtr body, ZVAnyCompletionHandler completionHandler);
-  void handleAnswerSkillQuestion(ZVDictionaryPtr body, ZVAnyCompletionHandler completionHandler);
+  /// The handlers change the manager's state only for an operation that is
+  /// not cancelled, checked under the state's lock.
+  void handleFetchRewardOffers(ZVDictionaryPtr body, ZVRewardsCall completionHandler);
+  void handleFetchRewardOrders(ZVDictionaryPtr body, ZVRewardsCall completionHandler);
+  void handlePlaceRewardOrder(ZVDictionaryPtr body, ZVRewardsCall completionHandler);
+  void handleFetchSkillQuestion(ZVDictionaryPtr body, ZVRewardsCall completionHandler);
+  void handleAnswerSkillQuestion(ZVDictionaryPtr body, ZVRewardsCall completionHandler);
   /// `dispatchOffers:completionHandler:`: on the main queue, the log line
   /// "Fetched offers: %@", the handler, then the notification.
-  void dispatchOffers(ZVOfferArrayPtr offers, ZVAnyCompletionHandler completionHandler);
+  void dispatchOffers(ZVOfferArrayPtr offers, ZVRewardsCall completionHandler);
 
   /// A validation failure: the log line, then the failure notification and
   /// the handler on the main queue. Nothing is sent.
   void failValidation(const char* function, int line, const char* code, const char* message,
-                      const char* kind, ZVAnyCompletionHandler completionHandler);
+                      const char* kind, ZVRewardsCall completionHandler);
 
  private:
-  void failService(ZVDictionaryPtr body, const char* kind,
-                   ZVAnyCompletionHandler completionHandler);
+  void failService(ZVDictionaryPtr body, const char* kind, ZVRewardsCall completionHandler);
   template <class Handler, class Result>
   void deliver(std::shared_ptr<Result> result, const char* notification,
-               ZVAnyCompletionHandler completionHandler);
+               ZVRewardsCall completionHandler);
   void logLine(const char* function, int line, const std::function<std::string()>& message);
 
   ZVRewardsManager& manager_;
+  // When the offers answer being handled arrived; unset when a handler is
+  // called directly, which then leaves `lastRefreshTime` alone.
+  std::optional<double> arrival_;
 };

@@ -1,7 +1,9 @@
 #include <ZorvaneCoreKit/ZVMainQueue.h>
+#include <ZorvaneCoreKit/Zorvane.h>
 
 #include <atomic>
 #include <stdexcept>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -101,6 +103,56 @@ TEST(MainQueueTest, DedicatedThreadStartsStopsAndKeepsUnrunTasks) {
   queue.async([&] { after = true; });
   EXPECT_TRUE(queue.runUntil([&] { return after.load(); }, 10s));
   EXPECT_EQ(later, 1);
+}
+
+// A loop that sleeps is woken once per task, and cannot run the queue from
+// inside the wake-up (it may be inside the call that started an operation).
+TEST(MainQueueTest, WakeUpHandlerIsToldOfEachTaskAndCannotDrainInline) {
+  ZVMainQueue queue;
+  int wakeUps = 0;
+  size_t ranInside = 0;
+  queue.setWakeUpHandler([&] {
+    ++wakeUps;
+    ranInside += queue.drain();
+    ranInside += queue.runUntil([] { return true; }, 0ms) ? 1 : 0;
+    throw std::runtime_error("the loop is gone");  // reported; the task stays queued
+  });
+  int ran = 0;
+  for (int i = 0; i < 3; ++i) queue.async([&] { ++ran; });
+  EXPECT_EQ(wakeUps, 3);
+  EXPECT_EQ(ranInside, 0u);
+  EXPECT_EQ(ran, 0);
+  EXPECT_EQ(queue.drain(), 3u);
+  queue.setWakeUpHandler({});
+  queue.async([] {});
+  EXPECT_EQ(wakeUps, 3);
+}
+
+TEST(MainQueueTest, ExecutorGetsEveryTaskInOrderThenTheQueueTakesOver) {
+  ZVMainQueue queue;
+  std::vector<int> order;
+  queue.async([&] { order.push_back(1); });  // queued before the executor: handed over first
+  std::vector<ZVMainQueue::Task> loop;
+  queue.setExecutor([&](ZVMainQueue::Task task) { loop.push_back(std::move(task)); });
+  EXPECT_EQ(queue.pendingCount(), 0u);
+  queue.async([&] { order.push_back(2); });
+  EXPECT_TRUE(order.empty());  // never inline
+  for (auto& task : loop) task();
+  EXPECT_EQ(order, (std::vector<int>{1, 2}));
+
+  // An executor that throws is reported; the SDK goes on.
+  std::vector<std::string> reported;
+  Zorvane::setHostExceptionHandler(
+      [&](std::string_view where, std::string_view) { reported.emplace_back(where); });
+  queue.setExecutor([](ZVMainQueue::Task) { throw std::runtime_error("full"); });
+  queue.async([&] { order.push_back(3); });
+  Zorvane::setHostExceptionHandler({});
+  EXPECT_EQ(reported, (std::vector<std::string>{"the main queue's executor"}));
+
+  queue.setExecutor({});
+  queue.async([&] { order.push_back(4); });
+  EXPECT_EQ(queue.drain(), 1u);
+  EXPECT_EQ(order, (std::vector<int>{1, 2, 4}));
 }
 
 }  // namespace

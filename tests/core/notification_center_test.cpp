@@ -1,6 +1,10 @@
 #include <ZorvaneCoreKit/ZVNotificationCenter.h>
+#include <ZorvaneCoreKit/Zorvane.h>
 
 #include <atomic>
+#include <chrono>
+#include <memory>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -106,6 +110,67 @@ TEST(NotificationCenterTest, ConcurrentPostAddRemove) {
   }
   for (auto& t : threads) t.join();
   EXPECT_EQ(stable.load(), kThreads * kRounds);
+}
+
+// Each observer is guarded on its own: one that throws is reported, and the
+// ones after it are still called.
+TEST(NotificationCenterTest, AThrowingObserverDoesNotStopTheOthers) {
+  ZVNotificationCenter center;
+  std::vector<std::string> calls, reported;
+  Zorvane::setHostExceptionHandler([&](std::string_view where, std::string_view what) {
+    reported.push_back(std::string(where) + ": " + std::string(what));
+  });
+  center.addObserver("n", nullptr, [&](const ZVNotification&) {
+    calls.push_back("first");
+    throw std::runtime_error("boom");
+  });
+  center.addObserver("n", nullptr, [&](const ZVNotification&) {
+    calls.push_back("second");
+    throw 42;
+  });
+  center.addObserver("n", nullptr, [&](const ZVNotification&) { calls.push_back("third"); });
+  center.postNotificationName("n", nullptr);
+  Zorvane::setHostExceptionHandler({});
+  EXPECT_EQ(calls, (std::vector<std::string>{"first", "second", "third"}));
+  EXPECT_EQ(reported, (std::vector<std::string>{
+                          "an observer of n: boom",
+                          "an observer of n: an exception that is not a std::exception"}));
+}
+
+TEST(NotificationCenterTest, ObservationRemovesItselfAndWaitsForACallUnderWay) {
+  ZVNotificationCenter center;
+  std::atomic<int> calls{0};
+  {
+    ZVObservation observation =
+        center.observe("n", nullptr, [&](const ZVNotification&) { ++calls; });
+    ZVObservation moved = std::move(observation);
+    EXPECT_FALSE(observation);
+    center.postNotificationName("n", nullptr);
+  }
+  center.postNotificationName("n", nullptr);
+  EXPECT_EQ(calls.load(), 1);
+
+  // Destroyed on this thread while its callback runs on another: the
+  // destruction returns only once the callback has.
+  std::atomic<bool> entered{false}, finished{false};
+  auto observation =
+      std::make_unique<ZVObservation>(center.observe("slow", nullptr, [&](const ZVNotification&) {
+        entered = true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        finished = true;
+      }));
+  std::thread poster([&] { center.postNotificationName("slow", nullptr); });
+  while (!entered) std::this_thread::yield();
+  observation.reset();
+  EXPECT_TRUE(finished);
+  poster.join();
+
+  // From inside its own callback it does not wait for itself.
+  std::unique_ptr<ZVObservation> self;
+  self = std::make_unique<ZVObservation>(
+      center.observe("self", nullptr, [&](const ZVNotification&) { self.reset(); }));
+  center.postNotificationName("self", nullptr);
+  EXPECT_EQ(self, nullptr);
 }
 
 }  // namespace

@@ -4,6 +4,9 @@
 //   exit_child teardown HOST   stops the main queue's thread with deliveries
 //                              pending, restarts and stops it again, then exits
 //   exit_child handler HOST    calls exit() from inside a completion handler
+//   exit_child shutdown HOST   shuts the SDK down with requests in flight and
+//                              deliveries queued while other threads keep
+//                              calling, uses it again, then exits
 // Success is exit status 0 within the parent's time limit.
 #include <cstdio>
 #include <cstdlib>
@@ -39,7 +42,7 @@ void callEverything(ZVRewardsManager* manager) {
 
 int main(int argc, char** argv) {
   if (argc != 3) {
-    std::fprintf(stderr, "usage: exit_child inflight|teardown|handler HOST\n");
+    std::fprintf(stderr, "usage: exit_child inflight|teardown|handler|shutdown HOST\n");
     return 2;
   }
   const std::string mode = argv[1];
@@ -72,6 +75,24 @@ int main(int argc, char** argv) {
     }
     for (int i = 0; i < 20; ++i) callEverything(manager);
     return 0;  // whatever is still queued never runs
+  }
+  if (mode == "shutdown") {
+    queue->startDedicatedThread();
+    for (int i = 0; i < 20; ++i) callEverything(manager);
+    for (int t = 0; t < 2; ++t)
+      std::thread([manager] {
+        while (true) {
+          callEverything(manager);
+          std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+      }).detach();
+    while (ZVGenericRequestManager::instance()->requestsInFlight() < 20)
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    Zorvane::shutdown();
+    queue->startDedicatedThread();
+    for (int i = 0; i < 5; ++i) callEverything(manager);
+    Zorvane::shutdown();
+    return 0;
   }
   if (mode == "handler") {
     queue->startDedicatedThread();

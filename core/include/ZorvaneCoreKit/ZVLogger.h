@@ -23,7 +23,8 @@ enum : int64_t {
 ///
 /// @par Thread safety
 /// Every operation is safe from any thread. The sink is called under the
-/// logger's sink lock, so lines never interleave; a sink must not log.
+/// logger's sink lock, so lines never interleave; a sink must not log. A sink
+/// that throws loses that line to standard error, and the SDK goes on.
 class ZV_CORE_EXPORT ZVLogger {
  public:
   using Sink = std::function<void(std::string_view line)>;

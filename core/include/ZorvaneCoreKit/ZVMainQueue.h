@@ -5,6 +5,7 @@
 #include <condition_variable>
 #include <deque>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <thread>
 
@@ -13,19 +14,30 @@
 /// A serial first-in first-out task queue, the "main queue" on which every
 /// completion handler and notification of the SDK runs.
 ///
-/// Two ways to run it, chosen by the host:
+/// Three ways to run it, chosen by the host:
 /// - drive it from the host's own loop: call `drain()` once a frame (a game)
-///   or from the GUI toolkit's idle/timer callback; tasks run on that thread;
-/// - or call `startDedicatedThread()`, and the SDK runs the tasks on a thread
-///   of its own until `stopDedicatedThread()` or process exit.
+///   or from the GUI toolkit's idle/timer callback; tasks run on that thread.
+///   A loop that sleeps sets a wake-up handler (`setWakeUpHandler`) and
+///   drains when it is woken;
+/// - call `startDedicatedThread()`, and the SDK runs the tasks on a thread
+///   of its own until `stopDedicatedThread()`, `Zorvane::shutdown()` or
+///   process exit;
+/// - or hand every task to an executor of the host's (`setExecutor`).
+///
+/// A task that throws is reported (see `Zorvane::setHostExceptionHandler`)
+/// and the queue goes on with the next one.
 ///
 /// @par Thread safety
-/// `async` is safe from any thread. Tasks never run concurrently with each
-/// other. `drain`, `runUntil` and the dedicated thread must not be used at the
-/// same time from two threads (the drain that finds the queue busy returns 0).
+/// Every operation is safe from any thread. Tasks never run concurrently with
+/// each other (with an executor: as the executor runs them). `drain`,
+/// `runUntil` and the dedicated thread must not be used at the same time from
+/// two threads (the drain that finds the queue busy returns 0). No lock of
+/// the queue is held while a task, the wake-up handler or the executor runs.
 class ZV_CORE_EXPORT ZVMainQueue {
  public:
   using Task = std::function<void()>;
+  /// Receives each task instead of the queue; see `setExecutor`.
+  using Executor = std::function<void(Task task)>;
 
   /// The shared main queue.
   static ZVMainQueue* shared();
@@ -55,12 +67,50 @@ class ZV_CORE_EXPORT ZVMainQueue {
   /// Tasks queued and not yet started.
   size_t pendingCount() const;
 
+  /// Installs `handler`, called once for every task queued from now on, on
+  /// the thread that queued it, after the task is in the queue: a loop that
+  /// sleeps posts itself an event there and drains when it gets it. Not
+  /// called for tasks given to an executor. An empty function removes it.
+  ///
+  /// REQUIRES: the handler returns promptly and does not run the queue
+  /// itself (a `drain()` or `runUntil()` inside it returns at once, without
+  /// running anything: it may be inside the call that started an operation).
+  void setWakeUpHandler(std::function<void()> handler);
+
+  /// Installs `executor`: from now on every task, deliveries of the SDK
+  /// included, is handed to it, on the thread that queues the task, instead
+  /// of being kept here; tasks already queued are handed over first, in
+  /// order. An empty function restores the queue. The executor decides where
+  /// tasks run; run them one at a time, in the order given, to keep the
+  /// ordering promises of the SDK (a handler before its notification, and no
+  /// two handlers at once).
+  ///
+  /// REQUIRES: the executor returns promptly, never blocks, and never runs
+  /// the task inside the call (it may be inside the call that started an
+  /// operation). It runs or destroys every task it got before the libraries
+  /// are unloaded. A task it destroys without running ends its operation as
+  /// cancelled. If the executor throws, that is reported and the task is
+  /// treated as the executor left it.
+  void setExecutor(Executor executor);
+
  private:
+  friend class ZVLifecycle;  // shutdown and process exit, inside the SDK
   bool runOne(std::unique_lock<std::mutex>& lock);
+  void runThread();
+  /// Destroys the queued tasks unrun and drops the host's hooks.
+  void discardForShutdown();
+  /// At process exit: hooks are no longer called, and the dedicated thread
+  /// stops after the task under way (waited for up to `patience`).
+  void stopForExit(std::chrono::milliseconds patience);
+
   mutable std::mutex mutex_;
   std::condition_variable cv_;
-  std::deque<Task> tasks_;  // guarded by mutex_
-  bool running_ = false;    // guarded by mutex_: a drain or the thread holds the queue
-  bool stop_ = false;       // guarded by mutex_
+  std::deque<Task> tasks_;    // guarded by mutex_
+  bool running_ = false;      // guarded by mutex_: a drain or the thread holds the queue
+  bool stop_ = false;         // guarded by mutex_
+  bool threadEnded_ = false;  // guarded by mutex_: the dedicated thread left its loop
+  bool exiting_ = false;      // guarded by mutex_: the process is exiting
+  std::shared_ptr<const std::function<void()>> wakeUp_;  // guarded by mutex_
+  std::shared_ptr<const Executor> executor_;             // guarded by mutex_
   std::thread thread_;
 };

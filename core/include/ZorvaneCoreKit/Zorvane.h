@@ -3,9 +3,11 @@
 
 #include <chrono>
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include <ZorvaneCoreKit/ZVExport.h>
 #include <ZorvaneCoreKit/ZVLocale.h>
@@ -86,6 +88,11 @@ struct ZVConfiguration {
   ZVRetryPolicy retry;
 };
 
+/// Told when host code that the SDK runs throws: `where` names the code ("a
+/// completion handler", "an observer of rewards.manager.did.fetch.offers",
+/// "a main-queue task", ...), `what` is the exception's text.
+using ZVHostExceptionHandler = std::function<void(std::string_view where, std::string_view what)>;
+
 /// @par Thread safety
 /// Every operation is safe from any thread.
 class ZV_CORE_EXPORT Zorvane {
@@ -105,4 +112,45 @@ class ZV_CORE_EXPORT Zorvane {
   /// default libcurl transport. Requests already sent finish on the
   /// transport they were given to.
   static void setTransport(std::shared_ptr<ZVTransport> transport);
+
+  /// Host code that throws (a completion handler, an observer, a main-queue
+  /// task, a hook) never stops what the SDK does next: the exception is
+  /// caught where the SDK called that code, a line is written through the
+  /// logger's sink (whatever the log level), and `handler`, when set, is
+  /// called on the same thread. Each completion handler and each observer is
+  /// guarded on its own: a success notification is still posted after a
+  /// handler that threw, and a handler is still called after a failure
+  /// observer that threw. An exception from `handler` itself is ignored. An
+  /// empty function removes it. Default: none.
+  static void setHostExceptionHandler(ZVHostExceptionHandler handler);
+
+  /// Cancels every operation, in the whole process, that has not called its
+  /// completion handler yet, as `ZVScope::cancel()` does for a scope's: its
+  /// handler is never called, its answer changes no state and posts no
+  /// notification. Waits for handlers running on other threads. Call it
+  /// before `ZVRewardsManager::clearUserState` when the user signs out, so
+  /// that no answer to the previous user's requests reaches the next one.
+  static void cancelAllOperations();
+
+  /// Ends the SDK's activity, so that the process may go on without it or
+  /// unload its libraries:
+  /// - cancels every pending operation, as `cancelAllOperations()` does
+  ///   (operations started while it runs are cancelled at once);
+  /// - stops the transport: the default one joins its I/O thread; one
+  ///   installed with `setTransport` is released;
+  /// - stops and joins the main queue's dedicated thread, if started, and
+  ///   destroys the tasks still queued without running them;
+  /// - forgets every host hook: the main queue's wake-up handler and
+  ///   executor, the exception handler, the logger's sink, the clock source.
+  /// The configuration, the custom locale, the log level, observers and the
+  /// manager's state are kept. The SDK may be used again at once: the next
+  /// request starts a new transport; restart the dedicated thread and set
+  /// the hooks again as needed.
+  ///
+  /// Called from inside a handler, it does not wait for that handler, and the
+  /// dedicated thread (if that is where it runs) ends after it. Unloading
+  /// the libraries is safe once a call made outside the SDK's threads has
+  /// returned, observers were removed, and a transport or executor of the
+  /// host's holds nothing of the SDK.
+  static void shutdown();
 };

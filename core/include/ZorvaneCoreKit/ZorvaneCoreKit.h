@@ -12,5 +12,6 @@
 #include <ZorvaneCoreKit/ZVMainQueue.h>
 #include <ZorvaneCoreKit/ZVNotificationCenter.h>
 #include <ZorvaneCoreKit/ZVObject.h>
+#include <ZorvaneCoreKit/ZVScope.h>
 #include <ZorvaneCoreKit/ZVTransport.h>
 #include <ZorvaneCoreKit/Zorvane.h>

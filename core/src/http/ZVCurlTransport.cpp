@@ -2,6 +2,7 @@
 #include <ZorvaneCoreKit/ZVTransport.h>
 
 #include <curl/curl.h>
+#include <pthread.h>
 
 #include <algorithm>
 #include <cstring>
@@ -544,6 +545,8 @@ class CurlTransport final : public ZVTransport {
   explicit CurlTransport(const ZVCurlTransportOptions& options)
       : engine_(std::make_shared<CurlEngine>(options)) {
     thread_ = std::thread([engine = engine_] { engine->run(); });
+    // Named before it runs: a host's debugger, and our tests, tell it by name.
+    pthread_setname_np(thread_.native_handle(), "zv-io");
   }
 
   ~CurlTransport() override {

@@ -5,12 +5,15 @@
 
 #include <ZorvaneCoreKit/ZVMainQueue.h>
 
+#include <chrono>
 #include <exception>
+#include <thread>
 
 #include "base/ZVStrings.h"
 #include "http/ZVAnswerDecoding.h"
 #include "http/ZVRequestURL.h"
 #include "http/ZVRetries.h"
+#include "runtime/ZVLifecycle.h"
 #include "runtime/ZVTimer.h"
 
 using namespace zv_detail;
@@ -59,9 +62,8 @@ class Call : public std::enable_shared_from_this<Call> {
         outcome.error->setMessage(
             strCat(*outcome.error->message(), " (after ", attempts_, " attempts)"));
     }
-    static const std::string noKind;
     if (callback_)
-      callback_(request_ ? request_->kind() : noKind, std::move(outcome.response),
+      callback_(request_ ? request_->kind() : std::string(), std::move(outcome.response),
                 std::move(outcome.error), std::move(outcome.body));
   }
 
@@ -113,12 +115,6 @@ class Call : public std::enable_shared_from_this<Call> {
     }
     if (const int64_t perAttempt = policy.attemptTimeout.count(); perAttempt > 0)
       budget = budget > 0 ? std::min(budget, perAttempt) : perAttempt;
-    std::shared_ptr<ZVTransport> transport = ZVGenericRequestManager::instance()->transport();
-    if (!transport) {
-      finish(failed(ZVErrorTypeTransport, ZVErrorTransportOther,
-                    "could not start the HTTP transport"));
-      return;
-    }
     ZVHTTPRequest exchange;
     if (attempts_ + 1 < policy.maxAttempts)
       exchange = http;  // kept for the attempts that may follow
@@ -129,9 +125,11 @@ class Call : public std::enable_shared_from_this<Call> {
       exchange.connectTimeout = std::min(exchange.connectTimeout, milliseconds(budget));
     ++attempts_;
     // Only the call is captured, so the completion fits in the function's own storage.
-    transport->send(std::move(exchange), [self = shared_from_this()](ZVHTTPResult result) {
-      self->answered(std::move(result));
-    });
+    if (!ZVGenericRequestManager::instance()->sendOnTransport(
+            std::move(exchange),
+            [self = shared_from_this()](ZVHTTPResult result) { self->answered(std::move(result)); }))
+      finish(failed(ZVErrorTypeTransport, ZVErrorTransportOther,
+                    "could not start the HTTP transport (or the SDK is shutting down)"));
   }
 
   void answered(ZVHTTPResult result) {
@@ -197,8 +195,22 @@ void ZVGenericRequestManager::setTransport(std::shared_ptr<ZVTransport> transpor
   previous.reset();
 }
 
+// Transports this thread holds in a send (see closeTransport).
+thread_local size_t tHeld = 0;
+
 std::shared_ptr<ZVTransport> ZVGenericRequestManager::transport() {
+  bool counted = false;
+  std::shared_ptr<ZVTransport> held = holdTransport(counted);
+  if (counted) {
+    sending_.fetch_sub(1);
+    --tHeld;
+  }
+  return held;
+}
+
+std::shared_ptr<ZVTransport> ZVGenericRequestManager::holdTransport(bool& counted) {
   std::lock_guard lock(mutex_);
+  if (closed_) return nullptr;
   if (!transport_) {
     try {
       transport_ = ZVMakeCurlTransport();
@@ -206,11 +218,57 @@ std::shared_ptr<ZVTransport> ZVGenericRequestManager::transport() {
       return nullptr;  // no thread or memory for it; the caller reports the failure
     }
   }
+  sending_.fetch_add(1);
+  ++tHeld;
+  counted = true;
   return transport_;
+}
+
+bool ZVGenericRequestManager::sendOnTransport(ZVHTTPRequest request,
+                                              ZVTransport::Completion done) {
+  // Counted while held, so that closing the transport can wait until the
+  // last reference is its own. Declared in this order so that the reference
+  // goes before the count.
+  struct Held {
+    std::atomic<size_t>& count;
+    bool counted = false;
+    ~Held() {
+      if (!counted) return;
+      count.fetch_sub(1);
+      --tHeld;
+    }
+  } held{sending_};
+  std::shared_ptr<ZVTransport> sender = holdTransport(held.counted);
+  if (!sender) return false;
+  sender->send(std::move(request), std::move(done));
+  return true;
+}
+
+void ZVGenericRequestManager::closeTransport(bool reopen) {
+  std::shared_ptr<ZVTransport> dropped;
+  {
+    std::lock_guard lock(mutex_);
+    closed_ = true;
+    exited_ = exited_ || !reopen;
+    dropped = std::move(transport_);
+  }
+  // A send under way may hold the transport for a moment; the last reference
+  // must be ours, so that its end (joining its thread) happens here. (One
+  // held by this very thread, a transport's send that shuts down, is not
+  // waited for.)
+  while (sending_.load() > tHeld) std::this_thread::sleep_for(std::chrono::microseconds(50));
+  dropped.reset();
+  // Retries waiting for their time run now and find no transport.
+  ZVTimer::shared().stop();
+  if (reopen) {
+    std::lock_guard lock(mutex_);
+    closed_ = exited_;  // a shutdown that overlaps the exit does not reopen
+  }
 }
 
 void ZVGenericRequestManager::sendRequest(std::shared_ptr<ZVGenericRequest> request,
                                           ZVRequestCallback callback) {
+  zv_detail::armExitHook();
   std::shared_ptr<Call> call;
   try {
     call = std::make_shared<Call>(inFlight_, std::move(callback), request);

@@ -51,13 +51,30 @@ class ZV_CORE_EXPORT ZVGenericRequestManager {
   /// Requests sent and not yet called back.
   size_t requestsInFlight() const { return inFlight_.load(); }
 
+  /// Hands one exchange to the transport (made if need be), held while it
+  /// does so that `closeTransport` can wait for it. False, and `done` not
+  /// called, when there is no transport (none could start, or it is closed).
+  bool sendOnTransport(ZVHTTPRequest request, ZVTransport::Completion done);
+
+  /// Drops the transport once the sends under way have handed their requests
+  /// to it; the default transport's end joins its I/O thread and fails the
+  /// exchanges in flight. With `reopen`, later sends start the default
+  /// transport afresh (`Zorvane::shutdown`); without, they are refused
+  /// (process exit).
+  void closeTransport(bool reopen);
+
   /// The URL a request is sent to, under the current configuration, or an
   /// error message in `error`. For tests and diagnostics.
   static std::string resolveURL(const ZVGenericRequest& request, std::string& error);
 
  private:
   ZVGenericRequestManager() = default;
+  /// The transport (made if need be), counted in `sending_` when returned.
+  std::shared_ptr<ZVTransport> holdTransport(bool& counted);
   std::mutex mutex_;
   std::shared_ptr<ZVTransport> transport_;  // guarded by mutex_
+  bool closed_ = false;                     // guarded by mutex_
+  bool exited_ = false;                     // guarded by mutex_: closed for good
   std::atomic<size_t> inFlight_{0};
+  std::atomic<size_t> sending_{0};  // sends holding the transport
 };

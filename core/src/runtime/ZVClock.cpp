@@ -4,6 +4,8 @@
 #include <memory>
 #include <mutex>
 
+#include "runtime/ZVHostCode.h"
+
 namespace {
 
 struct ClockState {
@@ -32,7 +34,12 @@ double ZVClock::now() {
     source = state.source;
   }
   // Called outside the lock so that a source may itself read or replace the clock.
-  return source ? (*source)() : systemNow();
+  // A source that throws reads as the system clock: the routing stamps answers
+  // with it, and must go on to the delivery.
+  if (!source) return systemNow();
+  double now = 0.0;
+  if (!zv_detail::runHostCode("the clock source", [&] { now = (*source)(); })) return systemNow();
+  return now;
 }
 
 void ZVClock::setSource(std::function<double()> source) {

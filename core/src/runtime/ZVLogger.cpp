@@ -8,12 +8,9 @@ ZVLogger* ZVLogger::instance() {
   return logger;
 }
 
-void ZVLogger::log(std::string_view line) {
-  std::lock_guard lock(sinkMutex_);
-  if (sink_) {
-    sink_(line);
-    return;
-  }
+namespace {
+
+void writeToStandardError(std::string_view line) {
   // One write per line, so that lines from other writers to stderr do not split ours.
   std::string text;
   text.reserve(line.size() + 1);
@@ -21,6 +18,27 @@ void ZVLogger::log(std::string_view line) {
   text.push_back('\n');
   std::fwrite(text.data(), 1, text.size(), stderr);
   std::fflush(stderr);
+}
+
+}  // namespace
+
+void ZVLogger::log(std::string_view line) {
+  std::lock_guard lock(sinkMutex_);
+  if (!sink_) {
+    writeToStandardError(line);
+    return;
+  }
+  // A throwing sink must not stop the delivery that logs (the handler and the
+  // notification come after the line); the line goes to stderr instead.
+  try {
+    sink_(line);
+  } catch (...) {
+    try {
+      writeToStandardError(line);
+      writeToStandardError("ZorvaneRewardsKit: the log sink threw an exception; the SDK went on");
+    } catch (...) {
+    }
+  }
 }
 
 void ZVLogger::setSink(Sink sink) {

@@ -1,7 +1,11 @@
 #include <ZorvaneCoreKit/ZVMainQueue.h>
 
-#include <cstdio>
-#include <exception>
+#include <pthread.h>
+
+#include <vector>
+
+#include "runtime/ZVHostCode.h"
+#include "runtime/ZVLifecycle.h"
 
 namespace {
 
@@ -9,15 +13,13 @@ namespace {
 // condition may turn true on another thread without anything being queued.
 constexpr std::chrono::milliseconds kPollInterval{5};
 
+// Set while this thread runs the wake-up handler: a drain from inside it
+// could run a handler inside the call that started its operation.
+thread_local bool tInWakeUp = false;
+
 void runGuarded(const ZVMainQueue::Task& task) {
   // A throwing task must not take the queue, and every task behind it, down with it.
-  try {
-    if (task) task();
-  } catch (const std::exception& e) {
-    std::fprintf(stderr, "ZVMainQueue: a task threw an exception: %s\n", e.what());
-  } catch (...) {
-    std::fprintf(stderr, "ZVMainQueue: a task threw an unknown exception\n");
-  }
+  if (task) zv_detail::runHostCode("a main-queue task", task);
 }
 
 }  // namespace
@@ -45,11 +47,80 @@ ZVMainQueue::~ZVMainQueue() {
 }
 
 void ZVMainQueue::async(Task task) {
+  std::shared_ptr<const Executor> executor;
+  std::shared_ptr<const std::function<void()>> wakeUp;
   {
     std::lock_guard lock(mutex_);
-    tasks_.push_back(std::move(task));
+    if (executor_ && !exiting_) {
+      executor = executor_;
+    } else {
+      tasks_.push_back(std::move(task));
+      if (!exiting_) wakeUp = wakeUp_;
+    }
+  }
+  if (executor) {
+    zv_detail::runHostCode("the main queue's executor", [&] { (*executor)(std::move(task)); });
+    return;
   }
   cv_.notify_all();
+  if (wakeUp) {
+    tInWakeUp = true;
+    zv_detail::runHostCode("the main queue's wake-up handler", *wakeUp);
+    tInWakeUp = false;
+  }
+}
+
+void ZVMainQueue::setWakeUpHandler(std::function<void()> handler) {
+  std::shared_ptr<const std::function<void()>> next;
+  if (handler) next = std::make_shared<const std::function<void()>>(std::move(handler));
+  {
+    std::lock_guard lock(mutex_);
+    wakeUp_.swap(next);
+  }
+  // The previous handler is destroyed here, outside the lock.
+}
+
+void ZVMainQueue::setExecutor(Executor executor) {
+  std::shared_ptr<const Executor> next;
+  if (executor) next = std::make_shared<const Executor>(std::move(executor));
+  std::deque<Task> handOver;
+  {
+    std::lock_guard lock(mutex_);
+    executor_.swap(next);
+    if (executor_) handOver.swap(tasks_);
+  }
+  for (Task& task : handOver) async(std::move(task));
+}
+
+void ZVMainQueue::discardForShutdown() {
+  std::deque<Task> discarded;
+  std::shared_ptr<const std::function<void()>> wakeUp;
+  std::shared_ptr<const Executor> executor;
+  {
+    std::lock_guard lock(mutex_);
+    discarded.swap(tasks_);
+    wakeUp.swap(wakeUp_);
+    executor.swap(executor_);
+  }
+  // Destroyed here, unlocked: their captures may hold the last reference to
+  // an operation, whose end runs host code.
+}
+
+void ZVMainQueue::stopForExit(std::chrono::milliseconds patience) {
+  std::unique_lock lock(mutex_);
+  exiting_ = true;
+  if (!thread_.joinable()) return;
+  stop_ = true;
+  cv_.notify_all();
+  // Called from a task of the thread (exit() in a handler): it never returns there.
+  if (thread_.get_id() == std::this_thread::get_id()) return;
+  // A handler that waits for the exiting thread would never end: wait a
+  // little, then leave the thread to the exit.
+  if (cv_.wait_for(lock, patience, [this] { return threadEnded_; })) {
+    std::thread worker = std::move(thread_);
+    lock.unlock();
+    worker.join();
+  }
 }
 
 bool ZVMainQueue::runOne(std::unique_lock<std::mutex>& lock) {
@@ -64,9 +135,11 @@ bool ZVMainQueue::runOne(std::unique_lock<std::mutex>& lock) {
 }
 
 size_t ZVMainQueue::drain() {
+  if (tInWakeUp) return 0;
   std::unique_lock lock(mutex_);
   // A started dedicated thread owns the queue even before it first takes it.
-  if (running_ || (thread_.joinable() && !stop_)) return 0;
+  // Once the process exits, no task runs: the host's statics may be gone.
+  if (exiting_ || running_ || (thread_.joinable() && !stop_)) return 0;
   running_ = true;
   // FIFO: the first `before` tasks are exactly those queued before this call.
   const size_t before = tasks_.size();
@@ -79,6 +152,7 @@ size_t ZVMainQueue::drain() {
 }
 
 bool ZVMainQueue::runUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout) {
+  if (tInWakeUp) return false;
   const auto deadline = std::chrono::steady_clock::now() + timeout;
   std::unique_lock lock(mutex_);
   bool owner = false;  // whether this call holds the queue and runs its tasks
@@ -97,7 +171,7 @@ bool ZVMainQueue::runUntil(const std::function<bool()>& done, std::chrono::milli
     }
     // While another runner (the dedicated thread) holds the queue, it runs the
     // tasks and this call only waits; it takes the queue over once it is free.
-    if (!owner && !running_ && !(thread_.joinable() && !stop_)) {
+    if (!owner && !exiting_ && !running_ && !(thread_.joinable() && !stop_)) {
       running_ = true;
       owner = true;
     }
@@ -110,7 +184,9 @@ bool ZVMainQueue::runUntil(const std::function<bool()>& done, std::chrono::milli
 }
 
 void ZVMainQueue::startDedicatedThread() {
+  zv_detail::armExitHook();
   std::unique_lock lock(mutex_);
+  if (exiting_) return;
   if (thread_.joinable()) {
     if (!stop_) return;
     if (thread_.get_id() == std::this_thread::get_id()) {
@@ -125,11 +201,17 @@ void ZVMainQueue::startDedicatedThread() {
     if (thread_.joinable()) return;  // started meanwhile by another caller
   }
   stop_ = false;
-  thread_ = std::thread([this] {
-    std::unique_lock lock(mutex_);
-    // Wait for a drain or runUntil under way to give the queue up.
-    cv_.wait(lock, [this] { return stop_ || !running_; });
-    if (stop_) return;
+  threadEnded_ = false;
+  thread_ = std::thread([this] { runThread(); });
+  // Named before it runs: a host's debugger, and our tests, tell it by name.
+  pthread_setname_np(thread_.native_handle(), "zv-main-queue");
+}
+
+void ZVMainQueue::runThread() {
+  std::unique_lock lock(mutex_);
+  // Wait for a drain or runUntil under way to give the queue up.
+  cv_.wait(lock, [this] { return stop_ || !running_; });
+  if (!stop_) {
     running_ = true;
     while (true) {
       cv_.wait(lock, [this] { return stop_ || !tasks_.empty(); });
@@ -137,9 +219,10 @@ void ZVMainQueue::startDedicatedThread() {
       runOne(lock);
     }
     running_ = false;
-    lock.unlock();
-    cv_.notify_all();
-  });
+  }
+  threadEnded_ = true;
+  lock.unlock();
+  cv_.notify_all();
 }
 
 void ZVMainQueue::stopDedicatedThread() {

@@ -44,11 +44,20 @@ class ZVRewardsRouting;
 ///   under `ZV_MANAGER_NOTIFICATION_ERROR_KEY`), then the completion handler
 ///   with (nullptr, error).
 ///
+/// Each call is an operation that ends once: its completion handler is called
+/// exactly once, unless the operation is cancelled first (by the `ZVScope`
+/// active when it was started, by `Zorvane::cancelAllOperations()` or by
+/// `Zorvane::shutdown()`); a cancelled operation never calls its handler,
+/// releases it at once, and its answer changes no state and posts no
+/// notification. A handler or observer that throws is reported and stops
+/// nothing else (see `Zorvane::setHostExceptionHandler`).
+///
 /// @par Thread safety
 /// Every operation is safe from any thread. The state (`offers`, `orders`,
 /// `lastRefreshTime`) is guarded by an internal lock and always written
-/// before the delivery that reflects it is queued. Handlers run on the main
-/// queue with no SDK lock held, so they may call the manager again.
+/// before the delivery that reflects it is queued; an offers answer's
+/// `lastRefreshTime` and catalogue are published together. Handlers run on
+/// the main queue with no SDK lock held, so they may call the manager again.
 class ZV_REWARDS_EXPORT ZVRewardsManager final : public ZVBaseManager {
  public:
   /// `+instance`: the shared manager, created on the first call (once, even
@@ -70,8 +79,9 @@ class ZV_REWARDS_EXPORT ZVRewardsManager final : public ZVBaseManager {
   /// Empties `offers` and `orders` and zeroes `lastRefreshTime`.
   void resetData();
   /// `clearUserState:`: calls `resetData`; the argument is ignored. Requests
-  /// in flight are not cancelled. Called when
-  /// `ZV_USER_MANAGER_USER_DID_CHANGE_NOTIFICATION` is posted.
+  /// in flight are not cancelled: an answer that arrives afterwards fills the
+  /// state again (call `Zorvane::cancelAllOperations()` first to prevent it).
+  /// Called when `ZV_USER_MANAGER_USER_DID_CHANGE_NOTIFICATION` is posted.
   void clearUserState(const ZVObject* argument) override;
 
   // ---- Offers ---------------------------------------------------------------

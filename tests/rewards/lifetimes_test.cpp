@@ -1,0 +1,427 @@
+// What a host hands the manager, and when the SDK lets go of it: scopes and
+// cancellation, host code that throws, the offers cache across an answer and
+// a sign-out, and shutdown.
+#include <filesystem>
+#include <fstream>
+#include <stdexcept>
+#include <thread>
+
+#include "ZVRewardsFixture.h"
+
+using namespace zvtest;
+using namespace std::chrono_literals;
+
+namespace {
+
+// Keeps every exchange until the test answers it, on the answering thread.
+class HeldTransport : public ZVTransport {
+ public:
+  void send(ZVHTTPRequest, Completion done) override {
+    std::lock_guard lock(mutex_);
+    held_.push_back(std::move(done));
+  }
+  size_t held() const {
+    std::lock_guard lock(mutex_);
+    return held_.size();
+  }
+  void answer(int status, const std::string& body) {
+    std::vector<Completion> taken;
+    {
+      std::lock_guard lock(mutex_);
+      taken.swap(held_);
+    }
+    for (Completion& done : taken) {
+      ZVHTTPResult result;
+      result.status = status;
+      result.body = body;
+      done(std::move(result));
+    }
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::vector<Completion> held_;
+};
+
+// One answer good for every operation: each handler reads its own key.
+constexpr const char* kGoodAnswer =
+    R"({"status":"ok","offers":[{"id":"1"}],"orders":[{"id":"1"}],)"
+    R"("order":{"id":"9","user":{"available_points":10}},"challenge":{"id":"c"}})";
+
+// A completion handler of any of the manager's types; it holds `token`, so
+// the test can tell when its captures are released.
+struct Probe {
+  std::shared_ptr<int> token;
+  std::atomic<int>* calls;
+  bool throws = false;
+  template <class Result>
+  void operator()(Result, ZVErrorPtr) const {
+    ++*calls;
+    if (throws) throw std::runtime_error("handler failure");
+  }
+};
+
+struct Op {
+  const char* name;
+  const char* success;  // the success notification
+  bool sends;           // false: refused by validation, nothing sent
+  std::function<void(ZVRewardsManager*, Probe)> start;
+};
+
+const std::vector<Op>& operations() {
+  static const std::vector<Op> ops = {
+      {"fetchOffers", ZV_REWARDS_MANAGER_DID_FETCH_OFFERS_NOTIFICATION, true,
+       [](auto* m, Probe p) { m->fetchOffersWithCompletionHandler(p); }},
+      {"forceFetchOffers", ZV_REWARDS_MANAGER_DID_FETCH_OFFERS_NOTIFICATION, true,
+       [](auto* m, Probe p) { m->forceFetchOffersWithLocale(ZVLocale("en_US"), p); }},
+      {"fetchOrders", ZV_REWARDS_MANAGER_DID_FETCH_ORDERS_NOTIFICATION, true,
+       [](auto* m, Probe p) { m->fetchOrdersWithCompletionHandler(p); }},
+      {"placeOrder", ZV_REWARDS_MANAGER_DID_PLACE_ORDER_NOTIFICATION, true,
+       [](auto* m, Probe p) { m->placeOrder(ZVOrderRequest::initWithOfferID("101", 1), p); }},
+      {"fetchSkillQuestion", ZV_REWARDS_MANAGER_DID_FETCH_SKILL_QUESTION_NOTIFICATION, true,
+       [](auto* m, Probe p) { m->fetchSkillQuestionWithCompletionHandler(p); }},
+      {"answerSkillQuestion", ZV_REWARDS_MANAGER_DID_ANSWER_SKILL_QUESTION_NOTIFICATION, true,
+       [](auto* m, Probe p) {
+         m->answerSkillQuestionForOfferID("101", "q1", ZVJSONValue("42"), p);
+       }},
+      {"placeOrder without order", nullptr, false,
+       [](auto* m, Probe p) { m->placeOrder(nullptr, p); }},
+  };
+  return ops;
+}
+
+class LifetimesTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    configureService("http://127.0.0.1:9");  // never reached: the held transport answers
+    Zorvane::setTransport(transport);
+    manager()->setRefreshInterval(ZVBaseManager::kDefaultRefreshInterval);
+    manager()->resetData();
+    ZVMainQueue::shared()->drain();
+  }
+  void TearDown() override {
+    Zorvane::cancelAllOperations();
+    transport->answer(503, "{}");
+    ZVMainQueue::shared()->drain();
+    Zorvane::setTransport(nullptr);
+    Zorvane::setHostExceptionHandler({});
+    ZVClock::setSource({});
+    manager()->resetData();
+  }
+  static ZVRewardsManager* manager() { return ZVRewardsManager::instance(); }
+
+  std::shared_ptr<HeldTransport> transport = std::make_shared<HeldTransport>();
+  NotificationLog notifications;
+};
+
+enum class End { Delivered, ScopeDestroyed, ScopeCancelled, CancelAll, Shutdown };
+
+// Whatever ends an operation early, and wherever it is (request in flight, or
+// delivery queued on the main queue), its handler never runs, its captures
+// are released at once, its cancellation callback runs once, and nothing of
+// its answer is seen: no notification, no state.
+TEST_F(LifetimesTest, CancelledOperationsEndOnceAndLeaveNoTrace) {
+  const struct {
+    End end;
+    const char* name;
+  } ends[] = {{End::Delivered, "delivered"},
+              {End::ScopeDestroyed, "scope destroyed"},
+              {End::ScopeCancelled, "scope cancelled"},
+              {End::CancelAll, "cancel all"},
+              {End::Shutdown, "shutdown"}};
+  for (const auto& end : ends) {
+    for (const bool queued : {false, true}) {
+      for (const int status : {200, 500}) {
+        for (const Op& op : operations()) {
+          if (!op.sends && (!queued || status != 200)) continue;
+          SCOPED_TRACE(std::string(end.name) + (queued ? ", queued, " : ", in flight, ") +
+                       std::to_string(status) + ", " + op.name);
+          manager()->resetData();
+          auto scope = std::make_unique<ZVScope>();
+          std::atomic<int> calls{0};
+          int cancellations = 0;
+          auto token = std::make_shared<int>(0);
+          const std::weak_ptr<int> captures = token;
+          {
+            ZVScope::Activation active(scope.get(), [&] { ++cancellations; });
+            op.start(manager(), Probe{std::move(token), &calls});
+          }
+          EXPECT_EQ(scope->pendingCount(), 1u);
+          if (queued) transport->answer(status, kGoodAnswer);
+          const size_t notes = notifications.all().size();
+          switch (end.end) {
+            case End::Delivered:
+              break;
+            case End::ScopeDestroyed:
+              scope.reset();
+              break;
+            case End::ScopeCancelled:
+              scope->cancel();
+              break;
+            case End::CancelAll:
+              Zorvane::cancelAllOperations();
+              break;
+            case End::Shutdown:
+              Zorvane::shutdown();
+              Zorvane::setTransport(transport);
+              break;
+          }
+          const bool cancelled = end.end != End::Delivered;
+          EXPECT_EQ(captures.expired(), cancelled);
+          EXPECT_EQ(cancellations, cancelled ? 1 : 0);
+          if (!queued) transport->answer(status, kGoodAnswer);
+          ZVMainQueue::shared()->drain();
+          EXPECT_EQ(calls.load(), cancelled ? 0 : 1);
+          EXPECT_TRUE(captures.expired());
+          EXPECT_EQ(cancellations, cancelled ? 1 : 0);
+          if (cancelled) {
+            EXPECT_EQ(notifications.all().size(), notes);
+            if (!queued) {
+              EXPECT_TRUE(manager()->offers()->empty());
+              EXPECT_TRUE(manager()->orders()->empty());
+              EXPECT_EQ(manager()->lastRefreshTime(), 0.0);
+            }
+          } else {
+            EXPECT_GT(notifications.all().size(), notes);
+          }
+          if (scope) {
+            EXPECT_EQ(scope->pendingCount(), 0u);
+          }
+        }
+      }
+    }
+  }
+}
+
+// A scope destroyed while one of its handlers runs on another thread waits
+// for it; destroyed from inside that handler, it does not wait for itself.
+TEST_F(LifetimesTest, ScopeEndWaitsForAHandlerRunningElsewhere) {
+  ZVMainQueue::shared()->startDedicatedThread();
+  auto scope = std::make_unique<ZVScope>();
+  std::atomic<bool> entered{false}, finished{false};
+  {
+    ZVScope::Activation active(*scope);
+    manager()->fetchOrdersWithCompletionHandler([&](ZVOrderArrayPtr, ZVErrorPtr) {
+      entered = true;
+      std::this_thread::sleep_for(100ms);
+      finished = true;
+    });
+  }
+  transport->answer(200, kGoodAnswer);
+  while (!entered) std::this_thread::yield();
+  scope.reset();
+  EXPECT_TRUE(finished);
+
+  scope = std::make_unique<ZVScope>();
+  std::atomic<bool> returned{false};
+  {
+    ZVScope::Activation active(*scope);
+    manager()->fetchOrdersWithCompletionHandler([&](ZVOrderArrayPtr, ZVErrorPtr) {
+      scope.reset();
+      returned = true;
+    });
+  }
+  transport->answer(200, kGoodAnswer);
+  const auto deadline = std::chrono::steady_clock::now() + 10s;
+  while (!returned && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
+  EXPECT_TRUE(returned);
+  ZVMainQueue::shared()->stopDedicatedThread();
+}
+
+// Host code that throws is reported and stops nothing else: every handler is
+// called exactly once, and every notification is still posted.
+TEST_F(LifetimesTest, ThrowingHostCodeBreaksNoPromise) {
+  std::vector<std::string> reported;
+  Zorvane::setHostExceptionHandler(
+      [&](std::string_view where, std::string_view) { reported.emplace_back(where); });
+  const struct {
+    const char* what;
+    int status;
+    bool handlerThrows;
+    std::function<void(ZVObservation&)> arrange;
+    std::string reportedWhere;  // empty: not reported through the handler
+    bool offersOnly;            // only the offers operations run the code
+  } cases[] = {
+      {"throwing handler", 200, true, {}, "a completion handler", false},
+      {"throwing failure observer", 500, false,
+       [](ZVObservation& o) {
+         o = ZVNotificationCenter::defaultCenter()->observe(
+             ZV_REWARDS_MANAGER_REQUEST_DID_FAIL_NOTIFICATION, nullptr,
+             [](const ZVNotification&) { throw std::runtime_error("observer failure"); });
+       },
+       std::string("an observer of ") + ZV_REWARDS_MANAGER_REQUEST_DID_FAIL_NOTIFICATION, false},
+      {"throwing log sink", 200, false,
+       [](ZVObservation&) {
+         ZVLogger::instance()->setLogCategories(ZVLogCategoryRewards);
+         ZVLogger::instance()->setLogLevel(1);
+         ZVLogger::instance()->setSink([](std::string_view) { throw std::bad_alloc(); });
+       },
+       "", true},
+      {"throwing clock", 200, false,
+       [](ZVObservation&) { ZVClock::setSource([]() -> double { throw std::bad_alloc(); }); },
+       "the clock source", true},
+  };
+  for (const auto& c : cases) {
+    for (const Op& op : operations()) {
+      if (!op.sends) continue;
+      const bool offers =
+          op.success == std::string(ZV_REWARDS_MANAGER_DID_FETCH_OFFERS_NOTIFICATION);
+      if (c.offersOnly && !offers) continue;
+      SCOPED_TRACE(std::string(c.what) + ", " + op.name);
+      manager()->resetData();
+      reported.clear();
+      ZVObservation observation;
+      if (c.arrange) c.arrange(observation);
+      const size_t success = op.success ? notifications.count(op.success) : 0;
+      const size_t failure = notifications.count(ZV_REWARDS_MANAGER_REQUEST_DID_FAIL_NOTIFICATION);
+      const size_t balance = notifications.count(ZV_USER_MANAGER_DID_UPDATE_USER_INTERNAL);
+      std::atomic<int> calls{0};
+      op.start(manager(), Probe{nullptr, &calls, c.handlerThrows});
+      transport->answer(c.status, kGoodAnswer);
+      ZVMainQueue::shared()->drain();
+      EXPECT_EQ(calls.load(), 1);
+      if (c.status == 200) {
+        EXPECT_EQ(notifications.count(op.success), success + 1);
+        EXPECT_EQ(
+            notifications.count(ZV_USER_MANAGER_DID_UPDATE_USER_INTERNAL),
+            balance + (op.success == std::string(ZV_REWARDS_MANAGER_DID_PLACE_ORDER_NOTIFICATION)));
+      } else {
+        EXPECT_EQ(notifications.count(ZV_REWARDS_MANAGER_REQUEST_DID_FAIL_NOTIFICATION),
+                  failure + 1);
+      }
+      if (!c.reportedWhere.empty()) {
+        // A non-forced fetch reads the clock twice: for the cache, and at the answer.
+        EXPECT_FALSE(reported.empty());
+        for (const std::string& where : reported) EXPECT_EQ(where, c.reportedWhere);
+      }
+      if (offers && c.status == 200) {
+        EXPECT_EQ(manager()->offers()->size(), 1u);
+        EXPECT_GT(manager()->lastRefreshTime(), 0.0);
+      }
+      ZVLogger::instance()->setSink({});
+      ZVLogger::instance()->setLogLevel(0);
+      ZVClock::setSource({});
+    }
+  }
+}
+
+// The stamp of an offers answer is taken when it arrives, but no reader sees
+// it before the catalogue it belongs to, however long the records take.
+TEST_F(LifetimesTest, NoReaderSeesTheStampWithoutItsCatalogue) {
+  constexpr size_t kOffers = 20000;
+  std::string body = R"({"status":"ok","offers":[)";
+  for (size_t i = 0; i < kOffers; ++i)
+    body += (i ? "," : "") + std::string(R"({"id":")") + std::to_string(i) + R"(","points":5})";
+  body += "]}";
+  constexpr double kStamp = 2.0e9;
+  std::atomic<bool> arrived{false}, done{false};
+  std::thread::id answering;
+  std::mutex mutex;
+  ZVClock::setSource([&] {
+    std::lock_guard lock(mutex);
+    if (std::this_thread::get_id() == answering) arrived = true;
+    return kStamp;
+  });
+  manager()->forceFetchOffersWithLocale(ZVLocale("en_US"), {});
+  std::thread answerer([&] {
+    {
+      std::lock_guard lock(mutex);
+      answering = std::this_thread::get_id();
+    }
+    transport->answer(200, body);
+    done = true;
+  });
+  while (!arrived && !done) std::this_thread::yield();
+  size_t reads = 0, mismatches = 0;
+  while (!done) {
+    const double stamp = manager()->lastRefreshTime();
+    const size_t offers = manager()->offers()->size();
+    ++reads;
+    if (stamp == kStamp && offers != kOffers) ++mismatches;
+  }
+  answerer.join();
+  EXPECT_EQ(mismatches, 0u) << "out of " << reads << " reads";
+  EXPECT_EQ(manager()->lastRefreshTime(), kStamp);
+  EXPECT_EQ(manager()->offers()->size(), kOffers);
+}
+
+// An offers answer still in flight at a sign-out fills the cache again, as the
+// contract allows, unless the host cancels first.
+TEST_F(LifetimesTest, CancelAllBeforeClearUserStateKeepsTheNextUserClean) {
+  for (const bool cancelFirst : {false, true}) {
+    SCOPED_TRACE(cancelFirst ? "cancel first" : "contract only");
+    manager()->resetData();
+    manager()->fetchOffersWithCompletionHandler({});
+    ASSERT_EQ(transport->held(), 1u);
+    if (cancelFirst) Zorvane::cancelAllOperations();
+    manager()->clearUserState(nullptr);
+    transport->answer(200, kGoodAnswer);
+    ZVMainQueue::shared()->drain();
+    EXPECT_EQ(manager()->offers()->size(), cancelFirst ? 0u : 1u);
+    EXPECT_EQ(manager()->lastRefreshTime() == 0.0, cancelFirst);
+    // The next user's first fetch goes to the service.
+    manager()->fetchOffersWithCompletionHandler({});
+    EXPECT_EQ(transport->held(), cancelFirst ? 1u : 0u);
+    transport->answer(503, "{}");
+    ZVMainQueue::shared()->drain();
+  }
+}
+
+// The SDK's threads in this process, by the names it gives them, once their
+// number is `expected` (a joined thread leaves /proc a moment after the join
+// returns) or a second has passed.
+size_t threadCount(size_t expected) {
+  const auto deadline = std::chrono::steady_clock::now() + 1s;
+  while (true) {
+    size_t count = 0;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) {
+      std::ifstream comm(entry.path() / "comm");
+      std::string name;
+      std::getline(comm, name);
+      count += name.starts_with("zv-");
+    }
+    if (count == expected || std::chrono::steady_clock::now() > deadline) return count;
+    std::this_thread::sleep_for(1ms);
+  }
+}
+
+// Shutdown joins the SDK's threads, also with a request in flight, and leaves
+// the SDK ready to work again; called from inside a handler, it returns.
+TEST(ShutdownTest, JoinsTheThreadsAndTheSDKWorksAgain) {
+  ZVLoopbackServer server;
+  CloseConnectionsFirst closeFirst;
+  server.setHandler(serviceAnswer);
+  configureService(server.baseURL());
+  Zorvane::shutdown();  // no thread of the SDK's from earlier tests
+  EXPECT_EQ(threadCount(0), 0u);
+
+  ZVMainQueue::shared()->startDedicatedThread();
+  server.enqueue({.body = R"({"status":"ok","orders":[]})", .delay = 30s});
+  Completion slow;
+  ZVRewardsManager::instance()->fetchOrdersWithCompletionHandler(slow.handler());
+  ASSERT_TRUE(server.waitForRequests(1));
+  EXPECT_EQ(threadCount(2), 2u);  // the I/O thread and the dedicated one
+  Zorvane::shutdown();
+  EXPECT_EQ(threadCount(0), 0u);
+  EXPECT_EQ(ZVGenericRequestManager::instance()->requestsInFlight(), 0u);
+
+  Completion again;
+  ZVRewardsManager::instance()->fetchOrdersWithCompletionHandler(again.handler());
+  ASSERT_TRUE(again.wait());
+  EXPECT_FALSE(again.error);
+
+  ZVMainQueue::shared()->startDedicatedThread();
+  std::atomic<bool> returned{false};
+  ZVRewardsManager::instance()->fetchOrdersWithCompletionHandler([&](ZVOrderArrayPtr, ZVErrorPtr) {
+    Zorvane::shutdown();
+    returned = true;
+  });
+  const auto deadline = std::chrono::steady_clock::now() + 10s;
+  while (!returned && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
+  EXPECT_TRUE(returned);
+  Zorvane::shutdown();
+  EXPECT_EQ(threadCount(0), 0u);
+  EXPECT_EQ(slow.calls.load(), 0);
+}
+
+}  // namespace
