@@ -126,8 +126,9 @@ class Call : public std::enable_shared_from_this<Call> {
     ++attempts_;
     // Only the call is captured, so the completion fits in the function's own storage.
     if (!ZVGenericRequestManager::instance()->sendOnTransport(
-            std::move(exchange),
-            [self = shared_from_this()](ZVHTTPResult result) { self->answered(std::move(result)); }))
+            std::move(exchange), [self = shared_from_this()](ZVHTTPResult result) {
+              self->answered(std::move(result));
+            }))
       finish(failed(ZVErrorTypeTransport, ZVErrorTransportOther,
                     "could not start the HTTP transport (or the SDK is shutting down)"));
   }
@@ -224,8 +225,7 @@ std::shared_ptr<ZVTransport> ZVGenericRequestManager::holdTransport(bool& counte
   return transport_;
 }
 
-bool ZVGenericRequestManager::sendOnTransport(ZVHTTPRequest request,
-                                              ZVTransport::Completion done) {
+bool ZVGenericRequestManager::sendOnTransport(ZVHTTPRequest request, ZVTransport::Completion done) {
   // Counted while held, so that closing the transport can wait until the
   // last reference is its own. Declared in this order so that the reference
   // goes before the count.
