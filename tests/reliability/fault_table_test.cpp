@@ -81,12 +81,24 @@ std::vector<Fault> faults() {
        ZVErrorTypeService, "", "dup"});
   rows.push_back({"answer not ok", answerWith(200, json, R"({"status":"error","message":"nope"})"),
                   ZVErrorTypeService, "", "nope"});
-  rows.push_back({"number beyond 64 bits",
-                  answerWith(200, json, R"({"status":"ok","n":123456789012345678901234567890})"),
-                  ZVErrorTypeInvalidAnswer, ZVErrorAnswerNotJSON, "parsing a number"});
+  // Read as doubles: the answer stays JSON, and the service's word comes through.
+  rows.push_back(
+      {"numbers beyond 64 bits and beyond double",
+       answerWith(200, json,
+                  R"({"status":"error","message":"nope","n":123456789012345678901234567890,)"
+                  R"("e":[1e400,-1e400]})"),
+       ZVErrorTypeService, "", "nope"});
   rows.push_back({"nesting a million levels deep",
                   answerWith(200, json, std::string(1'000'000, '[') + std::string(1'000'000, ']')),
                   ZVErrorTypeInvalidAnswer, ZVErrorAnswerNotJSON, "deeper than"});
+  // Within the cap, but an empty array costs dozens of times its 3 bytes.
+  std::string tiny = R"({"status":"ok","x":[)";
+  for (int i = 0; i < 400'000; ++i) tiny += "[],";
+  tiny += "[]]}";
+  rows.push_back({"tiny containers beyond the memory budget of the values",
+                  answerWith(200, json, tiny), ZVErrorTypeInvalidAnswer, ZVErrorAnswerTooLarge,
+                  fmt::format("too large to decode: JSON values need more than {} bytes of memory",
+                              4 * kBodyCap)});
   const std::string huge(2 * kBodyCap, ' ');
   rows.push_back({"body above the cap, announced", answerWith(200, json, huge),
                   ZVErrorTypeInvalidAnswer, ZVErrorAnswerTooLarge,

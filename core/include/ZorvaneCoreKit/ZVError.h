@@ -22,8 +22,8 @@ enum ZVErrorType : int64_t {
   /// The service answered with an HTTP status of 400 or above. `raw` is the
   /// body when it was a JSON object.
   ZVErrorTypeHTTP = 4,
-  /// The answer could not be used: not JSON, not a JSON object, or larger than
-  /// the configured limit.
+  /// The answer could not be used: not JSON, not a JSON object, larger than
+  /// the configured limits, or it could not be turned into records.
   ZVErrorTypeInvalidAnswer = 5,
   /// The SDK is not configured to send the request (no service host, or plain
   /// http without `allowInsecureHTTP`).
@@ -43,7 +43,10 @@ extern ZV_CORE_EXPORT const char* const ZVErrorTransportOther;    ///< any other
 extern ZV_CORE_EXPORT const char* const ZVErrorHTTPStatus;        ///< HTTP status >= 400
 extern ZV_CORE_EXPORT const char* const ZVErrorAnswerNotJSON;     ///< body is not valid JSON
 extern ZV_CORE_EXPORT const char* const ZVErrorAnswerNotObject;   ///< top level is not an object
-extern ZV_CORE_EXPORT const char* const ZVErrorAnswerTooLarge;    ///< body above the size limit
+extern ZV_CORE_EXPORT const char* const
+    ZVErrorAnswerTooLarge;  ///< body, its JSON values or its records above the size limits
+extern ZV_CORE_EXPORT const char* const
+    ZVErrorAnswerNotDecoded;  ///< records could not be built (memory ran out)
 extern ZV_CORE_EXPORT const char* const
     ZVErrorNotConfigured;                                 ///< configuration refuses the request
 extern ZV_CORE_EXPORT const char* const ZVErrorShutdown;  ///< the SDK was shut down
