@@ -96,6 +96,18 @@ TEST(OfferTest, DescriptionText) {
             "Status: insufficient_points\rPoints: 150");
 }
 
+// A container where the contract puts text prints 128 bytes at most: its
+// indented form could be hundreds of times longer than the answer.
+TEST(OfferTest, DescriptionOfAContainerFieldIsCutShort) {
+  const std::string deep = std::string(500, '[') + std::string(500, ']');
+  auto offer = ZVOffer::initMutableWithDictionary(
+      dict(R"({"name": )" + deep + R"(, "type": {"en": "Mug"}, "description": )" + deep + "}"));
+  const std::string text = offer->description();
+  EXPECT_LE(text.size(), 3 * (128 + 3) + 80u) << text;
+  EXPECT_NE(text.find("\rType: {\n  \"en\" : \"Mug\"\n}\rName: [\n  [\n"), std::string::npos)
+      << text;
+}
+
 TEST(OfferTest, NullOrNonObjectInputGivesEmptyRecordWithoutOptions) {
   for (const ZVJSONValue& input : {ZVJSONValue(), json("null"), json("[]"), json(R"("x")")}) {
     auto offer = ZVOffer::initMutableWithDictionary(input);

@@ -8,6 +8,7 @@
 #include "base/ZVStrings.h"
 
 #include "base/ZVUtil.h"
+#include "json/ZVJSONWrite.h"
 #include "json/ZVKeyList.h"
 
 namespace {
@@ -119,7 +120,8 @@ std::string ZVOffer::stringForStatus(int64_t status) {
 
 std::string ZVOffer::description() const {
   return zv_detail::strCat("\rOffer ID: ", ZVDescribe(optionalText(offerID_)),
-                           "\rType: ", type_.description(), "\rName: ", name_.description(),
-                           "\rDetails: ", details_.description(),
+                           "\rType: ", zv_detail::describeField(type_),
+                           "\rName: ", zv_detail::describeField(name_),
+                           "\rDetails: ", zv_detail::describeField(details_),
                            "\rStatus: ", stringForStatus(status_), "\rPoints: ", points_);
 }
