@@ -95,6 +95,15 @@ TEST_F(ServiceTest, RefusedOrderIsWordedFromTheBody) {
     EXPECT_EQ(outcome.error->type(), c.type);
     EXPECT_EQ(outcome.error->message(), c.message);
   }
+  // Indented, a nested body would be hundreds of times its size: the
+  // message quotes 16 KiB of it.
+  answer(R"({"x":)" + std::string(400, '[') + std::string(400, ']') + "}", 500);
+  Outcome<ZVOrder> outcome;
+  manager()->placeOrder(ZVOrderRequest::initWithOfferID("12", 1), outcome.handler());
+  ASSERT_TRUE(outcome.wait());
+  ASSERT_TRUE(outcome.error && outcome.error->message());
+  EXPECT_EQ(outcome.error->message()->size(), (16u << 10) + 3);
+  EXPECT_TRUE(outcome.error->message()->ends_with("..."));
 }
 
 TEST_F(ServiceTest, ValidationFailuresSendNothing) {

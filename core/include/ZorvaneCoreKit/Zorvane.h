@@ -38,8 +38,18 @@ struct ZVConfiguration {
   /// Default: empty (the system's store).
   std::string caFile;
   /// Largest answer body accepted; a larger one fails with
-  /// `ZVErrorAnswerTooLarge`. Default: 64 MiB.
-  size_t maxResponseBytes = 64u << 20;
+  /// `ZVErrorAnswerTooLarge`. It also bounds what decoding any answer can
+  /// cost: the JSON values of one answer may take at most four times this
+  /// size (`ZVJSONMemoryForAnswer`), and one answer may produce at most one
+  /// record per 128 bytes of it (offers' options included); past either, the
+  /// answer fails with `ZVErrorAnswerTooLarge`. 0: no limit and no bound.
+  ///
+  /// Default: 8 MiB. A catalogue of offers with options weighs about 1.5 KB
+  /// per offer, so 8 MiB holds some 5,500 offers, and at most 65,536 records;
+  /// the worst answer of that size peaks at about 110 MB while it is decoded
+  /// (docs/reliability.md has the measurements). Raise it for a larger
+  /// catalogue: decoding a real one costs about 3.5 times its size.
+  size_t maxResponseBytes = 8u << 20;
 };
 
 /// @par Thread safety
