@@ -22,7 +22,8 @@ size_t statusKB(const char* field) {
   std::ifstream status("/proc/self/status");
   std::string line;
   while (std::getline(status, line))
-    if (line.rfind(field, 0) == 0) return std::strtoull(line.c_str() + std::strlen(field), nullptr, 10);
+    if (line.rfind(field, 0) == 0)
+      return std::strtoull(line.c_str() + std::strlen(field), nullptr, 10);
   return 0;
 }
 
@@ -56,23 +57,29 @@ std::string fetch(ZVRewardsManager* manager, const std::string& operation) {
   if (operation == "order") {
     manager->placeOrder(ZVOrderRequest::initWithOfferID("1", 1),
                         [&](std::shared_ptr<ZVOrder> order, ZVErrorPtr error) {
-                          if (error) failed(error);
-                          else outcome = order ? "1 records" : "0 records";
+                          if (error)
+                            failed(error);
+                          else
+                            outcome = order ? "1 records" : "0 records";
                           done = true;
                         });
   } else if (operation == "orders") {
     manager->fetchOrdersWithCompletionHandler([&](ZVOrderArrayPtr orders, ZVErrorPtr error) {
-      if (error) failed(error);
-      else outcome = std::to_string(orders->size()) + " records";
+      if (error)
+        failed(error);
+      else
+        outcome = std::to_string(orders->size()) + " records";
       done = true;
     });
   } else {
-    manager->forceFetchOffersWithLocale(ZVLocale("en_US"), [&](ZVOfferArrayPtr offers,
-                                                               ZVErrorPtr error) {
-      if (error) failed(error);
-      else outcome = std::to_string(records(offers)) + " records";
-      done = true;
-    });
+    manager->forceFetchOffersWithLocale(ZVLocale("en_US"),
+                                        [&](ZVOfferArrayPtr offers, ZVErrorPtr error) {
+                                          if (error)
+                                            failed(error);
+                                          else
+                                            outcome = std::to_string(records(offers)) + " records";
+                                          done = true;
+                                        });
   }
   ZVMainQueue::shared()->runUntil([&] { return done; }, std::chrono::minutes(2));
   return outcome;

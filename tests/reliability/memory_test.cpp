@@ -48,7 +48,8 @@ std::string joined(std::string_view head, const std::function<std::string(size_t
 }
 
 std::string repeated(std::string_view head, const std::string& unit, std::string_view tail) {
-  return joined(head, [&](size_t) { return unit; }, tail);
+  return joined(
+      head, [&](size_t) { return unit; }, tail);
 }
 
 // The body made by `build(n)` for the largest n whose JSON values fit the
@@ -128,9 +129,9 @@ std::vector<Shape> shapes() {
        [] {
          return largestAccepted(
              [](size_t n) {
-               std::string keys = joined(
-                   R"({"status":"ok","x":{)", [](size_t i) { return fmt::format(R"("{}":0)", i); },
-                   R"(,"0":1}})", 16 + n * 10);
+               std::string keys = joined(R"({"status":"ok","x":{)",
+                                         [](size_t i) { return fmt::format(R"("{}":0)", i); },
+                                         R"(,"0":1}})", 16 + n * 10);
                return padded(std::move(keys));
              },
              kLimit / 10);
@@ -143,10 +144,9 @@ std::vector<Shape> shapes() {
          return repeated(R"({"status":"ok","x":[)", "\"" + escapes + "\"", "]}");
        },
        "offers", "0 records"},
-      {"one long string",
-       [] { return padded(R"({"status":"ok"})"); }, "offers", "0 records"},
-      {"numbers beyond double",
-       [] { return repeated(R"({"status":"ok","x":[)", "1e400", "]}"); }, "offers", tooLarge},
+      {"one long string", [] { return padded(R"({"status":"ok"})"); }, "offers", "0 records"},
+      {"numbers beyond double", [] { return repeated(R"({"status":"ok","x":[)", "1e400", "]}"); },
+       "offers", tooLarge},
       {"one number of 8 million digits",
        [] {
          std::string body = R"({"status":"ok","x":)";
@@ -159,7 +159,9 @@ std::vector<Shape> shapes() {
          return largestAccepted(
              [records](size_t n) {
                return padded(R"({"status":"ok","offers":[)" + optionsTree(records / 256) +
-                             R"(],"x":[)" + joined("", [](size_t) { return "[]"; }, "]}", 3 * n));
+                             R"(],"x":[)" +
+                             joined(
+                                 "", [](size_t) { return "[]"; }, "]}", 3 * n));
              },
              kLimit / 3);
        },
@@ -173,22 +175,22 @@ std::vector<Shape> shapes() {
                std::string orders = joined(
                    "", [&](size_t) { return order; }, "", (order.size() + 1) * records - 1);
                return padded(R"({"status":"ok","orders":[)" + orders + R"(],"x":[)" +
-                             joined("", [](size_t) { return "[]"; }, "]}", 3 * n));
+                             joined(
+                                 "", [](size_t) { return "[]"; }, "]}", 3 * n));
              },
              kLimit / 3);
        },
        "orders", fmt::format("{} records", records)},
       {"one record past the limit",
-       [records] {
-         return R"({"status":"ok","offers":[{},)" + optionsTree(records / 256) + "]}";
-       },
+       [records] { return R"({"status":"ok","offers":[{},)" + optionsTree(records / 256) + "]}"; },
        "offers", tooLarge},
       {"service error quoting nested containers",
        [] {
          return largestAccepted(
              [](size_t n) {
                return padded(R"({"status":"error","order":{"base":[)" +
-                             joined("", [](size_t) { return kDeeper; }, "]}}", 1019 * n + 3));
+                             joined(
+                                 "", [](size_t) { return kDeeper; }, "]}}", 1019 * n + 3));
              },
              kLimit / 1019);
        },
@@ -198,7 +200,8 @@ std::vector<Shape> shapes() {
          return largestAccepted(
              [](size_t n) {
                return padded(R"({"x":[)" +
-                             joined("", [](size_t) { return kDeep; }, "]}", 1021 * n + 2));
+                             joined(
+                                 "", [](size_t) { return kDeep; }, "]}", 1021 * n + 2));
              },
              kLimit / 1021);
        },
@@ -215,28 +218,28 @@ TEST_P(MemoryTest, DecodingTheAnswerStaysUnderTheBound) {
   const Shape& shape = GetParam();
   const std::string body = shape.body();
   ASSERT_LE(body.size(), kLimit);
-  ZVRawServer warmup({.bytes = ZVRawServer::answer(
-                          200, "application/json",
-                          R"({"status":"ok","offers":[{"id":"1"}],"orders":[{"id":"1"}],"order":{}})")});
+  ZVRawServer warmup(
+      {.bytes = ZVRawServer::answer(
+           200, "application/json",
+           R"({"status":"ok","offers":[{"id":"1"}],"orders":[{"id":"1"}],"order":{}})")});
   // No Content-Length: the body grows as it arrives, its costliest way in.
   ZVRawServer server({.bytes = fmt::format("HTTP/1.1 {} X\r\nContent-Type: application/json\r\n"
                                            "Connection: close\r\n\r\n",
                                            shape.status) +
                                body});
-  const ProcessResult child =
-      runProcess({ZV_MEMORY_CHILD, warmup.baseURL(), server.baseURL(), std::to_string(kLimit),
-                  shape.operation},
-                 std::chrono::minutes(2));
+  const ProcessResult child = runProcess({ZV_MEMORY_CHILD, warmup.baseURL(), server.baseURL(),
+                                          std::to_string(kLimit), shape.operation},
+                                         std::chrono::minutes(2));
   ASSERT_EQ(child.exitCode(), 0) << child.err;
   size_t rssKB = 0;
   size_t peakKB = 0;
   size_t afterKB = 0;
   double ms = 0;
   char outcome[256] = {};
-  ASSERT_EQ(std::sscanf(child.out.c_str(),
-                        "rss_kb=%zu peak_kb=%zu after_kb=%zu ms=%lf outcome=%255[^\n]", &rssKB,
-                        &peakKB, &afterKB, &ms, outcome),
-            5)
+  ASSERT_EQ(
+      std::sscanf(child.out.c_str(), "rss_kb=%zu peak_kb=%zu after_kb=%zu ms=%lf outcome=%255[^\n]",
+                  &rssKB, &peakKB, &afterKB, &ms, outcome),
+      5)
       << child.out;
   const double increaseMB = static_cast<double>(peakKB - rssKB) / 1024.0;
   if (std::getenv("ZV_MEMORY_REPORT") != nullptr)
