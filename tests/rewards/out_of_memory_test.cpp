@@ -16,7 +16,7 @@ using namespace zvtest;
 
 namespace {
 
-thread_local long countdown = -1;  // allocations of this thread before one fails; -1: none
+thread_local long countdown = -1;    // allocations of this thread before one fails; -1: none
 std::atomic<size_t> failingSize{0};  // the first allocation of this size fails; 0: none
 
 bool shouldFail(size_t size) {
@@ -122,8 +122,8 @@ const Answer kAnswers[] = {
     {kKindFetchRewardOrders,
      R"({"status":"ok","orders":[{"id":"7","user":{"id":"u"},"shipping_address":{"city":"X"}}]})"},
     {kKindPlaceOrder, R"({"status":"ok","order":{"id":"9","user":{"available_points":5}}})"},
-    {kKindPlaceOrder,
-     R"({"status":"error","order":{"base":["A",[1,{"b":2}]],"user_id":"42"}})", false},
+    {kKindPlaceOrder, R"({"status":"error","order":{"base":["A",[1,{"b":2}]],"user_id":"42"}})",
+     false},
     {kKindFetchSkillQuestion,
      R"({"status":"ok","challenge":{"skills_test_question":{"id":"q","question":"?"}}})"},
     {kKindAnswerSkillQuestion, R"({"status":"ok","challenge":{"id":"c","status":"passed"}})"},
