@@ -44,7 +44,7 @@ const Handler* handlerOf(const ZVAnyCompletionHandler& any) {
 }
 
 // Records one answer may produce, offers' options included: one per this
-// many bytes of the answer size limit. A catalogue takes about 550 bytes per
+// many bytes of the answer size limit. A catalogue takes about 560 bytes per
 // record, and a record a few hundred bytes of memory, however small its object.
 constexpr size_t kBytesPerRecord = 128;
 
