@@ -304,8 +304,8 @@ struct ZVJSONParseOptions {
 
 /// The memory budget of the values of an answer of at most `maxAnswerBytes`
 /// bytes: four times that size (no limit for 0 or a size whose budget does
-/// not fit in `size_t`). A catalogue of offers takes about 2.5 times its
-/// text; tiny containers and short scalars take up to 40 times theirs, so the
+/// not fit in `size_t`). A catalogue of offers takes about 2.6 times its
+/// text; tiny containers and short scalars take 33 to 46 times theirs, so the
 /// budget is what bounds them.
 constexpr size_t ZVJSONMemoryForAnswer(size_t maxAnswerBytes) {
   return maxAnswerBytes == 0 || maxAnswerBytes > SIZE_MAX / 4 ? SIZE_MAX : 4 * maxAnswerBytes;

@@ -45,10 +45,11 @@ struct ZVConfiguration {
   /// answer fails with `ZVErrorAnswerTooLarge`. 0: no limit and no bound.
   ///
   /// Default: 8 MiB. A catalogue of offers with options weighs about 1.5 KB
-  /// per offer, so 8 MiB holds some 5,500 offers, and at most 65,536 records;
-  /// the worst answer of that size peaks at about 110 MB while it is decoded
-  /// (docs/reliability.md has the measurements). Raise it for a larger
-  /// catalogue: decoding a real one costs about 3.5 times its size.
+  /// per offer, so 8 MiB holds some 5,500 offers (and at most 65,536
+  /// records); decoding such a catalogue costs about 3.4 times its size, and
+  /// the costliest answer of 8 MiB we could build added 91 MB to the process
+  /// while it was decoded (docs/reliability.md). Raise it for a larger
+  /// catalogue; every bound grows with it.
   size_t maxResponseBytes = 8u << 20;
 };
 

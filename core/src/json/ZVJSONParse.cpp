@@ -209,7 +209,7 @@ bool readNumberBeyondRange(std::string_view token, ZVJSONValue& out) {
   if (i < n && token[i] == '.') {
     ++i;
     if (i == n || !isDigit(token[i])) return false;
-    while (i < n && token[i] == '0') ++i, ++fractionZeros;
+    for (; i < n && token[i] == '0'; ++i) ++fractionZeros;
     while (i < n && isDigit(token[i])) ++i;
   }
   int64_t exponent = 0;
