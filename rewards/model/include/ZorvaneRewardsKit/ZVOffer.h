@@ -53,9 +53,9 @@ class ZV_REWARDS_EXPORT ZVOffer final : public ZVObject {
   /// options' objects stripped of what the option records consumed. A null
   /// dictionary gives an empty record whose `options` is null.
   static std::shared_ptr<ZVOffer> initMutableWithDictionary(const ZVDictionaryPtr& dictionary);
-  /// The same for any JSON value: a value that is not a dictionary (an
-  /// element of "offers" or "options" of another type) gives the empty record
-  /// of a null dictionary.
+  /// The same for any JSON value: a value that is not a dictionary gives the
+  /// empty record of a null dictionary. (Lists of offers skip such elements
+  /// instead: see `parseOptions`.)
   static std::shared_ptr<ZVOffer> initMutableWithDictionary(const ZVJSONValue& value);
 
   /// `parseOptions:`: one record per element that is a JSON object, in
