@@ -25,47 +25,32 @@ bool shouldFail(size_t size) {
   return armed != 0 && size == armed && failingSize.compare_exchange_strong(armed, 0);
 }
 
-void* allocate(size_t size, size_t align) {
-  if (shouldFail(size)) return nullptr;
-  if (size == 0) size = 1;
-  return align <= alignof(std::max_align_t)
-             ? std::malloc(size)
-             : std::aligned_alloc(align, (size + align - 1) / align * align);
+void* allocate(size_t size) {
+  return shouldFail(size) ? nullptr : std::malloc(size == 0 ? 1 : size);
 }
 
-void* allocateOrThrow(size_t size, size_t align) {
-  if (void* p = allocate(size, align)) return p;
+void* allocateOrThrow(size_t size) {
+  if (void* p = allocate(size)) return p;
   throw std::bad_alloc();
 }
 
 }  // namespace
 
-// Every form, so that each allocation and deallocation meets its pair
-// (the sanitizers check that they do).
+// Every form that malloc serves, so that each allocation meets its pair of
+// deallocation (the sanitizers check that they do); the aligned forms keep
+// their own pairs.
 #define ZV_REPLACED __attribute__((visibility("default")))
 ZV_REPLACED void* operator new(size_t n) {
-  return allocateOrThrow(n, 0);
+  return allocateOrThrow(n);
 }
 ZV_REPLACED void* operator new[](size_t n) {
-  return allocateOrThrow(n, 0);
-}
-ZV_REPLACED void* operator new(size_t n, std::align_val_t a) {
-  return allocateOrThrow(n, static_cast<size_t>(a));
-}
-ZV_REPLACED void* operator new[](size_t n, std::align_val_t a) {
-  return allocateOrThrow(n, static_cast<size_t>(a));
+  return allocateOrThrow(n);
 }
 ZV_REPLACED void* operator new(size_t n, const std::nothrow_t&) noexcept {
-  return allocate(n, 0);
+  return allocate(n);
 }
 ZV_REPLACED void* operator new[](size_t n, const std::nothrow_t&) noexcept {
-  return allocate(n, 0);
-}
-ZV_REPLACED void* operator new(size_t n, std::align_val_t a, const std::nothrow_t&) noexcept {
-  return allocate(n, static_cast<size_t>(a));
-}
-ZV_REPLACED void* operator new[](size_t n, std::align_val_t a, const std::nothrow_t&) noexcept {
-  return allocate(n, static_cast<size_t>(a));
+  return allocate(n);
 }
 ZV_REPLACED void operator delete(void* p) noexcept {
   std::free(p);
@@ -79,28 +64,10 @@ ZV_REPLACED void operator delete(void* p, size_t) noexcept {
 ZV_REPLACED void operator delete[](void* p, size_t) noexcept {
   std::free(p);
 }
-ZV_REPLACED void operator delete(void* p, std::align_val_t) noexcept {
-  std::free(p);
-}
-ZV_REPLACED void operator delete[](void* p, std::align_val_t) noexcept {
-  std::free(p);
-}
-ZV_REPLACED void operator delete(void* p, size_t, std::align_val_t) noexcept {
-  std::free(p);
-}
-ZV_REPLACED void operator delete[](void* p, size_t, std::align_val_t) noexcept {
-  std::free(p);
-}
 ZV_REPLACED void operator delete(void* p, const std::nothrow_t&) noexcept {
   std::free(p);
 }
 ZV_REPLACED void operator delete[](void* p, const std::nothrow_t&) noexcept {
-  std::free(p);
-}
-ZV_REPLACED void operator delete(void* p, std::align_val_t, const std::nothrow_t&) noexcept {
-  std::free(p);
-}
-ZV_REPLACED void operator delete[](void* p, std::align_val_t, const std::nothrow_t&) noexcept {
   std::free(p);
 }
 
