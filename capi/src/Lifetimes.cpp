@@ -188,6 +188,16 @@ void retire(const std::shared_ptr<WakeUp>& hook) {
   hook->idle.wait(lock, [&] { return hook->running <= mine; });
 }
 
+void removeWakeUp() {
+  std::shared_ptr<WakeUp> previous;
+  {
+    std::lock_guard lock(gWakeUpMutex);
+    ZVMainQueue::shared()->setWakeUpHandler(nullptr);
+    previous = std::move(gWakeUp);
+  }
+  retire(previous);
+}
+
 // Cancelling waits for handlers on other threads; from the log sink (whose
 // lock a handler may wait for) or the wake-up hook it could wait forever.
 bool insideHook() {
@@ -294,16 +304,12 @@ zvr_result zvr_main_queue_set_wakeup(zvr_wakeup_callback callback, void* user) {
 zvr_result zvr_shutdown(void) {
   if (insideHook()) return ZVR_E_BUSY;
   return guarded([]() -> zvr_result {
+    // The hook goes first: the deliveries that shutdown queues are dropped
+    // with the queue, so waking the host for them would be in vain. One
+    // installed while shutdown runs goes with the queue's hooks, and here.
+    removeWakeUp();
     Zorvane::shutdown();
-    std::shared_ptr<WakeUp> previous;
-    {
-      // The queue forgot its hook; whatever was installed meanwhile goes too,
-      // so that this library and the queue agree.
-      std::lock_guard lock(gWakeUpMutex);
-      ZVMainQueue::shared()->setWakeUpHandler(nullptr);
-      previous = std::move(gWakeUp);
-    }
-    retire(previous);
+    removeWakeUp();
     // The queued deliveries were dropped with the queue's tasks: make them
     // here, then wait for those that another thread took before.
     deliverDue();
