@@ -231,8 +231,10 @@ enum zvr_error_type {
   /** The final answer's status was not 2xx: 400 or above (ZVErrorHTTPStatus),
    *  or 1xx or 3xx (ZVErrorHTTPUnexpectedStatus; redirects are not followed). */
   ZVR_ERROR_TYPE_HTTP = 4,
-  /** Not JSON, not an object, or larger than max_response_bytes or
-   *  max_header_bytes (ZVErrorAnswerTooLarge). */
+  /** Not JSON, not an object, larger than max_response_bytes,
+   *  max_header_bytes or the decoding limits max_response_bytes sets
+   *  (ZVErrorAnswerTooLarge), or no memory for its records
+   *  (ZVErrorAnswerNotDecoded). */
   ZVR_ERROR_TYPE_INVALID_ANSWER = 5,
   ZVR_ERROR_TYPE_CONFIGURATION = 6, /**< not configured to send the request */
   /** This interface's own: the operation was cancelled (see Cancellation at
@@ -246,10 +248,11 @@ ZVR_API zvr_result ZVR_CALL zvr_error_get_type(zvr_error error, int64_t* out_typ
  *  "ZVErrorTransportConnect", "...Timeout", "...TLS", "...Reset", "...Other",
  *  "ZVErrorTooManyRequests"; validation "ZVErrorServerNoRequest",
  *  "ZVErrorValidationNoOfferID", "...NoQuestionID", "...NoAnswer",
- *  "ZVErrorInvalidPathValue"; HTTP "ZVErrorHTTPStatus",
- *  "ZVErrorHTTPUnexpectedStatus"; invalid answer "ZVErrorAnswerNotJSON",
- *  "ZVErrorAnswerNotObject", "ZVErrorAnswerTooLarge"; configuration
- *  "ZVErrorNotConfigured"; and "ZVErrorCancelled", this interface's own. */
+ *  "ZVErrorInvalidPathValue", "ZVErrorInvalidIdempotencyKey"; HTTP
+ *  "ZVErrorHTTPStatus", "ZVErrorHTTPUnexpectedStatus"; invalid answer
+ *  "ZVErrorAnswerNotJSON", "ZVErrorAnswerNotObject", "ZVErrorAnswerTooLarge",
+ *  "ZVErrorAnswerNotDecoded"; configuration "ZVErrorNotConfigured"; and
+ *  "ZVErrorCancelled", this interface's own. */
 ZVR_API zvr_result ZVR_CALL zvr_error_get_code(zvr_error error, const char** out_code);
 /** A human-readable text, or NULL. */
 ZVR_API zvr_result ZVR_CALL zvr_error_get_message(zvr_error error, const char** out_message);
