@@ -40,12 +40,18 @@ TEST(MainQueueTest, RunUntilStopsWhenDoneOrAtTimeout) {
   EXPECT_FALSE(queue.runUntil([] { return false; }, 30ms));
   EXPECT_TRUE(queue.runUntil([] { return true; }, 0ms));
 
-  std::atomic<bool> done{false};
+  // A task queued once the loop has looked and found nothing to do wakes it.
+  std::atomic<bool> looked{false}, done{false};
   std::thread producer([&] {
-    std::this_thread::sleep_for(20ms);
+    while (!looked) std::this_thread::yield();
     queue.async([&] { done = true; });
   });
-  EXPECT_TRUE(queue.runUntil([&] { return done.load(); }, 10s));
+  EXPECT_TRUE(queue.runUntil(
+      [&] {
+        looked = true;
+        return done.load();
+      },
+      10s));
   producer.join();
 }
 
@@ -87,12 +93,13 @@ TEST(MainQueueTest, DedicatedThreadStartsStopsAndKeepsUnrunTasks) {
   EXPECT_NE(runner, std::this_thread::get_id());
   EXPECT_EQ(queue.drain(), 0u);  // the thread holds the queue
 
+  // Stopped, the queue is this thread's again.
   queue.stopDedicatedThread();
   int later = 0;
   queue.async([&] { ++later; });
-  std::this_thread::sleep_for(20ms);
-  EXPECT_EQ(later, 0);
   EXPECT_EQ(queue.pendingCount(), 1u);
+  EXPECT_EQ(queue.drain(), 1u);
+  EXPECT_EQ(later, 1);
 
   // A task may stop its own thread; a later start picks the queue up again.
   queue.async([&] { queue.stopDedicatedThread(); });

@@ -5,13 +5,13 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <condition_variable>
 #include <mutex>
 #include <thread>
 #include <vector>
 
 #include "ZVHTTP2Server.h"
 #include "ZVLoopbackServer.h"
+#include "ZVTestSupport.h"
 
 namespace {
 
@@ -39,25 +39,20 @@ class Recorder {
       std::lock_guard lock(mutex_);
       calls_.push_back({kind, std::move(response), std::move(error), std::move(body),
                         std::this_thread::get_id()});
-      changed_.notify_all();
     };
   }
   // The calls once `count` arrived and the manager holds no request any more.
-  std::vector<Call> waitFor(size_t count, std::chrono::milliseconds timeout = 10s) {
-    std::unique_lock lock(mutex_);
-    changed_.wait_for(lock, timeout, [&] { return calls_.size() >= count; });
-    lock.unlock();
-    const auto deadline = std::chrono::steady_clock::now() + 2s;
-    while (ZVGenericRequestManager::instance()->requestsInFlight() != 0 &&
-           std::chrono::steady_clock::now() < deadline)
-      std::this_thread::sleep_for(1ms);
-    lock.lock();
+  std::vector<Call> waitFor(size_t count) {
+    zvtest::drainUntil([&] {
+      std::lock_guard lock(mutex_);
+      return calls_.size() >= count && ZVGenericRequestManager::instance()->requestsInFlight() == 0;
+    });
+    std::lock_guard lock(mutex_);
     return calls_;
   }
 
  private:
   std::mutex mutex_;
-  std::condition_variable changed_;
   std::vector<Call> calls_;
 };
 
@@ -219,127 +214,78 @@ TEST_F(TransportTest, FailuresEndInOneErrorWithoutTheToken) {
   }
 }
 
+// The URL a request goes to under this configuration, or why it cannot go.
+std::string resolve(const char* host, bool allowHTTP, const char* appID, const std::string& url,
+                    const std::vector<std::string>& values = {}) {
+  ZVConfiguration config;
+  config.serviceHost = host;
+  config.allowInsecureHTTP = allowHTTP;
+  config.appID = appID;
+  Zorvane::configure(config);
+  auto builder = ZVGenericRequestBuilder::requestBuilderWithMethod(0, "kKindTest");
+  builder->setBaseURL(url);
+  builder->setPathValues(values);
+  std::string error;
+  const std::string resolved = ZVGenericRequestManager::resolveURL(*builder->build(), error);
+  return error.empty() ? resolved : error;
+}
+
 TEST(ResolveURLTest, EncodesPathValuesAndRefusesBadConfigurations) {
   const ZVConfiguration saved = Zorvane::configuration();
-  struct Case {
-    const char* host;
-    bool allowHTTP;
-    const char* appID;
-    std::string url;                  // template
+  const struct {
+    const char* url;
     std::vector<std::string> values;  // its "%@" segments
-    std::string expected;             // the URL, or the error
-  };
-  const Case cases[] = {
-      {"rewards.example.com",
-       false,
-       "a/b?",
-       "https://:host/api/v1/apps/:appid/offers",
-       {},
-       "https://rewards.example.com/api/v1/apps/a%2Fb%3F/offers"},
-      {"https://r.example.com:8443/",
-       false,
-       "a",
-       "https://:host/o/%@",
-       {"a b%20c?d#e"},
-       "https://r.example.com:8443/o/a%20b%2520c%3Fd%23e"},
-      {"r.example.com",
-       false,
-       "a",
-       "https://:host/o/%@/x",
+    const char* expected;             // the URL, or the error
+  } paths[] = {
+      {"https://:host/apps/:appid/offers", {}, "https://r.example.com/apps/a%2Fb%3F/offers"},
+      {"https://:host/o/%@", {"a b%20c?d#e"}, "https://r.example.com/o/a%20b%2520c%3Fd%23e"},
+      {"https://:host/o/%@/x",
        {"\xC3\xA9\t\n:@!$&'()*+,;=~"},
        "https://r.example.com/o/%C3%A9%09%0A:@!$&'()*+,;=~/x"},
       // An id is one segment: it cannot reach another endpoint.
-      {"r.example.com",
-       false,
-       "a",
-       "https://:host/offers/%@/orders",
+      {"https://:host/offers/%@/orders",
        {"5/challenges/skills_test_questions"},
        "https://r.example.com/offers/5%2Fchallenges%2Fskills_test_questions/orders"},
-      {"r.example.com",
-       false,
-       "a",
-       "https://:host/o/%@/%@",
-       {"", "..."},
-       "https://r.example.com/o//..."},
+      {"https://:host/o/%@/%@", {"", "..."}, "https://r.example.com/o//..."},
+      {"https://:host/apps/:appid/%@", {":appid"}, "https://r.example.com/apps/a%2Fb%3F/:appid"},
       // Dot segments are folded away even when encoded: refused, not sent.
-      {"r.example.com",
-       false,
-       "a",
-       "https://:host/o/%@/orders",
+      {"https://:host/o/%@/orders",
        {".."},
        "the path value \"..\" is a dot segment and cannot be sent as an id"},
-      {"r.example.com",
-       false,
-       "a",
-       "https://:host/o/%@/orders",
+      {"https://:host/o/%@/orders",
        {"."},
        "the path value \".\" is a dot segment and cannot be sent as an id"},
-      {"r.example.com",
-       false,
-       "a",
-       "https://:host/o/%@/%@",
-       {"1"},
-       "the request URL has more \"%@\" segments than path values"},
-      {"r.example.com",
-       false,
-       "a",
-       "https://:host/o",
-       {"1"},
-       "the request has more path values than \"%@\" segments"},
-      {"r.example.com",
-       false,
-       "a",
-       "https://:host/apps/:appid/offers/%@",
-       {":appid"},
-       "https://r.example.com/apps/a/offers/:appid"},
-      {"HTTP://127.0.0.1:8080", true, "a", "https://:host/x", {}, "http://127.0.0.1:8080/x"},
-      {"", false, "a", "https://:host/x", {}, "no service host configured"},
-      {"http://127.0.0.1:8080",
-       false,
-       "a",
-       "https://:host/x",
-       {},
-       "plain http to 127.0.0.1:8080 is refused: set allowInsecureHTTP to allow it"},
-      {"evil.com/x?",
-       false,
-       "a",
-       "https://:host/x",
-       {},
-       "service host \"evil.com/x%3F\" is not a host name with an optional port"},
-      {"r.example.com",
-       false,
-       "a",
-       "https://:hostevil.com/x",
+      {"https://:host/o/%@/%@", {"1"}, "the request URL has more \"%@\" segments than path values"},
+      {"https://:host/o", {"1"}, "the request has more path values than \"%@\" segments"},
+      {"https://:hostevil.com/x",
        {},
        "request URL of kKindTest does not start with \"https://:host/\""},
-      {"r.example.com",
-       false,
-       "a",
-       "https://other.example.com/x",
+      {"https://other.example.com/x",
        {},
        "request URL of kKindTest does not start with \"https://:host/\""},
-      {"r.example.com", false, "", "https://:host/apps/:appid/x", {}, "no app id configured"},
-      {"r.example.com",
-       false,
-       "..",
-       "https://:host/apps/:appid/x",
-       {},
-       "app id \"..\" is a dot segment and cannot be sent"},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.url);
-    ZVConfiguration config;
-    config.serviceHost = c.host;
-    config.allowInsecureHTTP = c.allowHTTP;
-    config.appID = c.appID;
-    Zorvane::configure(config);
-    auto builder = ZVGenericRequestBuilder::requestBuilderWithMethod(0, "kKindTest");
-    builder->setBaseURL(c.url);
-    builder->setPathValues(c.values);
-    std::string error;
-    const std::string url = ZVGenericRequestManager::resolveURL(*builder->build(), error);
-    EXPECT_EQ(error.empty() ? url : error, c.expected);
-  }
+  for (const auto& c : paths)
+    EXPECT_EQ(resolve("r.example.com", false, "a/b?", c.url, c.values), c.expected) << c.url;
+
+  const struct {
+    const char* host;
+    bool allowHTTP;
+    const char* appID;
+    const char* expected;
+  } configurations[] = {
+      {"https://r.example.com:8443/", false, "a", "https://r.example.com:8443/apps/a"},
+      {"HTTP://127.0.0.1:8080", true, "a", "http://127.0.0.1:8080/apps/a"},
+      {"", false, "a", "no service host configured"},
+      {"http://127.0.0.1:8080", false, "a",
+       "plain http to 127.0.0.1:8080 is refused: set allowInsecureHTTP to allow it"},
+      {"evil.com/x?", false, "a",
+       "service host \"evil.com/x%3F\" is not a host name with an optional port"},
+      {"r.example.com", false, "", "no app id configured"},
+      {"r.example.com", false, "..", "app id \"..\" is a dot segment and cannot be sent"},
+  };
+  for (const auto& c : configurations)
+    EXPECT_EQ(resolve(c.host, c.allowHTTP, c.appID, "https://:host/apps/:appid"), c.expected)
+        << c.host;
   Zorvane::configure(saved);
 }
 
@@ -405,16 +351,10 @@ TEST(HTTP2Test, SixteenInFlightShareOneMultiplexedConnection) {
     Zorvane::configure(config);
     ZVGenericRequestManager::instance()->setTransport(log);
 
-    std::mutex mutex;
-    std::condition_variable changed;
-    int finished = 0;  // guarded by mutex
-    int errors = 0;    // guarded by mutex
-    std::atomic<int> started{0};
+    std::atomic<int> finished{0}, errors{0}, started{0};
     auto finish = [&](bool failed) {
-      std::lock_guard lock(mutex);
       errors += failed;
       ++finished;
-      changed.notify_all();
     };
     // Each answer sends the next request, so that 16 stay in flight.
     std::function<void()> sendNext = [&] {
@@ -438,12 +378,9 @@ TEST(HTTP2Test, SixteenInFlightShareOneMultiplexedConnection) {
       }
     };
     for (int i = 0; i < kInFlight; ++i) sendNext();
-    {
-      std::unique_lock lock(mutex);
-      ASSERT_TRUE(changed.wait_for(lock, 20s, [&] { return finished == kTotal; }))
-          << finished << " of " << kTotal << " answered";
-      EXPECT_EQ(errors, 0);
-    }
+    ASSERT_TRUE(zvtest::drainUntil([&] { return finished == kTotal; }, 20s))
+        << finished << " of " << kTotal << " answered";
+    EXPECT_EQ(errors, 0);
     ZVGenericRequestManager::instance()->setTransport(nullptr);
 
     const std::vector<ZVHTTPResult> results = log->results();
