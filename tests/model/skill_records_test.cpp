@@ -57,7 +57,7 @@ TEST(SkillRecordsTest, AnyJSONTypeUnderAnyKey) {
     for (std::string_view key : {"id", "question"}) {
       const std::string text = zvtest::withKey("skills_test_question", zvtest::withKey(key, value));
       auto question = ZVSkillQuestion::initMutableWithDictionary(dict(text));
-      EXPECT_FALSE(question->description().empty());
+      EXPECT_TRUE(question->description().starts_with("\rQuestion ID: ")) << text;
       if (key == "question") {
         EXPECT_EQ(question->question(), expected) << text;
       }
@@ -72,7 +72,7 @@ TEST(SkillRecordsTest, AnyJSONTypeUnderAnyKey) {
     for (std::string_view key : {"id", "status"}) {
       auto challenge =
           ZVSkillChallenge::initMutableWithDictionary(dict(zvtest::withKey(key, value)));
-      EXPECT_FALSE(challenge->description().empty());
+      EXPECT_TRUE(challenge->description().starts_with("\rChallenge ID: ")) << value;
       if (key == "status") {
         EXPECT_EQ(challenge->status(), expected) << value;
       }
