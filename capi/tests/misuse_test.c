@@ -11,6 +11,12 @@
 
 #include "zvr_test.h"
 
+static void drain_all(void) {
+  uint32_t ran = 0;
+  do CHECK_RESULT(ZVR_OK, zvr_main_queue_drain(&ran));
+  while (ran > 0);
+}
+
 /* ---- Handles ----------------------------------------------------------------- */
 
 static void check_null_and_made_up_handles(void) {
@@ -162,10 +168,6 @@ static void check_callbacks(void) {
   CHECK_RESULT(ZVR_OK, zvr_main_queue_run_until(calls_reached, &want, 5000, &done));
   CHECK(done);
   CHECK_TEXT("ZVErrorValidationNoOfferID", last_code);
-  CHECK_RESULT(ZVR_OK, zvr_rewards_answer_skill_question("1", "q", NULL, on_challenge, NULL));
-  want = 2;
-  CHECK_RESULT(ZVR_OK, zvr_main_queue_run_until(calls_reached, &want, 5000, &done));
-  CHECK_TEXT("ZVErrorValidationNoAnswer", last_code);
 
   /* A request handle that is not live: refused at once, the callback never runs. */
   zvr_order_request gone = NULL;
@@ -174,20 +176,18 @@ static void check_callbacks(void) {
   CHECK_RESULT(ZVR_E_INVALID_HANDLE, zvr_rewards_place_order(gone, on_order, NULL));
   /* No callback at all is fine too. */
   CHECK_RESULT(ZVR_OK, zvr_rewards_place_order(NULL, NULL, NULL));
-  uint32_t ran = 0;
-  do zvr_main_queue_drain(&ran);
-  while (ran > 0);
-  CHECK(atomic_load(&calls_with_null_user) == 2);
+  drain_all();
+  CHECK(atomic_load(&calls_with_null_user) == 1);
 
   /* With the dedicated thread running, callbacks run there. */
   CHECK_RESULT(ZVR_OK, zvr_main_queue_start_dedicated_thread());
   CHECK_RESULT(ZVR_OK, zvr_rewards_answer_skill_question("1", NULL, "3", on_challenge, NULL));
-  for (int i = 0; i < 500 && atomic_load(&calls_with_null_user) < 3; ++i) {
+  for (int i = 0; i < 500 && atomic_load(&calls_with_null_user) < 2; ++i) {
     const struct timespec tick = {0, 10 * 1000 * 1000};
     nanosleep(&tick, NULL);
   }
   CHECK_RESULT(ZVR_OK, zvr_main_queue_stop_dedicated_thread());
-  CHECK(atomic_load(&calls_with_null_user) == 3);
+  CHECK(atomic_load(&calls_with_null_user) == 2);
   CHECK(atomic_load(&calling_thread_is_dedicated));
   CHECK_TEXT("ZVErrorValidationNoQuestionID", last_code);
 }
@@ -214,9 +214,7 @@ static void check_subscriptions(void) {
                                                    on_validation_failure, NULL, &self_removing));
   zvr_rewards_place_order(NULL, NULL, NULL);
   zvr_rewards_place_order(NULL, NULL, NULL);
-  uint32_t ran = 0;
-  do zvr_main_queue_drain(&ran);
-  while (ran > 0);
+  drain_all();
   CHECK(validation_notifications == 1);
   CHECK_RESULT(ZVR_E_INVALID_ARGUMENT, zvr_notifications_unsubscribe(self_removing));
 }
@@ -242,9 +240,7 @@ static void check_log_sink(void) {
   CHECK(sink_lines == 1);
   zvr_logger_set_level(ZVR_LOG_LEVEL_OFF);
   CHECK_RESULT(ZVR_OK, zvr_logger_set_sink(NULL, NULL));
-  uint32_t ran = 0;
-  do zvr_main_queue_drain(&ran);
-  while (ran > 0);
+  drain_all();
 }
 
 /* ---- Requests: retries and idempotency keys ------------------------------------ */
@@ -295,29 +291,20 @@ static void check_idempotency_keys(void) {
   longest[255] = '\0';
   memset(too_long, 'k', 256);
   too_long[256] = '\0';
-  const struct {
-    const char* key;
-    zvr_result expected;
-  } cases[] = {{"order-2f9c81e0-user-42", ZVR_OK},
-               {"!~", ZVR_OK},
-               {longest, ZVR_OK},
-               {"", ZVR_E_INVALID_ARGUMENT},
-               {too_long, ZVR_E_INVALID_ARGUMENT},
-               {"two words", ZVR_E_INVALID_ARGUMENT},
-               {"tab\t", ZVR_E_INVALID_ARGUMENT},
-               {"del\x7f", ZVR_E_INVALID_ARGUMENT},
-               {"caf\xc3\xa9", ZVR_E_INVALID_ARGUMENT}};
+  /* Printable ASCII without space, 1 to 255 bytes. */
+  const char* good[] = {"order-2f9c81e0-user-42", "!~", longest};
+  const char* bad[] = {"", too_long, "two words", "tab\t", "del\x7f", "caf\xc3\xa9"};
   zvr_order_request request = NULL;
   const char *key = NULL, *json = NULL;
   CHECK_RESULT(ZVR_OK, zvr_order_request_create("101", 1, &request));
   CHECK_RESULT(ZVR_OK, zvr_order_request_get_idempotency_key(request, &key));
   CHECK(key == NULL);
-  const char* kept = NULL;
-  for (size_t i = 0; i < sizeof cases / sizeof cases[0]; ++i) {
-    CHECK_RESULT(cases[i].expected, zvr_order_request_set_idempotency_key(request, cases[i].key));
-    if (cases[i].expected == ZVR_OK) kept = cases[i].key;
+  for (size_t i = 0; i < 3; ++i) {
+    CHECK_RESULT(ZVR_OK, zvr_order_request_set_idempotency_key(request, good[i]));
+    for (size_t j = 0; j < 6; ++j)
+      CHECK_RESULT(ZVR_E_INVALID_ARGUMENT, zvr_order_request_set_idempotency_key(request, bad[j]));
     CHECK_RESULT(ZVR_OK, zvr_order_request_get_idempotency_key(request, &key));
-    CHECK_TEXT(kept, key); /* a refused key leaves the request as it was */
+    CHECK_TEXT(good[i], key); /* a refused key leaves the request as it was */
   }
   /* The key travels in a header, never in the body. */
   CHECK_RESULT(ZVR_OK, zvr_order_request_get_json(request, &json));
@@ -350,12 +337,6 @@ static void ZVR_CALL on_ended(zvr_skill_challenge challenge, zvr_error error, vo
   }
   e->thread = pthread_self();
   atomic_fetch_add(&e->calls, 1);
-}
-
-static void drain_all(void) {
-  uint32_t ran = 0;
-  do CHECK_RESULT(ZVR_OK, zvr_main_queue_drain(&ran));
-  while (ran > 0);
 }
 
 /* A validation failure (no offer id) is queued before its call returns: a
