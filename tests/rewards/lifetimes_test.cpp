@@ -208,7 +208,7 @@ TEST_F(LifetimesTest, ScopeEndWaitsForAHandlerRunningElsewhere) {
     });
   }
   transport->answer(200, kGoodAnswer);
-  while (!entered) std::this_thread::yield();
+  ASSERT_TRUE(drainUntil([&] { return entered.load(); }));
   scope.reset();
   EXPECT_TRUE(finished);
 
@@ -222,9 +222,7 @@ TEST_F(LifetimesTest, ScopeEndWaitsForAHandlerRunningElsewhere) {
     });
   }
   transport->answer(200, kGoodAnswer);
-  const auto deadline = std::chrono::steady_clock::now() + 10s;
-  while (!returned && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
-  EXPECT_TRUE(returned);
+  EXPECT_TRUE(drainUntil([&] { return returned.load(); }));
   ZVMainQueue::shared()->stopDedicatedThread();
 }
 
@@ -367,22 +365,22 @@ TEST_F(LifetimesTest, CancelAllBeforeClearUserStateKeepsTheNextUserClean) {
   }
 }
 
-// The SDK's threads in this process, by the names it gives them, once their
-// number is `expected` (a joined thread leaves /proc a moment after the join
-// returns) or a second has passed.
-size_t threadCount(size_t expected) {
-  const auto deadline = std::chrono::steady_clock::now() + 1s;
-  while (true) {
-    size_t count = 0;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) {
-      std::ifstream comm(entry.path() / "comm");
-      std::string name;
-      std::getline(comm, name);
-      count += name.starts_with("zv-");
-    }
-    if (count == expected || std::chrono::steady_clock::now() > deadline) return count;
-    std::this_thread::sleep_for(1ms);
+// The SDK's threads in this process, by the names it gives them.
+size_t sdkThreads() {
+  size_t count = 0;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) {
+    std::ifstream comm(entry.path() / "comm");
+    std::string name;
+    std::getline(comm, name);
+    count += name.starts_with("zv-");
   }
+  return count;
+}
+
+// Whether the SDK runs `expected` threads within a second (a joined thread
+// leaves /proc a moment after the join returns).
+bool threadsBecome(size_t expected) {
+  return drainUntil([&] { return sdkThreads() == expected; }, 1s);
 }
 
 // Shutdown joins the SDK's threads, also with a request in flight, and leaves
@@ -393,16 +391,16 @@ TEST(ShutdownTest, JoinsTheThreadsAndTheSDKWorksAgain) {
   server.setHandler(serviceAnswer);
   configureService(server.baseURL());
   Zorvane::shutdown();  // no thread of the SDK's from earlier tests
-  EXPECT_EQ(threadCount(0), 0u);
+  EXPECT_TRUE(threadsBecome(0)) << sdkThreads();
 
   ZVMainQueue::shared()->startDedicatedThread();
   server.enqueue({.body = R"({"status":"ok","orders":[]})", .delay = 30s});
   Completion slow;
   ZVRewardsManager::instance()->fetchOrdersWithCompletionHandler(slow.handler());
   ASSERT_TRUE(server.waitForRequests(1));
-  EXPECT_EQ(threadCount(2), 2u);  // the I/O thread and the dedicated one
+  EXPECT_TRUE(threadsBecome(2)) << sdkThreads();  // the I/O thread and the dedicated one
   Zorvane::shutdown();
-  EXPECT_EQ(threadCount(0), 0u);
+  EXPECT_TRUE(threadsBecome(0)) << sdkThreads();
   EXPECT_EQ(ZVGenericRequestManager::instance()->requestsInFlight(), 0u);
 
   Completion again;
@@ -416,11 +414,9 @@ TEST(ShutdownTest, JoinsTheThreadsAndTheSDKWorksAgain) {
     Zorvane::shutdown();
     returned = true;
   });
-  const auto deadline = std::chrono::steady_clock::now() + 10s;
-  while (!returned && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
-  EXPECT_TRUE(returned);
+  EXPECT_TRUE(drainUntil([&] { return returned.load(); }));
   Zorvane::shutdown();
-  EXPECT_EQ(threadCount(0), 0u);
+  EXPECT_TRUE(threadsBecome(0)) << sdkThreads();
   EXPECT_EQ(slow.calls.load(), 0);
 }
 
