@@ -291,7 +291,8 @@ int main(int argc, char** argv) {
 
   /* An order with the challenge id and an address; the request may go at once. */
   zvr_order_request request = NULL;
-  CHECK_RESULT(ZVR_OK, zvr_order_request_create("101", 1, &request));
+  CHECK_RESULT(ZVR_OK, zvr_order_request_create("999", 1, &request));
+  CHECK_RESULT(ZVR_OK, zvr_order_request_set_offer_id(request, "101"));
   CHECK_RESULT(ZVR_OK, zvr_order_request_set_challenge_id(request, challenge_id));
   zvr_address_fields address = ZVR_ADDRESS_FIELDS_INIT;
   address.name = "Ada Player";
@@ -337,6 +338,14 @@ int main(int argc, char** argv) {
   CHECK_RESULT(ZVR_OK, zvr_logger_set_sink(NULL, NULL));
   check_request_limit(configuration);
   check_shutdown_and_reuse();
+  /* Clearing empties the state. */
+  CHECK_RESULT(ZVR_OK, zvr_rewards_clear_user_state());
+  zvr_offer_list state = NULL;
+  uint32_t state_count = 1;
+  CHECK_RESULT(ZVR_OK, zvr_rewards_get_offers(&state));
+  CHECK_RESULT(ZVR_OK, zvr_offer_list_get_count(state, &state_count));
+  CHECK(state_count == 0);
+  zvr_release(state);
   outcome* all[] = {&fetched, &cached, &question, &challenge, &placed, &orders};
   for (size_t i = 0; i < sizeof all / sizeof all[0]; ++i) forget(all[i]);
   uint32_t handles_after = 0;

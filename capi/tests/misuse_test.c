@@ -168,6 +168,11 @@ static void check_callbacks(void) {
   CHECK_RESULT(ZVR_OK, zvr_main_queue_run_until(calls_reached, &want, 5000, &done));
   CHECK(done);
   CHECK_TEXT("ZVErrorValidationNoOfferID", last_code);
+  /* Each NULL argument stands for the missing one. */
+  CHECK_RESULT(ZVR_OK, zvr_rewards_answer_skill_question("1", "q", NULL, on_challenge, NULL));
+  want = 2;
+  CHECK_RESULT(ZVR_OK, zvr_main_queue_run_until(calls_reached, &want, 5000, &done));
+  CHECK_TEXT("ZVErrorValidationNoAnswer", last_code);
 
   /* A request handle that is not live: refused at once, the callback never runs. */
   zvr_order_request gone = NULL;
@@ -177,17 +182,17 @@ static void check_callbacks(void) {
   /* No callback at all is fine too. */
   CHECK_RESULT(ZVR_OK, zvr_rewards_place_order(NULL, NULL, NULL));
   drain_all();
-  CHECK(atomic_load(&calls_with_null_user) == 1);
+  CHECK(atomic_load(&calls_with_null_user) == 2);
 
   /* With the dedicated thread running, callbacks run there. */
   CHECK_RESULT(ZVR_OK, zvr_main_queue_start_dedicated_thread());
   CHECK_RESULT(ZVR_OK, zvr_rewards_answer_skill_question("1", NULL, "3", on_challenge, NULL));
-  for (int i = 0; i < 500 && atomic_load(&calls_with_null_user) < 2; ++i) {
+  for (int i = 0; i < 500 && atomic_load(&calls_with_null_user) < 3; ++i) {
     const struct timespec tick = {0, 10 * 1000 * 1000};
     nanosleep(&tick, NULL);
   }
   CHECK_RESULT(ZVR_OK, zvr_main_queue_stop_dedicated_thread());
-  CHECK(atomic_load(&calls_with_null_user) == 2);
+  CHECK(atomic_load(&calls_with_null_user) == 3);
   CHECK(atomic_load(&calling_thread_is_dedicated));
   CHECK_TEXT("ZVErrorValidationNoQuestionID", last_code);
 }
@@ -360,9 +365,10 @@ static void check_cancellation(void) {
   CHECK_RESULT(ZVR_OK, fail_in(scope, &a));
   CHECK_RESULT(ZVR_OK, fail_in(other, &b));
   CHECK_RESULT(ZVR_OK, fail_in(NULL, &c));
-  uint32_t pending = 0;
+  uint32_t pending = 0, queued = 0;
   CHECK_RESULT(ZVR_OK, zvr_cancel_scope_get_pending_count(scope, &pending));
-  CHECK(pending == 1);
+  CHECK_RESULT(ZVR_OK, zvr_main_queue_get_pending_count(&queued));
+  CHECK(pending == 1 && queued == 3);
   /* Cancelled by the scope and by the last release; never inside those calls. */
   atomic_store(&inside_cancelling_call, 1);
   CHECK_RESULT(ZVR_OK, zvr_cancel_scope_cancel(scope));
