@@ -27,10 +27,6 @@ std::string LoopbackRequest::header(std::string_view name) const {
   return "";
 }
 
-bool LoopbackRequest::hasHeader(std::string_view name) const {
-  return std::ranges::any_of(headers, [&](const auto& h) { return sameName(h.first, name); });
-}
-
 ZVLoopbackServer::ZVLoopbackServer() : server_(std::make_unique<httplib::Server>()) {
   auto handle = [this](const httplib::Request& in, httplib::Response& out) {
     LoopbackRequest request;

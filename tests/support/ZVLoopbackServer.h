@@ -32,8 +32,6 @@ struct LoopbackRequest {
 
   /// The first header of that name (case-insensitive), or "".
   std::string header(std::string_view name) const;
-  /// Whether a header of that name (case-insensitive) arrived.
-  bool hasHeader(std::string_view name) const;
 };
 
 /// One scripted answer.

@@ -1,17 +1,12 @@
 #include "ZVRawServer.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <strings.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
-#include <stdexcept>
 
 #include "ZVLoopbackSocket.h"
 
@@ -41,11 +36,6 @@ size_t requestLength(const std::string& data) {
 }
 
 }  // namespace
-
-ZVRawServer::ZVRawServer(RawScript script) : script_(std::move(script)) {
-  listener_ = listenOnLoopback(port_, "raw server");
-  acceptor_ = std::thread([this] { acceptLoop(); });
-}
 
 ZVRawServer::ZVRawServer(std::function<RawScript(const std::string&)> scripter)
     : scripter_(std::move(scripter)) {
@@ -122,7 +112,7 @@ void ZVRawServer::serve(int socket) {
       peerGone = true;
       break;
     }
-    const RawScript script = scripter_ ? scripter_(received.substr(0, length)) : script_;
+    const RawScript script = scripter_(received.substr(0, length));
     received.erase(0, length);
     end = script.end;
     const std::string& bytes = script.bytes;

@@ -37,7 +37,8 @@ struct RawScript {
 /// Every member is safe from any thread.
 class ZVRawServer {
  public:
-  explicit ZVRawServer(RawScript script);
+  explicit ZVRawServer(RawScript script)
+      : ZVRawServer([script](const std::string&) { return script; }) {}
   /// Answers each request (head and body, as received) with the script that
   /// `scripter` makes of it; a script ending in `Next` keeps the connection
   /// for the next request. Called on the connections' threads.
@@ -63,7 +64,6 @@ class ZVRawServer {
   void serve(int socket);
   bool waitReadable(int socket);
 
-  const RawScript script_;
   const std::function<RawScript(const std::string&)> scripter_;
   int listener_ = -1;
   int port_ = 0;
