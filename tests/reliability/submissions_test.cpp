@@ -229,24 +229,24 @@ TEST(RetryPolicyTest, RetriesTheFaultsItShouldAndNothingElse) {
   const struct {
     const char* name;
     bool submission;
-    std::vector<std::string> answers;  // "" resets the connection
-    size_t requests;                   // how many reached the server
+    size_t requests;  // how many reached the server
     bool succeeds;
+    std::vector<std::string> answers;  // "" resets the connection
   } cases[] = {
       {"a read through 408, 429, 500, 502, 503, 504 and a reset",
        false,
-       {status(408), status(429), status(500), status(502), status(503), status(504), "", kOK},
        8,
-       true},
-      {"a submission through 503 and a reset", true, {status(503), "", kOK}, 3, true},
-      {"404 is not retried", false, {status(404), kOK}, 1, false},
-      {"400 to a submission is not retried", true, {status(400), kOK}, 1, false},
+       true,
+       {status(408), status(429), status(500), status(502), status(503), status(504), "", kOK}},
+      {"a submission through 503 and a reset", true, 3, true, {status(503), "", kOK}},
+      {"404 is not retried", false, 1, false, {status(404), kOK}},
+      {"400 to a submission is not retried", true, 1, false, {status(400), kOK}},
       {"a Retry-After above the cap is not retried",
        true,
-       {status(503, "Retry-After: 3600\r\n"), kOK},
        1,
-       false},
-      {"attempts run out", false, {status(503)}, 8, false},
+       false,
+       {status(503, "Retry-After: 3600\r\n"), kOK}},
+      {"attempts run out", false, 8, false, {status(503)}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
