@@ -1,8 +1,9 @@
 // A host process may exit, shut the SDK down or unload it, with requests in
 // flight or from inside a handler, without a crash, a hang or a sanitizer
-// report: each scenario runs in a child process, many times over (a race at
-// exit shows in a fraction of the runs), and every run must end with status
-// 0 within a time limit. ZV_EXIT_RUNS sets the runs per scenario.
+// report: each scenario runs in a child process (host_child.cpp,
+// unload_child.cpp), many times over (a race at exit shows in a fraction of
+// the runs), and every run must end with status 0 within a time limit.
+// ZV_EXIT_RUNS sets the runs per scenario.
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
@@ -26,35 +27,26 @@ struct Scenario {
   bool answering;                 // a server that answers at once, else one that never does
 };
 
-int runsPerScenario() {
-  const char* runs = std::getenv("ZV_EXIT_RUNS");
-  return runs != nullptr && std::atoi(runs) > 0 ? std::atoi(runs) : 25;
-}
-
-// Ours, but with no leak check: a library unloaded leaves its singletons
-// behind (see docs/lifetimes.md), which LeakSanitizer would report.
-std::vector<std::string> environmentWithoutLeakCheck() {
-  std::vector<std::string> environment;
-  std::string asan = "ASAN_OPTIONS=detect_leaks=0";
-  for (char** entry = environ; *entry != nullptr; ++entry) {
-    const std::string text = *entry;
-    if (text.starts_with("ASAN_OPTIONS="))
-      asan = text + ":detect_leaks=0";
-    else
-      environment.push_back(text);
-  }
-  environment.push_back(asan);
-  return environment;
-}
-
 class ExitTest : public ::testing::TestWithParam<Scenario> {};
 
 TEST_P(ExitTest, EveryRunEndsCleanlyAndInTime) {
   const Scenario& scenario = GetParam();
-  const bool unload = scenario.argv[0] == ZV_UNLOAD_CHILD;
-  const std::vector<std::string> environment =
-      unload ? environmentWithoutLeakCheck() : std::vector<std::string>{};
-  const int runs = runsPerScenario();
+  // An unloaded library leaves its singletons behind (see docs/lifetimes.md),
+  // which LeakSanitizer would report: no leak check for those runs.
+  std::vector<std::string> environment;
+  if (scenario.argv[0] == ZV_UNLOAD_CHILD) {
+    std::string asan = "ASAN_OPTIONS=detect_leaks=0";
+    for (char** entry = environ; *entry != nullptr; ++entry) {
+      const std::string text = *entry;
+      if (text.starts_with("ASAN_OPTIONS="))
+        asan = text + ":detect_leaks=0";
+      else
+        environment.push_back(text);
+    }
+    environment.push_back(asan);
+  }
+  const char* runsSet = std::getenv("ZV_EXIT_RUNS");
+  const int runs = runsSet != nullptr && std::atoi(runsSet) > 0 ? std::atoi(runsSet) : 25;
   for (int run = 0; run < runs; ++run) {
     // One server never answers (requests stay in flight); the other answers at
     // once (deliveries keep arriving on the main queue).
@@ -76,12 +68,12 @@ TEST_P(ExitTest, EveryRunEndsCleanlyAndInTime) {
 
 INSTANTIATE_TEST_SUITE_P(
     Hosts, ExitTest,
-    ::testing::Values(Scenario{"inflightSilent", {ZV_EXIT_CHILD, "inflight", "HOST"}, false},
-                      Scenario{"inflightAnswering", {ZV_EXIT_CHILD, "inflight", "HOST"}, true},
-                      Scenario{"teardownAnswering", {ZV_EXIT_CHILD, "teardown", "HOST"}, true},
-                      Scenario{"teardownSilent", {ZV_EXIT_CHILD, "teardown", "HOST"}, false},
-                      Scenario{"handlerSilent", {ZV_EXIT_CHILD, "handler", "HOST"}, false},
-                      Scenario{"shutdownAnswering", {ZV_EXIT_CHILD, "shutdown", "HOST"}, true},
+    ::testing::Values(Scenario{"inflightSilent", {ZV_HOST_CHILD, "inflight", "HOST"}, false},
+                      Scenario{"inflightAnswering", {ZV_HOST_CHILD, "inflight", "HOST"}, true},
+                      Scenario{"teardownAnswering", {ZV_HOST_CHILD, "teardown", "HOST"}, true},
+                      Scenario{"teardownSilent", {ZV_HOST_CHILD, "teardown", "HOST"}, false},
+                      Scenario{"handlerSilent", {ZV_HOST_CHILD, "handler", "HOST"}, false},
+                      Scenario{"shutdownAnswering", {ZV_HOST_CHILD, "shutdown", "HOST"}, true},
                       Scenario{"unloadSilent", {ZV_UNLOAD_CHILD, ZV_UNLOAD_PLUGIN, "HOST"}, false},
                       Scenario{
                           "unloadAnswering", {ZV_UNLOAD_CHILD, ZV_UNLOAD_PLUGIN, "HOST"}, true}),

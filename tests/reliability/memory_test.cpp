@@ -1,6 +1,6 @@
 // Decoding any answer within maxResponseBytes stays under a bound, whatever
 // the answer holds: each of the costliest answers we could construct at the
-// default limit is served on loopback to a child process (memory_child.cpp),
+// default limit is served on loopback to a child process (host_child.cpp),
 // whose peak resident memory must stay under the bound docs/reliability.md
 // states. Set ZV_MEMORY_REPORT=1 to print the figures as the table there,
 // and ZV_MEMORY_LIMIT_MB to try another limit. Plain build only: the
@@ -48,9 +48,16 @@ std::string joined(std::string_view head, const std::function<std::string(size_t
   return out;
 }
 
-std::string repeated(std::string_view head, const std::string& unit, std::string_view tail) {
+// `unit` repeated, joined by commas, in at most `size` bytes.
+std::string repeat(const std::string& unit, size_t size) {
   return joined(
-      head, [&](size_t) { return unit; }, tail);
+      "", [&](size_t) { return unit; }, "", size);
+}
+
+// An answer whose offers (or "x") are `unit` repeated up to the limit.
+std::string offersOf(const std::string& unit, const char* member = "offers") {
+  const std::string head = fmt::format(R"({{"status":"ok","{}":[)", member);
+  return head + repeat(unit, kLimit - head.size() - 2) + "]}";
 }
 
 // The body made by `build(n)` for the largest n, within 3%, whose JSON
@@ -112,14 +119,10 @@ std::vector<Shape> shapes() {
   const std::string tooLarge = ZVErrorAnswerTooLarge;
   const size_t records = kLimit / 128;
   return {
-      {"tiny arrays", [] { return repeated(R"({"status":"ok","offers":[)", "[]", "]}"); }, "offers",
-       tooLarge},
-      {"empty objects", [] { return repeated(R"({"status":"ok","offers":[)", "{}", "]}"); },
-       "offers", tooLarge},
-      {"zeros", [] { return repeated(R"({"status":"ok","offers":[)", "0", "]}"); }, "offers",
-       tooLarge},
-      {"nesting at the depth limit",
-       [] { return repeated(R"({"status":"ok","offers":[)", kDeep, "]}"); }, "offers", tooLarge},
+      {"tiny arrays", [] { return offersOf("[]"); }, "offers", tooLarge},
+      {"empty objects", [] { return offersOf("{}"); }, "offers", tooLarge},
+      {"zeros", [] { return offersOf("0"); }, "offers", tooLarge},
+      {"nesting at the depth limit", [] { return offersOf(kDeep); }, "offers", tooLarge},
       {"distinct long keys",
        [] {
          return joined(R"({"status":"ok","x":{)",
@@ -146,11 +149,10 @@ std::vector<Shape> shapes() {
        [] {
          std::string escapes;
          for (int i = 0; i < 2000; ++i) escapes += "\\n";
-         return repeated(R"({"status":"ok","x":[)", "\"" + escapes + "\"", "]}");
+         return offersOf("\"" + escapes + "\"", "x");
        },
        "offers", "0 records"},
-      {"numbers beyond double", [] { return repeated(R"({"status":"ok","x":[)", "1e400", "]}"); },
-       "offers", tooLarge},
+      {"numbers beyond double", [] { return offersOf("1e400", "x"); }, "offers", tooLarge},
       {"one number as long as the answer",
        [] {
          std::string body = R"({"status":"ok","x":)";
@@ -163,9 +165,7 @@ std::vector<Shape> shapes() {
          return largestAccepted(
              [records](size_t n) {
                return padded(R"({"status":"ok","offers":[)" + optionsTree(records / 256) +
-                             R"(],"x":[)" +
-                             joined(
-                                 "", [](size_t) { return "[]"; }, "]}", 3 * n));
+                             R"(],"x":[)" + repeat("[]", 3 * n) + "]}");
              },
              kLimit / 3);
        },
@@ -176,11 +176,9 @@ std::vector<Shape> shapes() {
          return largestAccepted(
              [records](size_t n) {
                const std::string order = R"({"user":{},"shipping_address":{}})";
-               std::string orders = joined(
-                   "", [&](size_t) { return order; }, "", (order.size() + 1) * records - 1);
-               return padded(R"({"status":"ok","orders":[)" + orders + R"(],"x":[)" +
-                             joined(
-                                 "", [](size_t) { return "[]"; }, "]}", 3 * n));
+               return padded(R"({"status":"ok","orders":[)" +
+                             repeat(order, (order.size() + 1) * records - 1) + R"(],"x":[)" +
+                             repeat("[]", 3 * n) + "]}");
              },
              kLimit / 3);
        },
@@ -189,9 +187,8 @@ std::vector<Shape> shapes() {
        [] {
          return largestAccepted(
              [](size_t n) {
-               return padded(R"({"status":"error","order":{"base":[)" +
-                             joined(
-                                 "", [](size_t) { return kDeeper; }, "]}}", 1019 * n + 3));
+               return padded(R"({"status":"error","order":{"base":[)" + repeat(kDeeper, 1019 * n) +
+                             "]}}");
              },
              kLimit / 1019);
        },
@@ -199,11 +196,7 @@ std::vector<Shape> shapes() {
       {"HTTP 500 to an order, quoting nested containers",
        [] {
          return largestAccepted(
-             [](size_t n) {
-               return padded(R"({"x":[)" +
-                             joined(
-                                 "", [](size_t) { return kDeep; }, "]}", 1021 * n + 2));
-             },
+             [](size_t n) { return padded(R"({"x":[)" + repeat(kDeep, 1021 * n) + "]}"); },
              kLimit / 1021);
        },
        "order", std::string(ZVErrorHTTPStatus) + ": {", 500},
@@ -228,13 +221,12 @@ TEST_P(MemoryTest, DecodingTheAnswerStaysUnderTheBound) {
                                            "Connection: close\r\n\r\n",
                                            shape.status) +
                                body});
-  const ProcessResult child = runProcess({ZV_MEMORY_CHILD, warmup.baseURL(), server.baseURL(),
-                                          std::to_string(kLimit), shape.operation},
-                                         std::chrono::minutes(2));
+  const ProcessResult child =
+      runProcess({ZV_HOST_CHILD, "decode", warmup.baseURL(), server.baseURL(),
+                  std::to_string(kLimit), shape.operation},
+                 std::chrono::minutes(2));
   ASSERT_EQ(child.exitCode(), 0) << child.err;
-  size_t rssKB = 0;
-  size_t peakKB = 0;
-  size_t afterKB = 0;
+  size_t rssKB = 0, peakKB = 0, afterKB = 0;
   double ms = 0;
   char outcome[256] = {};
   ASSERT_EQ(

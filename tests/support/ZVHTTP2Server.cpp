@@ -1,22 +1,16 @@
 #include "ZVHTTP2Server.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <poll.h>
 #include <pthread.h>
 #include <signal.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
-#include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <map>
 #include <stdexcept>
 #include <string_view>
 
+#include <netinet/tcp.h>
 #include <nghttp2/nghttp2.h>
 #include <openssl/err.h>
 #include <openssl/ssl.h>
@@ -28,22 +22,8 @@ namespace zvtest {
 
 namespace {
 
-// How often the accept loop looks at the stop flag.
-constexpr int kPollMs = 20;
 // Answers are gathered up to this size before one TLS write.
 constexpr size_t kWriteChunk = 64 * 1024;
-
-template <auto Free>
-struct Deleter {
-  template <class T>
-  void operator()(T* p) const {
-    Free(p);
-  }
-};
-using SSLPtr = std::unique_ptr<SSL, Deleter<SSL_free>>;
-using SessionPtr = std::unique_ptr<nghttp2_session, Deleter<nghttp2_session_del>>;
-using CallbacksPtr =
-    std::unique_ptr<nghttp2_session_callbacks, Deleter<nghttp2_session_callbacks_del>>;
 
 [[noreturn]] void fail(const char* what) {
   char text[256] = "";
@@ -77,44 +57,34 @@ nghttp2_nv header(std::string_view name, std::string_view value) {
 struct HTTP2Session {
   struct Stream {
     HTTP2Request request;
-    std::string status = "200";
-    std::string body;
-    std::string length;
+    std::string status, body, length;
     size_t sent = 0;
   };
 
-  HTTP2Session(ZVHTTP2Server& server, size_t connection) : server(server), connection(connection) {}
-
   ZVHTTP2Server& server;
-  const size_t connection;
   std::map<int32_t, Stream> streams;
 
   // The request is complete once its stream ends from the client's side.
   static int onFrame(nghttp2_session* session, const nghttp2_frame* frame, void* user) {
     auto& self = *static_cast<HTTP2Session*>(user);
-    const bool requestEnds =
-        (frame->hd.type == NGHTTP2_HEADERS || frame->hd.type == NGHTTP2_DATA) &&
-        (frame->hd.flags & NGHTTP2_FLAG_END_STREAM) != 0;
-    if (!requestEnds) return 0;
+    if ((frame->hd.type != NGHTTP2_HEADERS && frame->hd.type != NGHTTP2_DATA) ||
+        (frame->hd.flags & NGHTTP2_FLAG_END_STREAM) == 0)
+      return 0;
     const int32_t id = frame->hd.stream_id;
     Stream& stream = self.streams[id];
-    if (self.server.handler_) {
-      const HTTP2Reply reply = self.server.handler_(stream.request);
-      switch (reply.fault) {
-        case HTTP2Reply::Fault::RefuseStream:
-          return nghttp2_submit_rst_stream(session, NGHTTP2_FLAG_NONE, id, NGHTTP2_REFUSED_STREAM);
-        case HTTP2Reply::Fault::ResetStream:
-          return nghttp2_submit_rst_stream(session, NGHTTP2_FLAG_NONE, id, NGHTTP2_INTERNAL_ERROR);
-        case HTTP2Reply::Fault::DropConnection:
-          return NGHTTP2_ERR_CALLBACK_FAILURE;  // the connection ends without a word
-        case HTTP2Reply::Fault::None:
-          break;
-      }
-      stream.status = std::to_string(reply.status);
-      stream.body = reply.body;
-    } else {
-      stream.body = self.server.bodySnapshot();
+    const HTTP2Reply reply = self.server.handler_(stream.request);
+    switch (reply.fault) {
+      case HTTP2Reply::Fault::RefuseStream:
+        return nghttp2_submit_rst_stream(session, NGHTTP2_FLAG_NONE, id, NGHTTP2_REFUSED_STREAM);
+      case HTTP2Reply::Fault::ResetStream:
+        return nghttp2_submit_rst_stream(session, NGHTTP2_FLAG_NONE, id, NGHTTP2_INTERNAL_ERROR);
+      case HTTP2Reply::Fault::DropConnection:
+        return NGHTTP2_ERR_CALLBACK_FAILURE;  // the connection ends without a word
+      case HTTP2Reply::Fault::None:
+        break;
     }
+    stream.status = std::to_string(reply.status);
+    stream.body = reply.body;
     stream.length = std::to_string(stream.body.size());
     const nghttp2_nv headers[] = {header(":status", stream.status),
                                   header("content-type", "application/json"),
@@ -124,7 +94,7 @@ struct HTTP2Session {
     provider.read_callback = readBody;
     if (nghttp2_submit_response(session, id, headers, std::size(headers), &provider) != 0)
       return NGHTTP2_ERR_CALLBACK_FAILURE;
-    self.server.noteServed(self.connection);
+    ++self.server.streams_;
     return 0;
   }
 
@@ -172,28 +142,19 @@ std::string HTTP2Request::header(const std::string& name) const {
   return "";
 }
 
-ZVHTTP2Server::ZVHTTP2Server(std::string body) : ZVHTTP2Server(std::move(body), nullptr) {}
-
 ZVHTTP2Server::ZVHTTP2Server(std::function<HTTP2Reply(const HTTP2Request&)> handler)
-    : ZVHTTP2Server("{}", std::move(handler)) {}
-
-ZVHTTP2Server::ZVHTTP2Server(std::string body,
-                             std::function<HTTP2Reply(const HTTP2Request&)> handler)
-    : body_(std::move(body)), handler_(std::move(handler)) {
+    : handler_(std::move(handler)) {
   // The sandbox's certificate (localhost and 127.0.0.1), in a folder of our own.
   std::string pattern = (std::filesystem::temp_directory_path() / "zv-h2-XXXXXX").string();
   if (::mkdtemp(pattern.data()) == nullptr)
     throw std::runtime_error("HTTP/2 server: no temporary folder");
   directory_ = pattern;
-  zvsandbox::CertificateFiles files;
-  std::string problem;
-  if (!zvsandbox::ensureCertificate(directory_, files, problem)) {
-    std::filesystem::remove_all(directory_);
-    throw std::runtime_error("HTTP/2 server: " + problem);
-  }
-  caFile_ = files.certificate.string();
-
   try {
+    zvsandbox::CertificateFiles files;
+    std::string problem;
+    if (!zvsandbox::ensureCertificate(directory_, files, problem))
+      throw std::runtime_error("HTTP/2 server: " + problem);
+    caFile_ = files.certificate.string();
     context_ = SSL_CTX_new(TLS_server_method());
     if (context_ == nullptr) fail("no TLS context");
     SSL_CTX_set_min_proto_version(context_, TLS1_2_VERSION);
@@ -234,33 +195,10 @@ std::string ZVHTTP2Server::baseURL() const {
   return "https://127.0.0.1:" + std::to_string(port_);
 }
 
-void ZVHTTP2Server::setBody(std::string body) {
-  std::lock_guard lock(mutex_);
-  body_ = std::move(body);
-}
-
-std::string ZVHTTP2Server::bodySnapshot() {
-  std::lock_guard lock(mutex_);
-  return body_;
-}
-
-void ZVHTTP2Server::noteServed(size_t connection) {
-  ++streams_;
-  std::lock_guard lock(mutex_);
-  serving_.insert(connection);
-}
-
-size_t ZVHTTP2Server::takeServingConnections() {
-  std::lock_guard lock(mutex_);
-  const size_t n = serving_.size();
-  serving_.clear();
-  return n;
-}
-
 void ZVHTTP2Server::acceptLoop() {
   pollfd entry{listener_, POLLIN, 0};
   while (!stopping_) {
-    if (::poll(&entry, 1, kPollMs) <= 0) continue;
+    if (::poll(&entry, 1, 20) <= 0) continue;
     const int socket = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
     if (socket < 0) continue;
     std::lock_guard lock(mutex_);
@@ -270,23 +208,15 @@ void ZVHTTP2Server::acceptLoop() {
       ::close(socket);
       break;
     }
-    const size_t id = ++connections_;
+    ++connections_;
     open_.insert(socket);
-    workers_.emplace_back([this, socket, id] { serve(socket, id); });
+    workers_.emplace_back([this, socket] { serve(socket); });
   }
-}
-
-void ZVHTTP2Server::forget(int socket) {
-  {
-    std::lock_guard lock(mutex_);
-    open_.erase(socket);
-  }
-  ::close(socket);
 }
 
 // Blocking TLS on one connection: read what the client sent, feed it to the
 // session, write what the session has to say, until either side is done.
-void ZVHTTP2Server::serve(int socket, size_t id) {
+void ZVHTTP2Server::serve(int socket) {
   // OpenSSL writes with write(2): a client that already closed must give
   // EPIPE on this thread, not a SIGPIPE that ends the process.
   sigset_t pipe;
@@ -295,39 +225,27 @@ void ZVHTTP2Server::serve(int socket, size_t id) {
   pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
   const int one = 1;
   ::setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
-  SSLPtr ssl(SSL_new(context_));
-  if (!ssl || SSL_set_fd(ssl.get(), socket) != 1 || SSL_accept(ssl.get()) != 1) {
-    ERR_clear_error();
-    ssl.reset();
-    forget(socket);
-    return;
-  }
-
-  HTTP2Session state(*this, id);
-  CallbacksPtr callbacks([] {
-    nghttp2_session_callbacks* made = nullptr;
-    nghttp2_session_callbacks_new(&made);
-    return made;
-  }());
-  SessionPtr session;
-  if (callbacks) {
-    nghttp2_session_callbacks_set_on_frame_recv_callback(callbacks.get(), HTTP2Session::onFrame);
-    nghttp2_session_callbacks_set_on_stream_close_callback(callbacks.get(), HTTP2Session::onClose);
-    nghttp2_session_callbacks_set_on_header_callback(callbacks.get(), HTTP2Session::onHeader);
-    nghttp2_session_callbacks_set_on_data_chunk_recv_callback(callbacks.get(),
-                                                              HTTP2Session::onData);
-    nghttp2_session* made = nullptr;
-    if (nghttp2_session_server_new(&made, callbacks.get(), &state) == 0) session.reset(made);
+  SSL* ssl = SSL_new(context_);
+  HTTP2Session state{*this, {}};
+  nghttp2_session* session = nullptr;
+  if (ssl && SSL_set_fd(ssl, socket) == 1 && SSL_accept(ssl) == 1) {
+    nghttp2_session_callbacks* callbacks = nullptr;
+    if (nghttp2_session_callbacks_new(&callbacks) == 0) {
+      nghttp2_session_callbacks_set_on_frame_recv_callback(callbacks, HTTP2Session::onFrame);
+      nghttp2_session_callbacks_set_on_stream_close_callback(callbacks, HTTP2Session::onClose);
+      nghttp2_session_callbacks_set_on_header_callback(callbacks, HTTP2Session::onHeader);
+      nghttp2_session_callbacks_set_on_data_chunk_recv_callback(callbacks, HTTP2Session::onData);
+      if (nghttp2_session_server_new(&session, callbacks, &state) != 0) session = nullptr;
+      nghttp2_session_callbacks_del(callbacks);
+    }
   }
   const nghttp2_settings_entry settings[] = {{NGHTTP2_SETTINGS_MAX_CONCURRENT_STREAMS, 128}};
-  bool alive = session && nghttp2_submit_settings(session.get(), NGHTTP2_FLAG_NONE, settings,
+  bool alive = session && nghttp2_submit_settings(session, NGHTTP2_FLAG_NONE, settings,
                                                   std::size(settings)) == 0;
-
   std::string out;
-  auto flush = [&] {
-    if (out.empty()) return true;
-    const bool written = SSL_write(ssl.get(), out.data(), static_cast<int>(out.size())) ==
-                         static_cast<int>(out.size());
+  const auto flush = [&] {
+    const bool written = out.empty() || SSL_write(ssl, out.data(), static_cast<int>(out.size())) ==
+                                            static_cast<int>(out.size());
     out.clear();
     return written;
   };
@@ -335,7 +253,7 @@ void ZVHTTP2Server::serve(int socket, size_t id) {
   while (alive && !stopping_) {
     while (alive) {
       const uint8_t* data = nullptr;
-      const ssize_t n = nghttp2_session_mem_send(session.get(), &data);
+      const ssize_t n = nghttp2_session_mem_send(session, &data);
       if (n <= 0) {
         alive = n == 0 && flush();
         break;
@@ -343,17 +261,20 @@ void ZVHTTP2Server::serve(int socket, size_t id) {
       out.append(reinterpret_cast<const char*>(data), static_cast<size_t>(n));
       if (out.size() >= kWriteChunk) alive = flush();
     }
-    if (!alive || (nghttp2_session_want_read(session.get()) == 0 &&
-                   nghttp2_session_want_write(session.get()) == 0))
+    if (!alive ||
+        (nghttp2_session_want_read(session) == 0 && nghttp2_session_want_write(session) == 0))
       break;
-    const int got = SSL_read(ssl.get(), buffer, sizeof buffer);
-    if (got <= 0) break;
-    alive = nghttp2_session_mem_recv(session.get(), buffer, static_cast<size_t>(got)) == got;
+    const int got = SSL_read(ssl, buffer, sizeof buffer);
+    alive = got > 0 && nghttp2_session_mem_recv(session, buffer, static_cast<size_t>(got)) == got;
   }
   ERR_clear_error();
-  session.reset();
-  ssl.reset();
-  forget(socket);
+  nghttp2_session_del(session);
+  SSL_free(ssl);
+  {
+    std::lock_guard lock(mutex_);
+    open_.erase(socket);
+  }
+  ::close(socket);
 }
 
 }  // namespace zvtest

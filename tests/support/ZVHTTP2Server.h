@@ -10,7 +10,6 @@
 #include <set>
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
 struct ssl_ctx_st;
@@ -40,10 +39,10 @@ struct HTTP2Reply {
   Fault fault = Fault::None;
 };
 
-/// Answers every request with status 200, "content-type: application/json"
-/// and the body set with `setBody`, over HTTP/2 only (ALPN "h2"), from
-/// construction (which returns once it accepts connections) until
-/// destruction (which closes every connection and joins its threads).
+/// Answers every request with what its handler makes of it, over HTTP/2 only
+/// (ALPN "h2"), from construction (which returns once it accepts
+/// connections) until destruction (which closes every connection and joins
+/// its threads).
 ///
 /// Its certificate is the sandbox's kind (self-signed for localhost and
 /// 127.0.0.1), made afresh for each server; `caFile` names it as a PEM file
@@ -55,9 +54,12 @@ struct HTTP2Reply {
 /// Every member is safe from any thread.
 class ZVHTTP2Server {
  public:
-  explicit ZVHTTP2Server(std::string body = "{}");
-  /// Answers each request with what `handler` makes of it, called on the
-  /// connections' threads once the request's stream has ended.
+  /// Answers every request with status 200 and `body`.
+  explicit ZVHTTP2Server(std::string body = "{}")
+      : ZVHTTP2Server([body](const HTTP2Request&) {
+          return HTTP2Reply{200, body};
+        }) {}
+  /// `handler` is called on the connections' threads once a request's stream has ended.
   explicit ZVHTTP2Server(std::function<HTTP2Reply(const HTTP2Request&)> handler);
   ~ZVHTTP2Server();
   ZVHTTP2Server(const ZVHTTP2Server&) = delete;
@@ -69,25 +71,16 @@ class ZVHTTP2Server {
   /// The certificate to trust (`ZVHTTPRequest::caFile`, `ZVConfiguration::caFile`).
   const std::string& caFile() const { return caFile_; }
 
-  /// The body of every answer from now on.
-  void setBody(std::string body);
-
   /// TCP connections accepted so far.
   size_t connections() const { return connections_.load(); }
   /// Requests answered so far (one stream each).
   size_t streams() const { return streams_.load(); }
-  /// How many distinct connections answered a request since the last call.
-  size_t takeServingConnections();
 
  private:
-  ZVHTTP2Server(std::string body, std::function<HTTP2Reply(const HTTP2Request&)> handler);
   void acceptLoop();
-  void serve(int socket, size_t id);
-  void forget(int socket);
+  void serve(int socket);
 
   friend struct HTTP2Session;
-  std::string bodySnapshot();
-  void noteServed(size_t connection);
 
   std::string directory_;
   std::string caFile_;
@@ -99,11 +92,9 @@ class ZVHTTP2Server {
   std::atomic<size_t> streams_{0};
   std::thread acceptor_;
 
+  const std::function<HTTP2Reply(const HTTP2Request&)> handler_;
   std::mutex mutex_;
-  std::string body_;                                        // guarded by mutex_
-  std::function<HTTP2Reply(const HTTP2Request&)> handler_;  // set once, before serving
   std::set<int> open_;                // guarded by mutex_: sockets the workers still use
-  std::set<size_t> serving_;          // guarded by mutex_
   std::vector<std::thread> workers_;  // guarded by mutex_
 };
 

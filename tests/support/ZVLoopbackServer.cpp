@@ -1,10 +1,9 @@
 #include "ZVLoopbackServer.h"
 
-#include <httplib.h>
+#include <fmt/format.h>
 
 #include <algorithm>
 #include <cctype>
-#include <stdexcept>
 
 namespace zvtest {
 
@@ -17,7 +16,29 @@ bool sameName(std::string_view a, std::string_view b) {
   });
 }
 
-constexpr size_t kWorkers = 32;
+// A whole request as it arrived: the request line, header lines, the body.
+LoopbackRequest parse(const std::string& raw, int clientPort) {
+  LoopbackRequest request;
+  const size_t headEnd = raw.find("\r\n\r\n");
+  size_t at = raw.find("\r\n");
+  const size_t space = raw.find(' ');
+  request.method = raw.substr(0, space);
+  request.target = raw.substr(space + 1, raw.rfind(' ', at) - space - 1);
+  const size_t question = request.target.find('?');
+  request.path = request.target.substr(0, question);
+  if (question != std::string::npos) request.query = request.target.substr(question + 1);
+  while (at < headEnd) {
+    const size_t next = raw.find("\r\n", at + 2);
+    const std::string field = raw.substr(at + 2, next - at - 2);
+    const size_t colon = field.find(':');
+    const size_t value = std::min(field.find_first_not_of(' ', colon + 1), field.size());
+    request.headers.emplace_back(field.substr(0, colon), field.substr(value));
+    at = next;
+  }
+  request.body = raw.substr(headEnd + 4);
+  request.remotePort = clientPort;
+  return request;
+}
 
 }  // namespace
 
@@ -27,64 +48,20 @@ std::string LoopbackRequest::header(std::string_view name) const {
   return "";
 }
 
-bool LoopbackRequest::hasHeader(std::string_view name) const {
-  return std::ranges::any_of(headers, [&](const auto& h) { return sameName(h.first, name); });
-}
+ZVLoopbackServer::ZVLoopbackServer()
+    : server_(std::make_unique<ZVRawServer>([this](const std::string& raw, int clientPort) {
+        const LoopbackResponse response = answer(parse(raw, clientPort));
+        return RawScript{.bytes = fmt::format("HTTP/1.1 {} S\r\nContent-Type: application/json\r\n"
+                                              "Content-Length: {}\r\n\r\n{}",
+                                              response.status, response.body.size(), response.body),
+                         .end = RawScript::End::Next,
+                         .delay = response.delay};
+      })) {}
 
-ZVLoopbackServer::ZVLoopbackServer() : server_(std::make_unique<httplib::Server>()) {
-  auto handle = [this](const httplib::Request& in, httplib::Response& out) {
-    LoopbackRequest request;
-    request.method = in.method;
-    request.target = in.target;
-    const size_t question = in.target.find('?');
-    request.path = in.target.substr(0, question);
-    if (question != std::string::npos) request.query = in.target.substr(question + 1);
-    for (const auto& [key, value] : in.headers) request.headers.emplace_back(key, value);
-    request.body = in.body;
-    request.remotePort = in.remote_port;
-
-    LoopbackResponse response = answer(request);
-    pause(response.delay);
-    out.status = response.status;
-    out.set_content(response.body, "application/json");
-  };
-  // Every path, even one that decodes to a line break ('.' would stop there).
-  const std::string anyPath = R"([\s\S]*)";
-  server_->Get(anyPath, handle);
-  server_->Post(anyPath, handle);
-  // Without it, a header written apart from its body waits for a delayed ACK.
-  server_->set_tcp_nodelay(true);
-  // Keep connections for as long as a client wants them (the default is 5 requests).
-  server_->set_keep_alive_max_count(1'000'000);
-  // Enough workers for every connection a client keeps alive at once.
-  server_->new_task_queue = [] { return new httplib::ThreadPool(kWorkers); };
-
-  port_ = server_->bind_to_any_port("127.0.0.1");
-  if (port_ <= 0) throw std::runtime_error("loopback server: no free port on 127.0.0.1");
-  thread_ = std::thread([this] { server_->listen_after_bind(); });
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  while (!server_->is_running()) {
-    if (std::chrono::steady_clock::now() > deadline) {
-      server_->stop();
-      thread_.join();
-      throw std::runtime_error("loopback server did not start");
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-}
-
-ZVLoopbackServer::~ZVLoopbackServer() {
-  {
-    std::lock_guard lock(mutex_);
-    stopping_ = true;
-  }
-  changed_.notify_all();  // cuts delays short
-  server_->stop();
-  thread_.join();
-}
+ZVLoopbackServer::~ZVLoopbackServer() = default;
 
 std::string ZVLoopbackServer::hostAndPort() const {
-  return "127.0.0.1:" + std::to_string(port_);
+  return "127.0.0.1:" + std::to_string(port());
 }
 
 std::string ZVLoopbackServer::baseURL() const {
@@ -131,12 +108,6 @@ LoopbackResponse ZVLoopbackServer::answer(const LoopbackRequest& request) {
   }
   // The handler runs unlocked so that it may call back into the server.
   return handler ? handler(request) : LoopbackResponse{};
-}
-
-void ZVLoopbackServer::pause(std::chrono::milliseconds delay) {
-  if (delay <= std::chrono::milliseconds(0)) return;
-  std::unique_lock lock(mutex_);
-  changed_.wait_for(lock, delay, [&] { return stopping_; });
 }
 
 }  // namespace zvtest

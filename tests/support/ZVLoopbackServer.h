@@ -10,13 +10,10 @@
 #include <mutex>
 #include <string>
 #include <string_view>
-#include <thread>
 #include <utility>
 #include <vector>
 
-namespace httplib {
-class Server;
-}
+#include "ZVRawServer.h"
 
 namespace zvtest {
 
@@ -32,8 +29,6 @@ struct LoopbackRequest {
 
   /// The first header of that name (case-insensitive), or "".
   std::string header(std::string_view name) const;
-  /// Whether a header of that name (case-insensitive) arrived.
-  bool hasHeader(std::string_view name) const;
 };
 
 /// One scripted answer.
@@ -44,7 +39,8 @@ struct LoopbackResponse {
   std::chrono::milliseconds delay{0};
 };
 
-/// An HTTP/1.1 server on 127.0.0.1 and a free port, running on its own
+/// An HTTP/1.1 server (keep-alive, bodies by Content-Length) on 127.0.0.1 and
+/// a free port, a ZVRawServer that reads requests and writes answers, running on its own
 /// threads from construction (which returns once it accepts connections) to
 /// destruction (which stops it and joins its threads).
 ///
@@ -64,7 +60,7 @@ class ZVLoopbackServer {
   ZVLoopbackServer(const ZVLoopbackServer&) = delete;
   ZVLoopbackServer& operator=(const ZVLoopbackServer&) = delete;
 
-  int port() const { return port_; }
+  int port() const { return server_->port(); }
   /// "127.0.0.1:<port>", a service host without a scheme.
   std::string hostAndPort() const;
   /// "http://127.0.0.1:<port>".
@@ -82,18 +78,14 @@ class ZVLoopbackServer {
 
  private:
   LoopbackResponse answer(const LoopbackRequest& request);
-  void pause(std::chrono::milliseconds delay);
-
-  std::unique_ptr<httplib::Server> server_;
-  std::thread thread_;
-  int port_ = 0;
 
   mutable std::mutex mutex_;
   mutable std::condition_variable changed_;
   Handler handler_;                        // guarded by mutex_
   std::deque<LoopbackResponse> canned_;    // guarded by mutex_
   std::vector<LoopbackRequest> requests_;  // guarded by mutex_
-  bool stopping_ = false;                  // guarded by mutex_
+  // Last, so that it stops (joining its threads, which use the above) first.
+  std::unique_ptr<ZVRawServer> server_;
 };
 
 }  // namespace zvtest

@@ -33,7 +33,7 @@ int ProcessResult::exitCode() const {
 }
 
 pid_t spawnProcess(const std::vector<std::string>& argv, int outFd, int errFd,
-                   const std::vector<std::string>& environment) {
+                   const std::vector<std::string>& environment, int inFd) {
   std::vector<char*> args, env;
   for (const auto& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
   for (const auto& entry : environment) env.push_back(const_cast<char*>(entry.c_str()));
@@ -42,7 +42,10 @@ pid_t spawnProcess(const std::vector<std::string>& argv, int outFd, int errFd,
 
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+  if (inFd >= 0)
+    posix_spawn_file_actions_adddup2(&actions, inFd, STDIN_FILENO);
+  else
+    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
   if (outFd >= 0) posix_spawn_file_actions_adddup2(&actions, outFd, STDOUT_FILENO);
   if (errFd >= 0) posix_spawn_file_actions_adddup2(&actions, errFd, STDERR_FILENO);
   pid_t pid = -1;

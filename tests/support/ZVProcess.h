@@ -21,10 +21,11 @@ struct ProcessResult {
 };
 
 /// Starts `argv[0]` with `argv`; stdout and stderr go to the given
-/// descriptors (-1: ours). An empty `environment` passes ours on; otherwise it
-/// is the child's whole environment ("NAME=value" entries). -1 on failure.
+/// descriptors (-1: ours), stdin comes from `inFd` (-1: /dev/null). An empty
+/// `environment` passes ours on; otherwise it is the child's whole
+/// environment ("NAME=value" entries). -1 on failure.
 pid_t spawnProcess(const std::vector<std::string>& argv, int outFd = -1, int errFd = -1,
-                   const std::vector<std::string>& environment = {});
+                   const std::vector<std::string>& environment = {}, int inFd = -1);
 
 /// Waits for `pid` until `limit`, then kills it.
 ProcessResult waitProcess(pid_t pid, std::chrono::milliseconds limit);

@@ -1,17 +1,12 @@
 #include "ZVRawServer.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <strings.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
-#include <stdexcept>
 
 #include "ZVLoopbackSocket.h"
 
@@ -42,13 +37,7 @@ size_t requestLength(const std::string& data) {
 
 }  // namespace
 
-ZVRawServer::ZVRawServer(RawScript script) : script_(std::move(script)) {
-  listener_ = listenOnLoopback(port_, "raw server");
-  acceptor_ = std::thread([this] { acceptLoop(); });
-}
-
-ZVRawServer::ZVRawServer(std::function<RawScript(const std::string&)> scripter)
-    : scripter_(std::move(scripter)) {
+ZVRawServer::ZVRawServer(Scripter scripter) : scripter_(std::move(scripter)) {
   listener_ = listenOnLoopback(port_, "raw server");
   acceptor_ = std::thread([this] { acceptLoop(); });
 }
@@ -106,6 +95,9 @@ void ZVRawServer::acceptLoop() {
 void ZVRawServer::serve(int socket) {
   const int one = 1;
   ::setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+  sockaddr_in client{};
+  socklen_t clientLength = sizeof client;
+  ::getpeername(socket, reinterpret_cast<sockaddr*>(&client), &clientLength);
   std::string received;
   char buffer[4096];
   RawScript::End end = RawScript::End::Next;
@@ -122,8 +114,11 @@ void ZVRawServer::serve(int socket) {
       peerGone = true;
       break;
     }
-    const RawScript script = scripter_ ? scripter_(received.substr(0, length)) : script_;
+    const RawScript script = scripter_(received.substr(0, length), ntohs(client.sin_port));
     received.erase(0, length);
+    for (auto waited = std::chrono::milliseconds(0); !stopping_ && waited < script.delay;
+         waited += std::chrono::milliseconds(kPollMs))
+      std::this_thread::sleep_for(std::chrono::milliseconds(kPollMs));
     end = script.end;
     const std::string& bytes = script.bytes;
     const size_t step = script.byteInterval.count() > 0 ? 1 : bytes.size();

@@ -28,6 +28,8 @@ struct RawScript {
   /// Above zero: the bytes go out one at a time, this far apart.
   std::chrono::milliseconds byteInterval{0};
   End end = End::Close;
+  /// Wait this long before writing (cut short when the server stops).
+  std::chrono::milliseconds delay{0};
 };
 
 /// Serves `script` to every connection, each on a thread of its own, from
@@ -37,11 +39,19 @@ struct RawScript {
 /// Every member is safe from any thread.
 class ZVRawServer {
  public:
-  explicit ZVRawServer(RawScript script);
+  /// What to write for a request (head and body, as received) that came
+  /// from the client's port `clientPort`.
+  using Scripter = std::function<RawScript(const std::string& request, int clientPort)>;
+
+  explicit ZVRawServer(RawScript script)
+      : ZVRawServer([script](const std::string&) { return script; }) {}
   /// Answers each request (head and body, as received) with the script that
   /// `scripter` makes of it; a script ending in `Next` keeps the connection
   /// for the next request. Called on the connections' threads.
-  explicit ZVRawServer(std::function<RawScript(const std::string& request)> scripter);
+  explicit ZVRawServer(std::function<RawScript(const std::string& request)> scripter)
+      : ZVRawServer(
+            Scripter([scripter](const std::string& request, int) { return scripter(request); })) {}
+  explicit ZVRawServer(Scripter scripter);
   ~ZVRawServer();
   ZVRawServer(const ZVRawServer&) = delete;
   ZVRawServer& operator=(const ZVRawServer&) = delete;
@@ -63,8 +73,7 @@ class ZVRawServer {
   void serve(int socket);
   bool waitReadable(int socket);
 
-  const RawScript script_;
-  const std::function<RawScript(const std::string&)> scripter_;
+  const Scripter scripter_;
   int listener_ = -1;
   int port_ = 0;
   std::atomic<bool> stopping_{false};

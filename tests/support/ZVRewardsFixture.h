@@ -206,7 +206,7 @@ inline bool waitForAll(Completions& completions,
 }
 
 /// Declared after a loopback server, closes the SDK's kept-alive connections
-/// first, so that the server does not wait out their keep-alive on its way down.
+/// first, so that none of them outlives the test that opened it.
 struct CloseConnectionsFirst {
   ~CloseConnectionsFirst() { ZVGenericRequestManager::instance()->setTransport(nullptr); }
 };
@@ -229,8 +229,8 @@ class RewardsTest : public ::testing::Test {
     // Let every delivery of the test run before the next test starts.
     drainUntil([] { return ZVGenericRequestManager::instance()->requestsInFlight() == 0; });
     ZVMainQueue::shared()->drain();
-    // A fresh transport closes the kept-alive connections, so the server's
-    // workers need not wait out their keep-alive timeout when it stops.
+    // A fresh transport closes the kept-alive connections: none of them
+    // outlives the test that opened it.
     ZVGenericRequestManager::instance()->setTransport(ZVMakeCurlTransport());
     ZVClock::setSource({});
     ZVLogger::instance()->setSink({});
