@@ -14,6 +14,7 @@
 #include <ZorvaneCoreKit/ZVJSON.h>
 #include <ZorvaneCoreKit/ZVLogger.h>
 #include <ZorvaneCoreKit/ZVMainQueue.h>
+#include <ZorvaneCoreKit/Zorvane.h>
 #include <ZorvaneRewardsKit/ZVRewardsConstants.h>
 #include <ZorvaneRewardsKit/ZVRewardsManager.h>
 #include "http/ZVGenericRequest.h"
@@ -31,9 +32,21 @@ std::string asAnswerBody(std::string body) {
 
 namespace {
 
+// The largest catalogues are above the SDK's default answer size limit, as
+// a host serving them would raise it.
+constexpr size_t kMaxAnswerBytes = size_t{1} << 30;
+
 ZVOfferArrayPtr decode(std::string& body, bool dropBody) {
+  static const bool configured = [] {
+    ZVConfiguration configuration = Zorvane::configuration();
+    configuration.maxResponseBytes = kMaxAnswerBytes;
+    Zorvane::configure(configuration);
+    return true;
+  }();
+  (void)configured;
   // What the request manager does with an answer body...
-  ZVJSONParseResult parsed = ZVJSONParse(body);
+  ZVJSONParseResult parsed =
+      ZVJSONParse(body, {.maxValueBytes = ZVJSONMemoryForAnswer(kMaxAnswerBytes)});
   if (dropBody) std::string().swap(body);
   ZVDictionaryPtr dict = parsed.value.dictionary();
   if (!dict) return nullptr;

@@ -36,6 +36,7 @@ enum class Kind : uint8_t {
   Error,
   Notification,
   OrderRequest,
+  CancelScope,
 };
 
 /// One live handle: its object, its reference count and the strings handed

@@ -92,6 +92,26 @@ zvr_result zvr_order_request_set_shipping_address(zvr_order_request request,
   });
 }
 
+zvr_result zvr_order_request_set_idempotency_key(zvr_order_request request, const char* key) {
+  // Checked here rather than when placing, so that a bad key is the host's
+  // error result at once; the rule is the request layer's.
+  if (key != nullptr) {
+    const size_t length = std::strlen(key);
+    if (length == 0 || length > 255) return ZVR_E_INVALID_ARGUMENT;
+    for (size_t i = 0; i < length; ++i)
+      if (key[i] < 0x21 || key[i] > 0x7E) return ZVR_E_INVALID_ARGUMENT;
+  }
+  return change(request, [&](ZVOrderRequest& r) { r.setIdempotencyKey(copied(key)); });
+}
+
+zvr_result zvr_order_request_get_idempotency_key(zvr_order_request request, const char** out) {
+  return readRecord<ZVOrderRequest>(
+      request, Kind::OrderRequest, out,
+      [](const ZVOrderRequest& r, Slot& slot, const char** o) -> zvr_result {
+        return optionalText(slot, kKeyField, r.idempotencyKey(), o);
+      });
+}
+
 zvr_result zvr_order_request_get_json(zvr_order_request request, const char** out) {
   if (out == nullptr) return ZVR_E_INVALID_ARGUMENT;
   *out = nullptr;

@@ -131,6 +131,9 @@ zvr_result zvr_error_get_raw_json(zvr_error error, const char** out) {
 zvr_result zvr_error_get_description(zvr_error error, const char** out) {
   return description<ZVError>(error, Kind::Error, out);
 }
+zvr_result zvr_error_get_attempts(zvr_error error, int32_t* out) {
+  return number<ZVError>(error, Kind::Error, out, &ZVError::attempts);
+}
 
 // ---- Offers ------------------------------------------------------------------
 

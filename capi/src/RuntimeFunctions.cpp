@@ -8,6 +8,7 @@
 
 #include "Boundary.h"
 #include "Callbacks.h"
+#include "Lifetimes.h"
 
 using namespace zvr;
 
@@ -87,8 +88,9 @@ zvr_result zvr_handle_count(uint32_t* out) {
 
 zvr_result zvr_main_queue_drain(uint32_t* outRan) {
   if (outRan) *outRan = 0;
-  // Tasks log (the offers delivery); inside a sink that would deadlock.
-  if (tInsideLogSink) return ZVR_E_BUSY;
+  // Tasks log (the offers delivery); inside a sink that would deadlock. The
+  // wake-up hook may be inside the call that started an operation.
+  if (tInsideLogSink || insideWakeUp()) return ZVR_E_BUSY;
   return guarded([&]() -> zvr_result {
     const size_t ran = ZVMainQueue::shared()->drain();
     if (outRan) *outRan = static_cast<uint32_t>(ran);
@@ -99,7 +101,7 @@ zvr_result zvr_main_queue_drain(uint32_t* outRan) {
 zvr_result zvr_main_queue_run_until(zvr_predicate done, void* user, int64_t timeoutMs,
                                     int32_t* outDone) {
   if (outDone) *outDone = 0;
-  if (tInsideLogSink) return ZVR_E_BUSY;
+  if (tInsideLogSink || insideWakeUp()) return ZVR_E_BUSY;
   return guarded([&]() -> zvr_result {
     const bool held =
         ZVMainQueue::shared()->runUntil([done, user] { return done != nullptr && done(user) != 0; },

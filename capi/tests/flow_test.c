@@ -139,6 +139,140 @@ static long long parse_sum(const char** p) {
   return value;
 }
 
+/* ---- Cancellation, keys and limits ------------------------------------------- */
+
+static void check_error(zvr_error error, int64_t type, const char* code, int32_t attempts) {
+  int64_t actual_type = 0;
+  int32_t actual_attempts = -1;
+  const char* actual_code = NULL;
+  CHECK_RESULT(ZVR_OK, zvr_error_get_type(error, &actual_type));
+  CHECK_RESULT(ZVR_OK, zvr_error_get_code(error, &actual_code));
+  CHECK_RESULT(ZVR_OK, zvr_error_get_attempts(error, &actual_attempts));
+  CHECK(actual_type == type && actual_attempts == attempts);
+  CHECK_TEXT(code, actual_code);
+}
+
+/* Waits, without running the queue, until a task is queued on it. */
+static void wait_for_queued_task(void) {
+  uint32_t pending = 0;
+  for (int i = 0; i < 20000 && pending == 0; ++i) {
+    const struct timespec tick = {0, 1000 * 1000};
+    nanosleep(&tick, NULL);
+    zvr_main_queue_get_pending_count(&pending);
+  }
+  CHECK(pending > 0);
+}
+
+/* Cancelled with the request in flight, then with the outcome already
+ * queued: either way the callback comes once, on the main queue, cancelled. */
+static void check_scope_cancels(const notifications* seen) {
+  zvr_cancel_scope scope = NULL;
+  CHECK_RESULT(ZVR_OK, zvr_cancel_scope_create(&scope));
+  const int notified = seen->orders;
+  for (int queued = 0; queued < 2; ++queued) {
+    outcome cancelled;
+    memset(&cancelled, 0, sizeof cancelled);
+    CHECK_RESULT(ZVR_OK, zvr_rewards_fetch_orders_in_scope(scope, on_orders, &cancelled));
+    if (queued) wait_for_queued_task();
+    CHECK_RESULT(ZVR_OK, zvr_cancel_scope_cancel(scope));
+    CHECK(cancelled.calls == 0);
+    settle(&cancelled);
+    CHECK(cancelled.result == NULL);
+    check_error(cancelled.error, ZVR_ERROR_TYPE_CANCELLED, "ZVErrorCancelled", 0);
+    forget(&cancelled);
+  }
+  CHECK(seen->orders == notified); /* and no notification */
+  zvr_release(scope);
+}
+
+static int64_t available_after(outcome* placed) {
+  zvr_order_user user = NULL;
+  int64_t available = -1;
+  CHECK(placed->error == NULL);
+  CHECK_RESULT(ZVR_OK, zvr_order_get_user(placed->result, &user));
+  CHECK_RESULT(ZVR_OK, zvr_order_user_get_available_points(user, &available));
+  zvr_release(user);
+  return available;
+}
+
+/* The same key twice: the service answers the first order again, and the
+ * balance drops once, as the next order shows. */
+static void check_idempotency_key(int64_t balance) {
+  outcome first, again, next;
+  memset(&first, 0, sizeof first);
+  again = next = first;
+  zvr_order_request request = NULL;
+  CHECK_RESULT(ZVR_OK, zvr_order_request_create("101", 1, &request));
+  CHECK_RESULT(ZVR_OK, zvr_order_request_set_idempotency_key(request, "flow-order-101"));
+  CHECK_RESULT(ZVR_OK, zvr_rewards_place_order(request, on_order, &first));
+  settle(&first);
+  CHECK_RESULT(ZVR_OK, zvr_rewards_place_order(request, on_order, &again));
+  settle(&again);
+  const char *first_id = NULL, *again_id = NULL;
+  CHECK_RESULT(ZVR_OK, zvr_order_get_id(first.result, &first_id));
+  CHECK_RESULT(ZVR_OK, zvr_order_get_id(again.result, &again_id));
+  CHECK(first_id != NULL && again_id != NULL && strcmp(first_id, again_id) == 0);
+  CHECK(available_after(&first) == balance - 150 && available_after(&again) == balance - 150);
+  CHECK_RESULT(ZVR_OK, zvr_order_request_set_offer_id(request, "110"));
+  CHECK_RESULT(ZVR_OK, zvr_order_request_set_idempotency_key(request, NULL));
+  CHECK_RESULT(ZVR_OK, zvr_rewards_place_order(request, on_order, &next));
+  settle(&next);
+  CHECK(available_after(&next) == balance - 150 - 30);
+  zvr_release(request);
+  forget(&first);
+  forget(&again);
+  forget(&next);
+}
+
+/* One request at a time: the calls made while one is in flight fail at once,
+ * unsent (the first may be refused too: the previous call counts until just
+ * after its outcome is queued). A header limit fails the answer. */
+static void check_limits(zvr_configuration configuration) {
+  configuration.max_requests_in_flight = 1;
+  CHECK_RESULT(ZVR_OK, zvr_configure(&configuration));
+  outcome calls[3];
+  memset(calls, 0, sizeof calls);
+  for (int i = 0; i < 3; ++i) CHECK_RESULT(ZVR_OK, zvr_rewards_fetch_orders(on_orders, &calls[i]));
+  int refused = 0;
+  for (int i = 0; i < 3; ++i) {
+    settle(&calls[i]);
+    if (calls[i].error == NULL) continue;
+    check_error(calls[i].error, ZVR_ERROR_TYPE_TRANSPORT, "ZVErrorTooManyRequests", 0);
+    ++refused;
+  }
+  CHECK(refused >= 2);
+  for (int i = 0; i < 3; ++i) forget(&calls[i]);
+
+  configuration.max_requests_in_flight = 0;
+  configuration.max_header_bytes = 64;
+  CHECK_RESULT(ZVR_OK, zvr_configure(&configuration));
+  outcome cut;
+  memset(&cut, 0, sizeof cut);
+  CHECK_RESULT(ZVR_OK, zvr_rewards_fetch_orders(on_orders, &cut));
+  settle(&cut);
+  check_error(cut.error, ZVR_ERROR_TYPE_INVALID_ANSWER, "ZVErrorAnswerTooLarge", 1);
+  forget(&cut);
+  configuration.max_header_bytes = 0;
+  CHECK_RESULT(ZVR_OK, zvr_configure(&configuration));
+}
+
+/* Shutdown with a request in flight calls it back, cancelled, before it
+ * returns; then the SDK works again, on a new transport. */
+static void check_shutdown_and_reuse(void) {
+  outcome dropped, later;
+  memset(&dropped, 0, sizeof dropped);
+  later = dropped;
+  CHECK_RESULT(ZVR_OK, zvr_rewards_fetch_orders(on_orders, &dropped));
+  CHECK_RESULT(ZVR_OK, zvr_shutdown());
+  CHECK(dropped.calls == 1 && dropped.on_main_thread);
+  check_error(dropped.error, ZVR_ERROR_TYPE_CANCELLED, "ZVErrorCancelled", 0);
+  CHECK_RESULT(ZVR_OK, zvr_rewards_fetch_orders(on_orders, &later));
+  settle(&later);
+  CHECK(later.error == NULL && later.result != NULL);
+  forget(&dropped);
+  forget(&later);
+}
+
 /* ---- The flow --------------------------------------------------------------- */
 
 /* The offer of `list` whose id is `id` (a new reference), or NULL. */
@@ -320,6 +454,9 @@ int main(int argc, char** argv) {
   CHECK_RESULT(ZVR_OK, zvr_order_list_get_json(orders.result, &listed));
   CHECK(listed != NULL && order_id != NULL && strstr(listed, order_id) != NULL);
 
+  check_scope_cancels(&seen);
+  check_idempotency_key(available);
+
   /* A refusal: more points than the balance. Failure notification, then callback. */
   zvr_order_request too_dear = NULL;
   CHECK_RESULT(ZVR_OK, zvr_order_request_create("111", 1, &too_dear));
@@ -340,6 +477,8 @@ int main(int argc, char** argv) {
   /* After unsubscribing, nothing more arrives; clearing empties the state. */
   CHECK_RESULT(ZVR_OK, zvr_notifications_unsubscribe(subscription));
   CHECK_RESULT(ZVR_OK, zvr_logger_set_sink(NULL, NULL));
+  check_limits(configuration);
+  check_shutdown_and_reuse();
   CHECK_RESULT(ZVR_OK, zvr_rewards_clear_user_state());
   zvr_offer_list state = NULL;
   uint32_t state_count = 1;

@@ -5,6 +5,7 @@
  * service: validation failures are delivered without sending anything. */
 #include <pthread.h>
 #include <stdatomic.h>
+#include <stddef.h>
 #include <stdlib.h>
 #include <time.h>
 
@@ -34,6 +35,9 @@ static void check_null_and_made_up_handles(void) {
     CHECK_RESULT(expected[i], zvr_skill_challenge_get_id((zvr_skill_challenge)bad[i], &text));
     CHECK_RESULT(expected[i], zvr_notification_get_name((zvr_notification)bad[i], &text));
     CHECK_RESULT(expected[i], zvr_order_request_set_email((zvr_order_request)bad[i], "a@b.c"));
+    CHECK_RESULT(expected[i], zvr_cancel_scope_cancel((zvr_cancel_scope)bad[i]));
+    CHECK_RESULT(expected[i],
+                 zvr_rewards_fetch_orders_in_scope((zvr_cancel_scope)bad[i], NULL, NULL));
     CHECK_RESULT(expected[i], zvr_retain(bad[i]));
     CHECK_RESULT(expected[i], zvr_release(bad[i]));
   }
@@ -45,6 +49,7 @@ static void check_released_and_mistyped_handles(void) {
   CHECK_RESULT(ZVR_OK, zvr_order_request_create("12", 1, &request));
   /* A handle of another kind is refused, not misread. */
   CHECK_RESULT(ZVR_E_WRONG_HANDLE_TYPE, zvr_offer_get_id((zvr_offer)request, &json));
+  CHECK_RESULT(ZVR_E_WRONG_HANDLE_TYPE, zvr_cancel_scope_cancel((zvr_cancel_scope)request));
   CHECK_RESULT(ZVR_E_INVALID_ARGUMENT, zvr_order_request_get_json(request, NULL));
 
   /* A retained handle survives one release, and its texts with it. */
@@ -101,6 +106,13 @@ static void check_versioned_structs(void) {
   CHECK_RESULT(ZVR_OK, zvr_configure(&newer.known));
   newer.newer_field = 1;
   CHECK_RESULT(ZVR_E_UNSUPPORTED_STRUCT, zvr_configure(&newer.known));
+
+  configuration.struct_size = sizeof configuration;
+  configuration.retry_base_delay_ms = -1;
+  CHECK_RESULT(ZVR_E_INVALID_ARGUMENT, zvr_configure(&configuration));
+  configuration.retry_base_delay_ms = 0;
+  configuration.retry_max_attempts = (int64_t)INT32_MAX + 1;
+  CHECK_RESULT(ZVR_E_INVALID_ARGUMENT, zvr_configure(&configuration));
 
   zvr_order_request request = NULL;
   zvr_address_fields address = ZVR_ADDRESS_FIELDS_INIT;
@@ -235,6 +247,246 @@ static void check_log_sink(void) {
   while (ran > 0);
 }
 
+/* ---- Requests: retries and idempotency keys ------------------------------------ */
+
+static int orders_ended = 0;
+static int32_t orders_attempts = -1;
+static void ZVR_CALL on_orders_failed(zvr_order_list orders, zvr_error error, void* user) {
+  (void)user;
+  CHECK(orders == NULL && error != NULL);
+  int64_t type = 0;
+  CHECK_RESULT(ZVR_OK, zvr_error_get_type(error, &type));
+  CHECK(type == ZVR_ERROR_TYPE_TRANSPORT);
+  CHECK_RESULT(ZVR_OK, zvr_error_get_attempts(error, &orders_attempts));
+  ++orders_ended;
+}
+
+static int32_t ZVR_CALL orders_ended_after(void* user) {
+  return orders_ended > *(const int*)user;
+}
+
+/* Nothing listens on port 1: each attempt is refused at once. A struct of the
+ * first version is read without the retry fields that lie past its size. */
+static void check_retries(void) {
+  zvr_configuration configuration = ZVR_CONFIGURATION_INIT;
+  configuration.service_host = "http://127.0.0.1:1";
+  configuration.app_id = "app";
+  configuration.allow_insecure_http = 1;
+  configuration.retry_max_attempts = 3;
+  configuration.retry_base_delay_ms = 1;
+  const uint32_t sizes[] = {sizeof configuration, offsetof(zvr_configuration, max_header_bytes)};
+  const int32_t attempts[] = {3, 1};
+  for (int i = 0; i < 2; ++i) {
+    configuration.struct_size = sizes[i];
+    CHECK_RESULT(ZVR_OK, zvr_configure(&configuration));
+    const int before = orders_ended;
+    CHECK_RESULT(ZVR_OK, zvr_rewards_fetch_orders(on_orders_failed, NULL));
+    int32_t done = 0;
+    CHECK_RESULT(ZVR_OK,
+                 zvr_main_queue_run_until(orders_ended_after, (void*)&before, 20000, &done));
+    CHECK(done && orders_ended == before + 1);
+    CHECK(orders_attempts == attempts[i]);
+  }
+}
+
+static void check_idempotency_keys(void) {
+  char longest[256], too_long[257];
+  memset(longest, 'k', 255);
+  longest[255] = '\0';
+  memset(too_long, 'k', 256);
+  too_long[256] = '\0';
+  const struct {
+    const char* key;
+    zvr_result expected;
+  } cases[] = {{"order-2f9c81e0-user-42", ZVR_OK},
+               {"!~", ZVR_OK},
+               {longest, ZVR_OK},
+               {"", ZVR_E_INVALID_ARGUMENT},
+               {too_long, ZVR_E_INVALID_ARGUMENT},
+               {"two words", ZVR_E_INVALID_ARGUMENT},
+               {"tab\t", ZVR_E_INVALID_ARGUMENT},
+               {"del\x7f", ZVR_E_INVALID_ARGUMENT},
+               {"caf\xc3\xa9", ZVR_E_INVALID_ARGUMENT}};
+  zvr_order_request request = NULL;
+  const char *key = NULL, *json = NULL;
+  CHECK_RESULT(ZVR_OK, zvr_order_request_create("101", 1, &request));
+  CHECK_RESULT(ZVR_OK, zvr_order_request_get_idempotency_key(request, &key));
+  CHECK(key == NULL);
+  const char* kept = NULL;
+  for (size_t i = 0; i < sizeof cases / sizeof cases[0]; ++i) {
+    CHECK_RESULT(cases[i].expected, zvr_order_request_set_idempotency_key(request, cases[i].key));
+    if (cases[i].expected == ZVR_OK) kept = cases[i].key;
+    CHECK_RESULT(ZVR_OK, zvr_order_request_get_idempotency_key(request, &key));
+    CHECK_TEXT(kept, key); /* a refused key leaves the request as it was */
+  }
+  /* The key travels in a header, never in the body. */
+  CHECK_RESULT(ZVR_OK, zvr_order_request_get_json(request, &json));
+  CHECK(json != NULL && strstr(json, "kkkk") == NULL);
+  CHECK_RESULT(ZVR_OK, zvr_order_request_set_idempotency_key(request, NULL));
+  CHECK_RESULT(ZVR_OK, zvr_order_request_get_idempotency_key(request, &key));
+  CHECK(key == NULL);
+  zvr_release(request);
+}
+
+/* ---- Cancellation, the wake-up hook and shutdown --------------------------------- */
+
+typedef struct {
+  atomic_int calls, cancelled;
+  pthread_t thread;
+} ended;
+
+static atomic_int inside_cancelling_call;
+
+static void ZVR_CALL on_ended(zvr_skill_challenge challenge, zvr_error error, void* user) {
+  ended* e = user;
+  int64_t type = 0;
+  const char* code = NULL;
+  CHECK(challenge == NULL && !atomic_load(&inside_cancelling_call));
+  CHECK_RESULT(ZVR_OK, zvr_error_get_type(error, &type));
+  if (type == ZVR_ERROR_TYPE_CANCELLED) {
+    CHECK_RESULT(ZVR_OK, zvr_error_get_code(error, &code));
+    CHECK_TEXT("ZVErrorCancelled", code);
+    atomic_fetch_add(&e->cancelled, 1);
+  }
+  e->thread = pthread_self();
+  atomic_fetch_add(&e->calls, 1);
+}
+
+static void drain_all(void) {
+  uint32_t ran = 0;
+  do CHECK_RESULT(ZVR_OK, zvr_main_queue_drain(&ran));
+  while (ran > 0);
+}
+
+/* A validation failure (no offer id) is queued before its call returns: a
+ * delivery already waiting when the cancellation comes. */
+static zvr_result fail_in(zvr_cancel_scope scope, ended* e) {
+  return scope ? zvr_rewards_answer_skill_question_in_scope(scope, NULL, "q", "3", on_ended, e)
+               : zvr_rewards_answer_skill_question(NULL, "q", "3", on_ended, e);
+}
+
+static void cancel_all_inside(void) {
+  CHECK_RESULT(ZVR_OK, zvr_rewards_cancel_all());
+}
+
+static void check_cancellation(void) {
+  zvr_cancel_scope scope = NULL, other = NULL;
+  ended a, b, c;
+  memset(&a, 0, sizeof a);
+  b = c = a;
+  CHECK_RESULT(ZVR_OK, zvr_cancel_scope_create(&scope));
+  CHECK_RESULT(ZVR_OK, zvr_cancel_scope_create(&other));
+  CHECK_RESULT(ZVR_OK, fail_in(scope, &a));
+  CHECK_RESULT(ZVR_OK, fail_in(other, &b));
+  CHECK_RESULT(ZVR_OK, fail_in(NULL, &c));
+  uint32_t pending = 0;
+  CHECK_RESULT(ZVR_OK, zvr_cancel_scope_get_pending_count(scope, &pending));
+  CHECK(pending == 1);
+  /* Cancelled by the scope and by the last release; never inside those calls. */
+  atomic_store(&inside_cancelling_call, 1);
+  CHECK_RESULT(ZVR_OK, zvr_cancel_scope_cancel(scope));
+  CHECK_RESULT(ZVR_OK, zvr_release(other));
+  atomic_store(&inside_cancelling_call, 0);
+  CHECK_RESULT(ZVR_OK, zvr_cancel_scope_get_pending_count(scope, &pending));
+  CHECK(pending == 0 && a.calls == 0 && b.calls == 0);
+  drain_all();
+  CHECK(a.calls == 1 && a.cancelled == 1 && b.calls == 1 && b.cancelled == 1);
+  CHECK(c.calls == 1 && c.cancelled == 0);
+
+  /* The scope stays usable; cancel-all reaches operations in a scope and not. */
+  CHECK_RESULT(ZVR_OK, fail_in(scope, &a));
+  CHECK_RESULT(ZVR_OK, fail_in(NULL, &c));
+  atomic_store(&inside_cancelling_call, 1);
+  cancel_all_inside();
+  atomic_store(&inside_cancelling_call, 0);
+  drain_all();
+  CHECK(a.calls == 2 && a.cancelled == 2 && c.calls == 2 && c.cancelled == 1);
+
+  /* A released scope starts nothing, and no callback comes. */
+  CHECK_RESULT(ZVR_OK, zvr_release(scope));
+  CHECK_RESULT(ZVR_E_INVALID_HANDLE, fail_in(scope, &a));
+  drain_all();
+  CHECK(a.calls == 2);
+}
+
+/* Cancelling on one thread while another drains: each callback once. */
+static zvr_cancel_scope raced_scope;
+static ended raced;
+static void* start_and_cancel(void* unused) {
+  (void)unused;
+  for (int i = 0; i < 300; ++i) {
+    CHECK_RESULT(ZVR_OK, fail_in(raced_scope, &raced));
+    if (i % 3 != 2) CHECK_RESULT(ZVR_OK, zvr_cancel_scope_cancel(raced_scope));
+  }
+  return NULL;
+}
+
+static void check_cancellation_race(void) {
+  CHECK_RESULT(ZVR_OK, zvr_cancel_scope_create(&raced_scope));
+  pthread_t thread;
+  pthread_create(&thread, NULL, start_and_cancel, NULL);
+  while (atomic_load(&raced.calls) < 300) zvr_main_queue_drain(NULL);
+  pthread_join(thread, NULL);
+  drain_all();
+  CHECK(raced.calls == 300 && raced.cancelled >= 100);
+  zvr_release(raced_scope);
+}
+
+typedef struct {
+  atomic_int calls, off_main;
+} wakeups;
+
+static void ZVR_CALL on_wakeup(void* user) {
+  wakeups* w = user;
+  atomic_fetch_add(&w->calls, 1);
+  if (!pthread_equal(pthread_self(), main_thread)) atomic_fetch_add(&w->off_main, 1);
+  /* It may be inside the call that started an operation. */
+  CHECK_RESULT(ZVR_E_BUSY, zvr_main_queue_drain(NULL));
+  CHECK_RESULT(ZVR_E_BUSY, zvr_rewards_cancel_all());
+  CHECK_RESULT(ZVR_E_BUSY, zvr_shutdown());
+}
+
+static ended from_thread;
+static void* fail_from_thread(void* unused) {
+  (void)unused;
+  CHECK_RESULT(ZVR_OK, fail_in(NULL, &from_thread));
+  return NULL;
+}
+
+static void check_wakeup_and_shutdown(void) {
+  wakeups w;
+  memset(&w, 0, sizeof w);
+  CHECK_RESULT(ZVR_OK, zvr_main_queue_set_wakeup(on_wakeup, &w));
+  pthread_t thread;
+  pthread_create(&thread, NULL, fail_from_thread, NULL);
+  pthread_join(thread, NULL);
+  CHECK(w.calls == 1 && w.off_main == 1); /* on the thread that queued */
+  drain_all();
+  CHECK(from_thread.calls == 1);
+
+  /* Shutdown: the queued delivery is cancelled and called back before it
+   * returns, on this thread; the hook is gone; the SDK works again. */
+  ended e;
+  memset(&e, 0, sizeof e);
+  CHECK_RESULT(ZVR_OK, fail_in(NULL, &e));
+  CHECK(w.calls == 2 && e.calls == 0);
+  CHECK_RESULT(ZVR_OK, zvr_shutdown());
+  CHECK(e.calls == 1 && e.cancelled == 1 && pthread_equal(e.thread, main_thread));
+  uint32_t ran = 1;
+  CHECK_RESULT(ZVR_OK, zvr_main_queue_drain(&ran));
+  CHECK(ran == 0);
+  CHECK_RESULT(ZVR_OK, fail_in(NULL, &e));
+  drain_all();
+  CHECK(w.calls == 2 && e.calls == 2 && e.cancelled == 1);
+
+  /* Removed by NULL too. */
+  CHECK_RESULT(ZVR_OK, zvr_main_queue_set_wakeup(on_wakeup, &w));
+  CHECK_RESULT(ZVR_OK, zvr_main_queue_set_wakeup(NULL, NULL));
+  CHECK_RESULT(ZVR_OK, fail_in(NULL, &e));
+  drain_all();
+  CHECK(w.calls == 2 && e.calls == 3);
+}
+
 /* ---- Threads ------------------------------------------------------------------ */
 
 static zvr_order_request shared_request;
@@ -283,6 +535,11 @@ int main(void) {
   check_subscriptions();
   check_log_sink();
   check_threads();
+  check_idempotency_keys();
+  check_cancellation();
+  check_cancellation_race();
+  check_wakeup_and_shutdown();
+  check_retries();
 
   CHECK_RESULT(ZVR_OK, zvr_handle_count(&after));
   CHECK(after == before);

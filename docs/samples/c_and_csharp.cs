@@ -39,6 +39,7 @@ public partial class RewardsScreen
 {
     static string PlayerToken() { return "token"; }
     static void ShowError(string text) { Console.WriteLine(text); }
+    static void ForgetSaved(string key) { Console.WriteLine(key); }
     static void AddRow(string id, string name, long points) { Console.WriteLine(id + name + points); }
 
     //! [csharp_redeem]
@@ -70,4 +71,59 @@ public partial class RewardsScreen
     //! [csharp_redeem]
 
     static void AskPlayer(string question, Action<string> answered) { answered("42"); }
+}
+
+//! [csharp_close_screen]
+public class OffersPanel : MonoBehaviour
+{
+    // Owns what the panel starts. Disposed when the panel closes: the
+    // completions of what is still under way then never run.
+    private readonly Scope scope = new Scope();
+    public int Rows { get; private set; }
+
+    void OnEnable()
+    {
+        Rewards.FetchOffers(scope, (offers, error) =>
+        {
+            // Runs only while the panel is open: it may touch the panel.
+            if (error != null) { error.Dispose(); return; }
+            using (offers) Rows = offers.Count;
+        });
+    }
+
+    void Update() { MainQueue.Drain(); }
+
+    void OnDestroy() { scope.Dispose(); }
+}
+//! [csharp_close_screen]
+
+public class RewardsLifecycle : MonoBehaviour
+{
+    static void ShowError(string text) { Console.WriteLine(text); }
+    static void ForgetSaved(string key) { Console.WriteLine(key); }
+
+    //! [csharp_order_key]
+    // The key was saved with the order before its first placement; after a
+    // lost answer or a restart, placing it again with it charges once.
+    void PlaceSaved(string offerId, string savedKey)
+    {
+        using (var request = new OrderRequest(offerId, 1).WithIdempotencyKey(savedKey))
+            Rewards.PlaceOrder(request, (order, error) =>
+            {
+                using (order)
+                using (error)
+                {
+                    if (error != null && error.Type == ErrorType.Transport) return;  // unknown: keep the key
+                    ForgetSaved(savedKey);
+                    if (error != null) ShowError(error.Message);
+                }
+            });
+    }
+    //! [csharp_order_key]
+
+    //! [csharp_shutdown]
+    // Quitting, or unloading the plugin in the editor: every operation is
+    // cancelled (no completion runs), and the SDK lets go of the game's code.
+    void OnApplicationQuit() { Rewards.Shutdown(); }
+    //! [csharp_shutdown]
 }

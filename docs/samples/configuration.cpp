@@ -14,7 +14,7 @@ int main() {
   configuration.connectTimeout = std::chrono::seconds(5);
   configuration.requestTimeout = std::chrono::seconds(20);
   configuration.caFile = "/etc/my-app/private-ca.pem";  // extra CAs; verification stays on
-  configuration.maxResponseBytes = 8u << 20;            // refuse answers above 8 MiB
+  configuration.maxResponseBytes = 32u << 20;           // a catalogue of 20,000 offers
   Zorvane::configure(configuration);
   //! [configuration]
 

@@ -6,6 +6,7 @@
 
 #include "ZVRewardsRouting.h"
 #include "base/ZVUtil.h"
+#include "json/ZVJSONWrite.h"
 
 namespace {
 
@@ -168,10 +169,12 @@ void ZVRewardsManager::placeOrder(std::shared_ptr<ZVOrderRequest> order,
   body->setObject("order", order->asDictionary());
   builder->setBody(std::move(body));
   builder->setErrorMessageMaker([](const ZVGenericRequest&, const ZVDictionaryPtr& result) {
+    // Checked compactly, then quoted pretty-printed up to 16 KiB: indentation
+    // can make a nested body's text hundreds of times longer than the answer.
     std::string text;
-    if (!result || !ZVJSONSerialize(ZVJSONValue(result), true, text))
+    if (!result || !ZVJSONSerialize(ZVJSONValue(result), false, text))
       return std::string("Unknown error result");
-    return text;
+    return zv_detail::describeCapped(ZVJSONValue(result), 16 << 10);
   });
   routing.send(builder->build(), std::move(completionHandler));
 }

@@ -1,12 +1,19 @@
 #include "ZVRewardsRouting.h"
 
+#include <algorithm>
+#include <cstdint>
+#include <exception>
+#include <new>
+#include <optional>
 #include <type_traits>
+#include <utility>
 
 #include <ZorvaneCoreKit/ZVClock.h>
 #include <ZorvaneCoreKit/ZVIdentity.h>
 #include <ZorvaneCoreKit/ZVLogger.h>
 #include <ZorvaneCoreKit/ZVMainQueue.h>
 #include <ZorvaneCoreKit/ZVNotificationCenter.h>
+#include <ZorvaneCoreKit/Zorvane.h>
 #include <ZorvaneRewardsKit/ZVRewardsError.h>
 
 #include "base/ZVStrings.h"
@@ -30,17 +37,56 @@ bool isKnownKind(const std::string& kind) {
          kind == kKindAnswerSkillQuestion;
 }
 
-// One record per element of the array under `key` ("offers", "orders");
-// another type under the key gives an empty list.
+// Records one answer may produce, offers' options included: one per this
+// many bytes of the answer size limit. A catalogue takes about 560 bytes per
+// record, and a record a few hundred bytes of memory, however small its object.
+constexpr size_t kBytesPerRecord = 128;
+
+// Thrown while an answer becomes records, when it holds more than the limit.
+struct TooManyRecords {
+  size_t limit;
+};
+
+size_t recordLimit() {
+  const size_t bytes = Zorvane::configuration().maxResponseBytes;
+  return bytes == 0 ? SIZE_MAX : bytes / kBytesPerRecord;
+}
+
+// The records the objects of `list` make, counting past `counted`: one per
+// object, and for offers their options at every depth, as
+// `ZVOffer::parseOptions` builds them. Stops once past `limit`.
+size_t recordsIn(const ZVJSONValue& list, bool withOptions, size_t limit, size_t counted) {
+  const ZVArrayPtr array = list.array();
+  if (!array) return counted;
+  for (const ZVJSONValue& element : *array) {
+    const ZVDictionaryPtr object = element.dictionary();
+    if (!object) continue;
+    if (++counted > limit) return counted;
+    if (withOptions)
+      if (const ZVJSONValue* options = object->find("options"))
+        counted = recordsIn(*options, true, limit, counted);
+  }
+  return counted;
+}
+
+// One record per object of the array under `key` ("offers", "orders");
+// another type under the key gives an empty list, and elements that are not
+// objects (outside the contract) are skipped. Throws TooManyRecords before
+// building anything when the array holds more than the limit.
 template <class Record>
 std::shared_ptr<const ZVArray<Record>> recordsUnder(const ZVMutableDictionary& body,
                                                     std::string_view key) {
   std::vector<std::shared_ptr<Record>> list;
   if (const ZVJSONValue* value = body.find(key)) {
     if (const ZVArrayPtr array = value->array()) {
-      list.reserve(array->count());
+      const size_t limit = recordLimit();
+      if (recordsIn(*value, std::is_same_v<Record, ZVOffer>, limit, 0) > limit)
+        throw TooManyRecords{limit};
+      list.reserve(static_cast<size_t>(std::count_if(
+          array->begin(), array->end(), [](const ZVJSONValue& v) { return v.isDictionary(); })));
       for (const ZVJSONValue& element : *array)
-        list.push_back(Record::initMutableWithDictionary(element));
+        if (const ZVDictionaryPtr object = element.dictionary())
+          list.push_back(Record::initMutableWithDictionary(object));
     }
   }
   return std::make_shared<const ZVArray<Record>>(std::move(list));
@@ -58,6 +104,31 @@ std::shared_ptr<const ZVArray<Record>> reclaimedElsewhere(
     std::shared_ptr<const ZVArray<Record>> list) {
   if (list->size() < kReclaimedFrom) return list;
   return zv_detail::reclaimedElsewhere(std::move(list));
+}
+
+// The error of an answer that could not become records: the exception
+// being handled says why.
+ZVErrorPtr undecodableAnswer(const std::string& kind, const ZVGenericResponse* response) {
+  const std::string answer =
+      response ? "answer from " + response->url() : "answer to a " + kind + " request";
+  try {
+    throw;
+  } catch (const TooManyRecords& e) {
+    return std::make_shared<ZVError>(
+        ZVErrorTypeInvalidAnswer, ZVErrorAnswerTooLarge,
+        zv_detail::strCat(answer, " holds more than ", e.limit,
+                          " records (one per 128 bytes of maxResponseBytes)"));
+  } catch (const std::bad_alloc&) {
+    return std::make_shared<ZVError>(ZVErrorTypeInvalidAnswer, ZVErrorAnswerNotDecoded,
+                                     answer + " could not be turned into records: out of memory");
+  } catch (const std::exception& e) {
+    return std::make_shared<ZVError>(
+        ZVErrorTypeInvalidAnswer, ZVErrorAnswerNotDecoded,
+        zv_detail::strCat(answer, " could not be turned into records: ", e.what()));
+  } catch (...) {
+    return std::make_shared<ZVError>(ZVErrorTypeInvalidAnswer, ZVErrorAnswerNotDecoded,
+                                     answer + " could not be turned into records");
+  }
 }
 
 ZVJSONValue valueUnder(const ZVMutableDictionary& body, std::string_view key) {
@@ -88,18 +159,7 @@ void ZVRewardsRouting::send(std::shared_ptr<ZVGenericRequest> request,
           ZVDictionaryPtr /*body: read from the response instead*/) {
         // A cancelled operation's answer is dropped before any work on it.
         if (call.cancelled()) return;
-        try {
-          ZVRewardsRouting(*manager).requestKind(kind, std::move(response), std::move(error), call);
-        } catch (const std::exception& e) {
-          // No memory for the records, say: the handler still hears of it,
-          // unless its delivery was queued already.
-          ZVRewardsRouting(*manager).requestKind(
-              kind, nullptr,
-              std::make_shared<ZVError>(
-                  ZVErrorTypeTransport, ZVErrorTransportOther,
-                  zv_detail::strCat("could not handle the answer: ", e.what())),
-              call);
-        }
+        ZVRewardsRouting(*manager).requestKind(kind, std::move(response), std::move(error), call);
       });
 }
 
@@ -117,23 +177,35 @@ void ZVRewardsRouting::requestKind(const std::string& kind,
         manager);
     return;
   }
-  ZVDictionaryPtr body =
-      response && response->body() ? response->body()->mutableCopy() : ZVDictionaryPtr();
-  if (kind == kKindFetchRewardOffers) {
-    // The stamp records the answer's arrival, before its status is looked at;
-    // it is published with the catalogue it belongs to, never before.
-    arrival_ = ZVClock::now();
-    handleFetchRewardOffers(std::move(body), std::move(completionHandler));
-  } else if (kind == kKindPlaceOrder) {
-    handlePlaceRewardOrder(std::move(body), std::move(completionHandler));
-  } else if (kind == kKindFetchRewardOrders) {
-    handleFetchRewardOrders(std::move(body), std::move(completionHandler));
-  } else if (kind == kKindFetchSkillQuestion) {
-    handleFetchSkillQuestion(std::move(body), std::move(completionHandler));
-  } else if (kind == kKindAnswerSkillQuestion) {
-    handleAnswerSkillQuestion(std::move(body), std::move(completionHandler));
+  // Whatever is thrown while the answer becomes records (memory running out,
+  // too many records) fails the call instead of reaching the transport, which
+  // would drop the handler. Every handler queues its delivery last, so one
+  // that threw has queued nothing, and the call is delivered once either way.
+  const ZVRewardsCall call = completionHandler;
+  try {
+    ZVDictionaryPtr body =
+        response && response->body() ? response->body()->mutableCopy() : ZVDictionaryPtr();
+    if (kind == kKindFetchRewardOffers) {
+      // The stamp records the answer's arrival, before its status is looked
+      // at; it is published with the catalogue it belongs to, never before.
+      arrival_ = ZVClock::now();
+      handleFetchRewardOffers(std::move(body), std::move(completionHandler));
+    } else if (kind == kKindPlaceOrder) {
+      handlePlaceRewardOrder(std::move(body), std::move(completionHandler));
+    } else if (kind == kKindFetchRewardOrders) {
+      handleFetchRewardOrders(std::move(body), std::move(completionHandler));
+    } else if (kind == kKindFetchSkillQuestion) {
+      handleFetchSkillQuestion(std::move(body), std::move(completionHandler));
+    } else if (kind == kKindAnswerSkillQuestion) {
+      handleAnswerSkillQuestion(std::move(body), std::move(completionHandler));
+    }
+  } catch (...) {
+    try {
+      requestKind(kind, nullptr, undecodableAnswer(kind, response.get()), call);
+    } catch (...) {
+      // Not even the failure fits in memory: nothing more can be done here.
+    }
   }
-  // Any other kind is dropped on purpose: no handler runs, nothing is posted.
 }
 
 void ZVRewardsRouting::dispatchFailWithError(ZVErrorPtr error, const std::string& kind,
@@ -159,15 +231,29 @@ void ZVRewardsRouting::handleFetchRewardOffers(ZVDictionaryPtr body,
     return;
   }
   ZVOfferArrayPtr result = reclaimedElsewhere(recordsUnder<ZVOffer>(*body, "offers"));
+  ZVOfferArrayPtr previous;
+  double previousStamp = 0.0;
   {
     // The stamp and the catalogue together: a reader sees both or neither,
     // so a catalogue still being built is never served as fresh.
     std::lock_guard lock(manager_.state_->mutex);
     if (completionHandler.cancelled()) return;
-    manager_.state_->offers = result;
+    previous = std::exchange(manager_.state_->offers, result);
+    previousStamp = manager_.state_->lastRefreshTime;
     if (arrival_) manager_.state_->lastRefreshTime = *arrival_;
   }
-  dispatchOffers(std::move(result), std::move(completionHandler));
+  try {
+    dispatchOffers(result, std::move(completionHandler));
+  } catch (...) {
+    // The delivery could not be queued (no memory), so the call fails: the
+    // cache goes back to what it was, unless another answer replaced it since.
+    std::lock_guard lock(manager_.state_->mutex);
+    if (manager_.state_->offers == result) {
+      manager_.state_->offers = std::move(previous);
+      manager_.state_->lastRefreshTime = previousStamp;
+    }
+    throw;
+  }
 }
 
 void ZVRewardsRouting::dispatchOffers(ZVOfferArrayPtr offers, ZVRewardsCall completionHandler) {

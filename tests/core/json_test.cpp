@@ -57,11 +57,15 @@ TEST(JSONTest, BadInputIsAClearError) {
       "[1] x",
       R"({"a":})",
       "[1,]",
-      "\"\xff\"",                     // invalid UTF-8
-      "\"\xed\xa0\x80\"",             // encoded surrogate
-      "123456789012345678901234567",  // beyond 64 bits
-      "-9223372036854775809",
-      "1e400",
+      "\"\xff\"",          // invalid UTF-8
+      "\"\xed\xa0\x80\"",  // encoded surrogate
+      // Numbers beyond the ranges are read; malformed ones are not.
+      "01",
+      "[1.]",
+      "[-]",
+      "1e",
+      "[1e400x]",
+      "{\"a\":-01e400}",
       std::string("[\"a\0b\"]", 7),
       std::string(100000, '['),
   };
@@ -71,6 +75,36 @@ TEST(JSONTest, BadInputIsAClearError) {
     EXPECT_TRUE(result.value.isNil());
   }
   EXPECT_EQ(ZVJSONParse("\"\xff\"").error, "invalid JSON: The input is not valid UTF-8");
+}
+
+// Beyond the 64-bit types: the nearest double; beyond double's range:
+// infinity with its sign (below it, zero), in a container or on its own.
+TEST(JSONTest, NumbersBeyondTheRangesAreDoubles) {
+  const double inf = std::numeric_limits<double>::infinity();
+  struct Case {
+    std::string text;
+    double value;
+  } cases[] = {
+      {"123456789012345678901234567890", 1.2345678901234568e29},
+      {"-9223372036854775809", -9223372036854775808.0},
+      {"18446744073709551616", 18446744073709551616.0},
+      {"[-123456789012345678901234567890.5e-10]", -1.2345678901234568e19},
+      {"1e400", inf},
+      {"[-1E+400]", -inf},
+      {R"({"n": 0.00001e99999999999999999999})", inf},
+      {"[" + std::string(5000, '9') + "]", inf},
+      {"-0.0000001e-99999", -0.0},
+  };
+  for (const Case& c : cases) {
+    ZVJSONValue v = parse(c.text);
+    if (const ZVArrayPtr array = v.array()) v = (*array)[0];
+    if (const ZVDictionaryPtr object = v.dictionary()) v = object->objectForKey("n");
+    ASSERT_TRUE(v.isDouble()) << c.text.substr(0, 40);
+    EXPECT_EQ(v.doubleValue(), c.value) << c.text.substr(0, 40);
+    EXPECT_EQ(std::signbit(v.doubleValue()), std::signbit(c.value)) << c.text.substr(0, 40);
+  }
+  // One odd field does not cost the rest of the answer.
+  EXPECT_EQ(parse(R"({"x": 1e999, "offers": [{"id": "1"}]})").dictionary()->count(), 2u);
 }
 
 TEST(JSONTest, DepthIsBounded) {

@@ -1,5 +1,7 @@
 #include <ZorvaneRewardsKit/ZVOffer.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -34,9 +36,10 @@ TEST(OfferTest, MugOfferIsConsumedAndLeavesUnknownKeys) {
 }
 
 TEST(OfferTest, OptionsAreOffersConsumedInPlace) {
-  auto input = dict(R"({"id": "1", "y": 2, "options": [
+  // An element that is not an object is skipped, and stays in extras.
+  auto input = dict(R"({"id": "1", "y": 2, "options": [7,
       {"id": "2", "status": "user_required", "z": 9,
-       "options": [{"id": "3", "points": 5}]}]})");
+       "options": [{"id": "3", "points": 5}, null]}]})");
   auto offer = ZVOffer::initMutableWithDictionary(input);
 
   ASSERT_EQ(offer->options()->size(), 1u);
@@ -46,7 +49,7 @@ TEST(OfferTest, OptionsAreOffersConsumedInPlace) {
   ASSERT_EQ(option->options()->size(), 1u);
   EXPECT_EQ(option->options()->at(0)->points(), 5);
   EXPECT_EQ(ZVJSONValue(offer->extras()),
-            json(R"({"y": 2, "options": [{"z": 9, "options": [{}]}]})"));
+            json(R"({"y": 2, "options": [7, {"z": 9, "options": [{}, null]}]})"));
 }
 
 TEST(OfferTest, ValueConversions) {
@@ -61,6 +64,12 @@ TEST(OfferTest, ValueConversions) {
       {R"({"weight": -1, "featured": "yes"})", 0, -1, true, 0},
       {R"({"featured": 2, "status": "registration_required"})", 0, 0, true, 6},
       {R"({"status": "Available"})", 0, 0, false, 0},
+      // Numbers beyond the 64-bit types come as doubles: 64-bit fields
+      // saturate, 32-bit ones take the low bits of the saturated value.
+      {R"({"points": 123456789012345678901234567890, "weight": 18446744073709551616})", INT64_MAX,
+       -1, false, 0},
+      {R"({"points": -1e400, "weight": -1e400, "featured": 1e400})", INT64_MIN, 0, true, 0},
+      {R"({"points": 1E+400, "weight": 1e400, "featured": -1e-400})", INT64_MAX, -1, false, 0},
   };
   for (const Case& c : cases) {
     auto offer = ZVOffer::initMutableWithDictionary(dict(c.input));
@@ -85,6 +94,18 @@ TEST(OfferTest, DescriptionText) {
   EXPECT_EQ(offer->description(),
             "\rOffer ID: 42\rType: physical\rName: Mug\rDetails: Blue mug\r"
             "Status: insufficient_points\rPoints: 150");
+}
+
+// A container where the contract puts text prints 128 bytes at most: its
+// indented form could be hundreds of times longer than the answer.
+TEST(OfferTest, DescriptionOfAContainerFieldIsCutShort) {
+  const std::string deep = std::string(500, '[') + std::string(500, ']');
+  auto offer = ZVOffer::initMutableWithDictionary(
+      dict(R"({"name": )" + deep + R"(, "type": {"en": "Mug"}, "description": )" + deep + "}"));
+  const std::string text = offer->description();
+  EXPECT_LE(text.size(), 3 * (128 + 3) + 80u) << text;
+  EXPECT_NE(text.find("\rType: {\n  \"en\" : \"Mug\"\n}\rName: [\n  [\n"), std::string::npos)
+      << text;
 }
 
 TEST(OfferTest, NullOrNonObjectInputGivesEmptyRecordWithoutOptions) {
@@ -118,8 +139,13 @@ TEST(OfferTest, AnyJSONTypeUnderAnyKey) {
         EXPECT_EQ(offer->name(), json(value)) << text;
       }
       if (std::string(key) == "options") {
+        // One option per element that is an object; the others are skipped.
         const ZVArrayPtr array = json(value).array();
-        EXPECT_EQ(offer->options()->size(), array ? array->count() : 0u) << text;
+        const auto objects =
+            array ? std::count_if(array->begin(), array->end(),
+                                  [](const ZVJSONValue& v) { return v.isDictionary(); })
+                  : 0;
+        EXPECT_EQ(offer->options()->size(), static_cast<size_t>(objects)) << text;
         for (const auto& option : *offer->options()) EXPECT_FALSE(option->offerID()) << text;
       }
     }

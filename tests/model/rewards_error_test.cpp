@@ -42,6 +42,26 @@ TEST(RewardsErrorTest, MessageComposedFromTheBody) {
   }
 }
 
+// A nested container's indented text is hundreds of times longer than its
+// JSON: the message quotes about 4 KiB of "base" at most, whatever it holds.
+TEST(RewardsErrorTest, MessageStaysSmallWhateverBaseHolds) {
+  const std::string deep = std::string(500, '[') + std::string(500, ']');
+  std::string containers = deep;
+  std::string strings = R"("x")";
+  for (int i = 0; i < 3000; ++i) {
+    if (i < 50) containers += "," + deep;
+    strings += R"(, "x")";
+  }
+  for (const std::string& base : {containers, strings}) {
+    ZVRewardsError error(ZVErrorTypeService,
+                         zvtest::dict(R"({"order": {"base": [)" + base + "]}}"));
+    ASSERT_TRUE(error.message());
+    EXPECT_TRUE(error.message()->starts_with("Reward: ")) << base.substr(0, 10);
+    EXPECT_TRUE(error.message()->ends_with("...")) << base.substr(0, 10);
+    EXPECT_LE(error.message()->size(), 4096u + 16u) << base.substr(0, 10);
+  }
+}
+
 TEST(RewardsErrorTest, AnyJSONTypeUnderAnyKey) {
   for (const std::string& value : zvtest::everyJSONType()) {
     for (const std::string& body :

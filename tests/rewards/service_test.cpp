@@ -1,5 +1,7 @@
 // Orders, order placement and the skill-testing question, end to end through
 // the libcurl transport to a loopback server.
+#include <fmt/format.h>
+
 #include "ZVRewardsFixture.h"
 
 using namespace zvtest;
@@ -34,6 +36,63 @@ TEST_F(ServiceTest, OrdersReplaceTheHistoryWhole) {
   EXPECT_TRUE(none.result && none.result->empty());
   EXPECT_EQ(manager()->orders(), none.result);
   EXPECT_EQ(notifications.count(ZV_REWARDS_MANAGER_DID_FETCH_ORDERS_NOTIFICATION), 2u);
+}
+
+// One answer may produce one record per 128 bytes of maxResponseBytes,
+// options at every depth included; elements that are not objects are
+// skipped and count for nothing.
+TEST_F(ServiceTest, RecordsOfOneAnswerAreLimited) {
+  ZVConfiguration configuration = Zorvane::configuration();
+  configuration.maxResponseBytes = 128 * 100;
+  Zorvane::configure(configuration);
+  const auto list = [](const char* key, const std::string& record, int count) {
+    std::string body = fmt::format(R"({{"status":"ok","{}":[)", key);
+    for (int i = 0; i < 50; ++i) body += R"(0,[],"x",null,)";
+    for (int i = 0; i < count; ++i) body += (i == 0 ? "" : ",") + record;
+    return body + "]}";
+  };
+  struct Case {
+    bool offers;
+    std::string body;
+    size_t delivered;  // 0: refused
+  } cases[] = {
+      {true, list("offers", R"({"options":[{"options":[7]}]})", 50), 50},
+      {true, list("offers", R"({"options":[{"options":[{}]}]})", 34), 0},  // 102 records
+      {false, list("orders", "{}", 100), 100},
+      {false, list("orders", "{}", 101), 0},
+  };
+  const auto offersBefore = std::make_shared<const ZVOfferArray>();
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.body.substr(c.body.size() - 60));
+    answer(c.body);
+    manager()->setOffers(offersBefore);
+    manager()->setLastRefreshTime(1000.0);
+    Completion outcome;
+    if (c.offers)
+      manager()->forceFetchOffersWithLocale(ZVLocale("en_US"), outcome.handler());
+    else
+      manager()->fetchOrdersWithCompletionHandler(outcome.handler());
+    ASSERT_TRUE(outcome.wait());
+    if (c.delivered != 0) {
+      ASSERT_TRUE(outcome.result) << outcome.error->description();
+      const auto* offers = dynamic_cast<const ZVOfferArray*>(outcome.result.get());
+      const auto* orders = dynamic_cast<const ZVOrderArray*>(outcome.result.get());
+      EXPECT_EQ(offers ? offers->size() : orders->size(), c.delivered);
+      if (offers) {
+        EXPECT_EQ((*offers)[0]->options()->at(0)->options()->size(), 0u);
+      }
+      continue;
+    }
+    ASSERT_TRUE(outcome.error);
+    EXPECT_EQ(outcome.error->code(), ZVErrorAnswerTooLarge);
+    EXPECT_NE(outcome.error->message()->find(
+                  "holds more than 100 records (one per 128 bytes of maxResponseBytes)"),
+              std::string::npos)
+        << *outcome.error->message();
+    // As for any unusable answer: the cached offers and their stamp stay.
+    EXPECT_EQ(manager()->offers(), offersBefore);
+    EXPECT_EQ(manager()->lastRefreshTime(), 1000.0);
+  }
 }
 
 TEST_F(ServiceTest, PlaceOrderSendsTheBodyAndAnnouncesBalances) {
@@ -95,6 +154,15 @@ TEST_F(ServiceTest, RefusedOrderIsWordedFromTheBody) {
     EXPECT_EQ(outcome.error->type(), c.type);
     EXPECT_EQ(outcome.error->message(), c.message);
   }
+  // Indented, a nested body would be hundreds of times its size: the
+  // message quotes 16 KiB of it.
+  answer(R"({"x":)" + std::string(400, '[') + std::string(400, ']') + "}", 500);
+  Outcome<ZVOrder> outcome;
+  manager()->placeOrder(ZVOrderRequest::initWithOfferID("12", 1), outcome.handler());
+  ASSERT_TRUE(outcome.wait());
+  ASSERT_TRUE(outcome.error && outcome.error->message());
+  EXPECT_EQ(outcome.error->message()->size(), (16u << 10) + 3);
+  EXPECT_TRUE(outcome.error->message()->ends_with("..."));
 }
 
 TEST_F(ServiceTest, ValidationFailuresSendNothing) {

@@ -18,6 +18,7 @@ namespace Zorvane.Rewards
         [UnmanagedFunctionPointer(Conv)] internal delegate void NotificationCallback(IntPtr notification, IntPtr user);
         [UnmanagedFunctionPointer(Conv)] internal delegate int Predicate(IntPtr user);
         [UnmanagedFunctionPointer(Conv)] internal delegate void LogSink(IntPtr line, uint length, IntPtr user);
+        [UnmanagedFunctionPointer(Conv)] internal delegate void WakeUp(IntPtr user);
 
         [StructLayout(LayoutKind.Sequential)]
         internal struct Configuration
@@ -27,7 +28,12 @@ namespace Zorvane.Rewards
             public IntPtr ServiceHost, AppId, AccessToken, CaFile, Locale;
             public long ConnectTimeoutMs, RequestTimeoutMs;
             public ulong MaxResponseBytes;
+            // Version 1.1.
+            public ulong MaxHeaderBytes, MaxRequestsInFlight;
+            public long RetryMaxAttempts, RetryBaseDelayMs, RetryMaxDelayMs, RetryMaxRetryAfterMs, RetryAttemptTimeoutMs;
         }
+
+        internal const long ErrorTypeCancelled = 100;
 
         [StructLayout(LayoutKind.Sequential)]
         internal struct AddressFields
@@ -51,6 +57,8 @@ namespace Zorvane.Rewards
         [DllImport(Lib, CallingConvention = Conv)] internal static extern int zvr_configure(ref Configuration configuration);
 
         [DllImport(Lib, CallingConvention = Conv)] internal static extern int zvr_error_get_type(NativeHandle h, out long v);
+        [DllImport(Lib, CallingConvention = Conv, EntryPoint = "zvr_error_get_type")] internal static extern int zvr_error_get_type_borrowed(IntPtr h, out long v);
+        [DllImport(Lib, CallingConvention = Conv)] internal static extern int zvr_error_get_attempts(NativeHandle h, out int v);
         [DllImport(Lib, CallingConvention = Conv)] internal static extern int zvr_error_get_code(NativeHandle h, out IntPtr v);
         [DllImport(Lib, CallingConvention = Conv)] internal static extern int zvr_error_get_message(NativeHandle h, out IntPtr v);
         [DllImport(Lib, CallingConvention = Conv)] internal static extern int zvr_error_get_http_status(NativeHandle h, out int v);
@@ -137,6 +145,8 @@ namespace Zorvane.Rewards
         [DllImport(Lib, CallingConvention = Conv)] internal static extern int zvr_order_request_set_shipping_address(NativeHandle h, IntPtr none);
         [DllImport(Lib, CallingConvention = Conv)] internal static extern int zvr_order_request_set_challenge_id(NativeHandle h, byte[] v);
         [DllImport(Lib, CallingConvention = Conv)] internal static extern int zvr_order_request_get_json(NativeHandle h, out IntPtr v);
+        [DllImport(Lib, CallingConvention = Conv)] internal static extern int zvr_order_request_set_idempotency_key(NativeHandle h, byte[] v);
+        [DllImport(Lib, CallingConvention = Conv)] internal static extern int zvr_order_request_get_idempotency_key(NativeHandle h, out IntPtr v);
 
         [DllImport(Lib, CallingConvention = Conv)] internal static extern int zvr_rewards_fetch_offers(ResultCallback callback, IntPtr user);
         [DllImport(Lib, CallingConvention = Conv)] internal static extern int zvr_rewards_fetch_offers_with_locale_force_fetch(byte[] locale, int forceFetch, ResultCallback callback, IntPtr user);
@@ -145,6 +155,17 @@ namespace Zorvane.Rewards
         [DllImport(Lib, CallingConvention = Conv)] internal static extern int zvr_rewards_place_order(IntPtr noRequest, ResultCallback callback, IntPtr user);
         [DllImport(Lib, CallingConvention = Conv)] internal static extern int zvr_rewards_fetch_skill_question(ResultCallback callback, IntPtr user);
         [DllImport(Lib, CallingConvention = Conv)] internal static extern int zvr_rewards_answer_skill_question(byte[] offerId, byte[] questionId, byte[] answer, ResultCallback callback, IntPtr user);
+        [DllImport(Lib, CallingConvention = Conv)] internal static extern int zvr_cancel_scope_create(out IntPtr scope);
+        [DllImport(Lib, CallingConvention = Conv)] internal static extern int zvr_cancel_scope_cancel(NativeHandle scope);
+        [DllImport(Lib, CallingConvention = Conv)] internal static extern int zvr_cancel_scope_get_pending_count(NativeHandle scope, out uint count);
+        [DllImport(Lib, CallingConvention = Conv)] internal static extern int zvr_rewards_fetch_offers_in_scope(NativeHandle scope, byte[] locale, int forceFetch, ResultCallback callback, IntPtr user);
+        [DllImport(Lib, CallingConvention = Conv)] internal static extern int zvr_rewards_fetch_orders_in_scope(NativeHandle scope, ResultCallback callback, IntPtr user);
+        [DllImport(Lib, CallingConvention = Conv)] internal static extern int zvr_rewards_place_order_in_scope(NativeHandle scope, NativeHandle request, ResultCallback callback, IntPtr user);
+        [DllImport(Lib, CallingConvention = Conv)] internal static extern int zvr_rewards_place_order_in_scope(NativeHandle scope, IntPtr noRequest, ResultCallback callback, IntPtr user);
+        [DllImport(Lib, CallingConvention = Conv)] internal static extern int zvr_rewards_fetch_skill_question_in_scope(NativeHandle scope, ResultCallback callback, IntPtr user);
+        [DllImport(Lib, CallingConvention = Conv)] internal static extern int zvr_rewards_answer_skill_question_in_scope(NativeHandle scope, byte[] offerId, byte[] questionId, byte[] answer, ResultCallback callback, IntPtr user);
+        [DllImport(Lib, CallingConvention = Conv)] internal static extern int zvr_rewards_cancel_all();
+        [DllImport(Lib, CallingConvention = Conv)] internal static extern int zvr_shutdown();
         [DllImport(Lib, CallingConvention = Conv)] internal static extern int zvr_rewards_get_offers(out IntPtr list);
         [DllImport(Lib, CallingConvention = Conv)] internal static extern int zvr_rewards_get_orders(out IntPtr list);
         [DllImport(Lib, CallingConvention = Conv)] internal static extern int zvr_rewards_get_last_refresh_time(out double time);
@@ -168,6 +189,7 @@ namespace Zorvane.Rewards
         [DllImport(Lib, CallingConvention = Conv)] internal static extern int zvr_main_queue_start_dedicated_thread();
         [DllImport(Lib, CallingConvention = Conv)] internal static extern int zvr_main_queue_stop_dedicated_thread();
         [DllImport(Lib, CallingConvention = Conv)] internal static extern int zvr_main_queue_get_pending_count(out uint count);
+        [DllImport(Lib, CallingConvention = Conv)] internal static extern int zvr_main_queue_set_wakeup(WakeUp callback, IntPtr user);
 
         [DllImport(Lib, CallingConvention = Conv)] internal static extern int zvr_logger_set_sink(LogSink sink, IntPtr user);
         [DllImport(Lib, CallingConvention = Conv)] internal static extern int zvr_logger_set_level(long level);

@@ -88,6 +88,21 @@ namespace Zorvane.Rewards
             return this;
         }
 
+        /// <summary>The order's idempotency key (1 to 255 visible ASCII
+        /// characters; null: a random key for each placement). A service that
+        /// honours keys stores one order per key: keep the key with the order
+        /// until its outcome is known, and place it again with the same key
+        /// after a lost answer, to be charged once. Sent as a header, never in
+        /// the body. Throws ZvrException for a key outside the rule.</summary>
+        public OrderRequest WithIdempotencyKey(string key)
+        {
+            ZvrException.Check(Native.zvr_order_request_set_idempotency_key(Handle, Utf8.Bytes(key)));
+            return this;
+        }
+
+        /// <summary>The key set, or null.</summary>
+        public string IdempotencyKey { get { return Text(Native.zvr_order_request_get_idempotency_key); } }
+
         /// <summary>The JSON object sent under "order", as the request stands.</summary>
         public string Json { get { return Text(Native.zvr_order_request_get_json); } }
     }

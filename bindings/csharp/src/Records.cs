@@ -42,6 +42,12 @@ namespace Zorvane.Rewards
         }
         /// <summary>The service's answer body as JSON text, or null.</summary>
         public string RawJson { get { return Text(Native.zvr_error_get_raw_json); } }
+        /// <summary>How many times the request was sent (more than 1 only
+        /// with retries on; 0 when it never was).</summary>
+        public int Attempts
+        {
+            get { int v; ZvrException.Check(Native.zvr_error_get_attempts(Handle, out v)); return v; }
+        }
         public override string ToString() { return Text(Native.zvr_error_get_description); }
     }
 

@@ -43,6 +43,57 @@ namespace Zorvane.Rewards
             get { uint n; ZvrException.Check(Native.zvr_main_queue_get_pending_count(out n)); return (int)n; }
         }
 
+        private static readonly object WakeUpLock = new object();
+        private static GCHandle wakeUpHandle;
+        private static int wakeUpVersion;  // changes with each hook set
+        private static readonly Native.WakeUp WakeUpCall = OnWakeUp;
+
+        /// <summary>Calls wakeUp for each task queued from now on, on the
+        /// thread that queued it (any thread), so that a loop that sleeps can
+        /// post itself an event and drain when it gets it. It must return at
+        /// once; Drain from inside it throws (ZVR_E_BUSY). Null removes it;
+        /// once this returns, the previous one is not running and never called
+        /// again. Shutdown removes it too.</summary>
+        public static void SetWakeUp(Action wakeUp)
+        {
+            lock (WakeUpLock)
+            {
+                GCHandle previous = wakeUpHandle;
+                GCHandle held = wakeUp == null ? default(GCHandle) : GCHandle.Alloc(wakeUp);
+                int result = Native.zvr_main_queue_set_wakeup(wakeUp == null ? null : WakeUpCall,
+                                                              wakeUp == null ? IntPtr.Zero : GCHandle.ToIntPtr(held));
+                if (result != 0)
+                {
+                    if (held.IsAllocated) held.Free();
+                    throw new ZvrException(result);
+                }
+                wakeUpHandle = held;
+                ++wakeUpVersion;
+                if (previous.IsAllocated) previous.Free();
+            }
+        }
+
+        internal static int WakeUpVersion() { lock (WakeUpLock) return wakeUpVersion; }
+
+        // After a shutdown, which removed the hook of `version` unless another
+        // was set since (a handle value may be reused, so versions compare).
+        internal static void ForgetWakeUp(int version)
+        {
+            lock (WakeUpLock)
+            {
+                if (wakeUpVersion != version || !wakeUpHandle.IsAllocated) return;
+                wakeUpHandle.Free();
+                wakeUpHandle = default(GCHandle);
+            }
+        }
+
+        [MonoPInvokeCallback(typeof(Native.WakeUp))]
+        private static void OnWakeUp(IntPtr user)
+        {
+            try { ((Action)GCHandle.FromIntPtr(user).Target)(); }
+            catch (Exception e) { Rewards.Report(e); }
+        }
+
         private static readonly Native.Predicate Check = OnCheck;
 
         [MonoPInvokeCallback(typeof(Native.Predicate))]
@@ -163,6 +214,7 @@ namespace Zorvane.Rewards
 
         private static readonly object Lock = new object();
         private static GCHandle sinkHandle;
+        private static int sinkVersion;  // changes with each sink set
         private static readonly Native.LogSink Sink = OnLine;
 
         /// <summary>Receives every line, on the thread that logs (not
@@ -188,8 +240,22 @@ namespace Zorvane.Rewards
                     }
                     sinkHandle = held;
                 }
+                ++sinkVersion;
                 // The library no longer calls the previous sink once the call returned.
                 if (previous.IsAllocated) previous.Free();
+            }
+        }
+
+        internal static int SinkVersion() { lock (Lock) return sinkVersion; }
+
+        // As MainQueue.ForgetWakeUp, for the sink.
+        internal static void ForgetSink(int version)
+        {
+            lock (Lock)
+            {
+                if (sinkVersion != version || !sinkHandle.IsAllocated) return;
+                sinkHandle.Free();
+                sinkHandle = default(GCHandle);
             }
         }
 

@@ -152,6 +152,31 @@ static class FlowTest
         OrderList orders = Await<OrderList>(Rewards.FetchOrders, out error);
         Check(error == null && orders.Count == 1 && orders[0].Id == order.Id, "the orders list");
 
+        // A key of the game's: placed twice, one order, charged once.
+        Order keyed, again;
+        using (var request = new OrderRequest("101", 1).WithIdempotencyKey("game-order-101"))
+        {
+            Check(request.IdempotencyKey == "game-order-101" && !request.Json.Contains("game-order"), "the key");
+            keyed = Await<Order>(done => Rewards.PlaceOrder(request, done), out error);
+            again = Await<Order>(done => Rewards.PlaceOrder(request, done), out error);
+        }
+        Check(keyed.Id == again.Id && again.User.AvailablePoints == order.User.AvailablePoints - 150, "one order per key");
+        using (OrderList both = Await<OrderList>(Rewards.FetchOrders, out error))
+            Check(both.Count == 2, "two orders stored");
+
+        // Disposing a scope cancels its operation in flight: the game's
+        // completion never runs, and the binding lets go of it once.
+        int cancelledCalls = 0;
+        var scope = new Scope();
+        Rewards.FetchOrders(scope, (o, e) => ++cancelledCalls);
+        Check(Rewards.PendingCompletionCount == 1 && scope.PendingCount == 1, "one operation under way");
+        scope.Dispose();
+        while (MainQueue.Drain() > 0) { }
+        Check(cancelledCalls == 0 && Rewards.PendingCompletionCount == 0, "cancelled, let go, never called");
+        try { Rewards.FetchOrders(scope, (o, e) => ++cancelledCalls); Check(false, "a disposed scope starts nothing"); }
+        catch (ObjectDisposedException) { }
+        Check(Rewards.PendingCompletionCount == 0, "nothing held for a refused start");
+
         // A refusal: the error reaches the completion and the failure notification.
         Order refused = Await<Order>(done => Rewards.PlaceOrder(new OrderRequest("111", 1), done), out error);
         Check(refused == null && error != null && error.Type == ErrorType.Service, "a service error");
@@ -176,8 +201,43 @@ static class FlowTest
               "notifications: " + string.Join(", ", seen.ToArray()));
         subscription.Dispose();
         Logger.SetSink(null);
+        Logger.Level = Logger.LevelOff;
 
-        foreach (IDisposable held in new IDisposable[] { offers, question, challenge, order, orders, error, validation, notifiedError })
+        // Retries and limits reach the library: a closed port is tried twice;
+        // a header limit refuses the sandbox's answer.
+        var configuration = new Configuration
+        {
+            ServiceHost = "http://127.0.0.1:1", AppId = "sandbox-app", AllowInsecureHttp = true,
+            Retry = new RetryPolicy { MaxAttempts = 2, BaseDelay = TimeSpan.FromMilliseconds(1) },
+        };
+        Rewards.Configure(configuration);
+        using (Await<OrderList>(Rewards.FetchOrders, out error))
+        using (error)
+            Check(error != null && error.Type == ErrorType.Transport && error.Attempts == 2, "two attempts: " + error);
+        configuration.ServiceHost = Environment.GetEnvironmentVariable("ZVR_SANDBOX_HOST");
+        configuration.AccessToken = "sandbox-token";
+        configuration.MaxHeaderBytes = 64;
+        Rewards.Configure(configuration);
+        using (Await<OrderList>(Rewards.FetchOrders, out error))
+        using (error)
+            Check(error != null && error.Code == "ZVErrorAnswerTooLarge", "the header limit: " + error);
+        configuration.MaxHeaderBytes = 0;
+        Rewards.Configure(configuration);
+
+        // Shutdown with an operation in flight lets go of its completion
+        // before it returns and removes the wake-up hook; then all works again.
+        int wakeUps = 0, droppedCalls = 0;
+        MainQueue.SetWakeUp(() => Interlocked.Increment(ref wakeUps));
+        Rewards.FetchOrders((o, e) => ++droppedCalls);
+        Rewards.PlaceOrder(null, (o, e) => ++droppedCalls);  // its failure is queued at once
+        Check(wakeUps >= 1, "the hook woke the game");
+        Rewards.Shutdown();
+        Check(droppedCalls == 0 && Rewards.PendingCompletionCount == 0, "shutdown let go of the completion");
+        int wokenBefore = wakeUps;
+        using (OrderList after = Await<OrderList>(Rewards.FetchOrders, out error))
+            Check(error == null && after.Count == 2 && wakeUps == wokenBefore, "used again, no hook: " + error);
+
+        foreach (IDisposable held in new IDisposable[] { offers, question, challenge, order, orders, keyed, again, validation, notifiedError })
             held.Dispose();
         GC.Collect();
         GC.WaitForPendingFinalizers();

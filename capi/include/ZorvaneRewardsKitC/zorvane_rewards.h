@@ -17,8 +17,8 @@
  *   reads "absent" rather than garbage. New result codes may be added: treat
  *   any non-zero value as a failure.
  *
- * Handles. Records, lists, errors, notifications and order requests are
- *   opaque handles. A handle is not an address: it names a slot of the
+ * Handles. Records, lists, errors, notifications, order requests and
+ *   cancel scopes are opaque handles. A handle is not an address: it names a slot of the
  *   library's handle table together with the slot's generation, so that every
  *   use can be checked. NULL gives ZVR_E_NULL_HANDLE; a handle whose last
  *   reference is gone (so also a second release), or any value the library
@@ -48,15 +48,30 @@
  *   zvr_main_queue_run_until, or on the queue's dedicated thread once
  *   started; never inside the call that started the operation. (A
  *   notification that C++ code of the host posts itself arrives on the
- *   posting thread.) The log sink runs on the thread that logs.
+ *   posting thread; the cancellations that zvr_shutdown delivers run on the
+ *   thread that calls it.) The log sink runs on the thread that logs; the
+ *   wake-up hook on the thread that queues a task.
  *
  * Callbacks. Every callback takes a `void* user`, passed back unchanged
  *   (NULL is fine). A function that takes a completion callback and returns
  *   ZVR_OK calls it exactly once, with either a result or an error, the other
- *   being NULL; a function that returns an error never calls it. A NULL
- *   callback is allowed: the operation runs and its notification is posted.
- *   (Should the handle table be full or memory run out when the outcome is
- *   delivered, the callback still runs once, with both NULL.)
+ *   being NULL, also when the operation is cancelled (below): the callback is
+ *   always the place to free per-call data. A function that returns an error
+ *   never calls it. A NULL callback is allowed: the operation runs and its
+ *   notification is posted. (Should the handle table be full or memory run
+ *   out when the outcome is delivered, the callback still runs once, with
+ *   both NULL.) Callbacks must return normally: no C++ exception, longjmp or
+ *   panic may unwind through the library.
+ *
+ * Cancellation. An operation that has not called its callback yet is
+ *   cancelled by its scope (zvr_cancel_scope_cancel, or the scope's last
+ *   release), by zvr_rewards_cancel_all or by zvr_shutdown, whether its
+ *   request is in flight or its outcome already queued. Nothing more comes of
+ *   it: no notification, and an answer arriving later changes no state. Its
+ *   callback is then called once, with a NULL result and an error of type
+ *   ZVR_ERROR_TYPE_CANCELLED, later, on the main queue like any other
+ *   callback (never inside the call that cancelled it), except that
+ *   zvr_shutdown calls those still undelivered itself before it returns.
  *
  * Compatibility. Within a major version (ZVR_API_VERSION >> 16) the ABI never
  *   breaks: functions, callback types and struct fields are only added, never
@@ -65,14 +80,6 @@
  *   older struct (fields beyond it take their defaults), and an older library
  *   refuses a newer struct only when a byte it does not know is non-zero
  *   (zero the struct before filling it).
- *
- * Coming, not yet available (names reserved, no symbol exists yet): a
- *   main-queue wake-up hook, called from any thread when a task is queued
- *   (zvr_main_queue_set_wakeup); cancellation through scopes
- *   (zvr_cancel_scope handles with zvr_cancel_scope_create / _cancel, the
- *   operations' zvr_rewards_*_in_scope variants taking one) and
- *   zvr_rewards_cancel_all; and zvr_shutdown. A cancelled operation will still
- *   call its callback exactly once, with an error.
  */
 #ifndef ZORVANE_REWARDS_KIT_C_H
 #define ZORVANE_REWARDS_KIT_C_H
@@ -99,8 +106,10 @@ extern "C" {
 
 /* ---- Versions and results ------------------------------------------------ */
 
-/** Major version in the upper 16 bits, minor in the lower 16. */
-#define ZVR_API_VERSION ((1u << 16) | 0u)
+/** Major version in the upper 16 bits, minor in the lower 16. Minor 1 added
+ *  cancellation, zvr_shutdown, the wake-up hook, the request limits and
+ *  retries of zvr_configuration, idempotency keys and error attempts. */
+#define ZVR_API_VERSION ((1u << 16) | 1u)
 
 /** The ZVR_API_VERSION the library was built with. A host may check at start
  *  that the major versions match and the library's minor is not older. */
@@ -142,6 +151,7 @@ typedef struct zvr_skill_challenge_t* zvr_skill_challenge;
 typedef struct zvr_error_t* zvr_error;
 typedef struct zvr_notification_t* zvr_notification;
 typedef struct zvr_order_request_t* zvr_order_request;
+typedef struct zvr_cancel_scope_t* zvr_cancel_scope;
 
 /** Adds a reference to any handle. */
 ZVR_API zvr_result ZVR_CALL zvr_retain(const void* handle);
@@ -167,13 +177,39 @@ typedef struct zvr_configuration {
   const char* ca_file;      /**< PEM file of extra CAs to trust. Default: system store */
   /** The locale of the SDK's requests ("fr_CA"). Default: the device's. */
   const char* locale;
-  int64_t connect_timeout_ms;  /**< Default 10000 */
-  int64_t request_timeout_ms;  /**< whole exchange. Default 30000 */
-  uint64_t max_response_bytes; /**< larger answers fail. Default 64 MiB */
+  int64_t connect_timeout_ms; /**< Default 10000 */
+  int64_t request_timeout_ms; /**< whole exchange. Default 30000 */
+  /** Larger answer bodies fail (ZVErrorAnswerTooLarge). Default: the C++
+   *  SDK's, ZVConfiguration::maxResponseBytes (docs/configuration.md). */
+  uint64_t max_response_bytes;
+
+  /* Added in version 1.1 (zero: the default, as above). A negative value
+   * gives ZVR_E_INVALID_ARGUMENT. */
+
+  /** An answer's header and trailer lines past this size fail
+   *  (ZVErrorAnswerTooLarge). Default: ZVConfiguration::maxHeaderBytes. */
+  uint64_t max_header_bytes;
+  /** Calls under way at once, all operations together; one more fails at
+   *  once, unsent (ZVErrorTooManyRequests). Default:
+   *  ZVConfiguration::maxRequestsInFlight. */
+  uint64_t max_requests_in_flight;
+  /** Retries (docs/retries.md), off by default: attempts per call, the first
+   *  included (at most INT32_MAX). Default: ZVRetryPolicy::maxAttempts, 1,
+   *  which never retries. */
+  int64_t retry_max_attempts;
+  /** The wait before attempt n+1 is drawn from [0, min(max delay, base delay
+   *  * 2^(n-1))]. Defaults: ZVRetryPolicy::baseDelay and maxDelay. */
+  int64_t retry_base_delay_ms;
+  int64_t retry_max_delay_ms;
+  /** The longest Retry-After honoured. Default: ZVRetryPolicy::maxRetryAfter. */
+  int64_t retry_max_retry_after_ms;
+  /** Time allowed to one attempt. Default (0): what is left of the request
+   *  timeout. */
+  int64_t retry_attempt_timeout_ms;
 } zvr_configuration;
 
 #define ZVR_CONFIGURATION_INIT \
-  { sizeof(zvr_configuration), 0, 0, 0, 0, 0, 0, 0, 0, 0 }
+  { sizeof(zvr_configuration), 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0 }
 
 /** Replaces the whole configuration (and the custom locale); applies to the
  *  requests sent after the call. ZVR_E_UNSUPPORTED_STRUCT when struct_size is
@@ -183,18 +219,40 @@ ZVR_API zvr_result ZVR_CALL zvr_configure(const zvr_configuration* configuration
 
 /* ---- Errors -------------------------------------------------------------- */
 
-/** Error types (zvr_error_get_type). */
+/** Error types (zvr_error_get_type). New types may be added. */
 enum zvr_error_type {
-  ZVR_ERROR_TYPE_TRANSPORT = 1,      /**< no HTTP answer: DNS, refused, reset, TLS, timeout */
-  ZVR_ERROR_TYPE_VALIDATION = 2,     /**< a required argument was missing; nothing was sent */
-  ZVR_ERROR_TYPE_SERVICE = 3,        /**< the service answered "status" other than "ok" */
-  ZVR_ERROR_TYPE_HTTP = 4,           /**< HTTP status 400 or above */
-  ZVR_ERROR_TYPE_INVALID_ANSWER = 5, /**< not JSON, not an object, or too large */
-  ZVR_ERROR_TYPE_CONFIGURATION = 6   /**< not configured to send the request */
+  /** No HTTP answer: DNS, refused, reset, TLS, timeout; or not sent because
+   *  max_requests_in_flight calls were under way (ZVErrorTooManyRequests). */
+  ZVR_ERROR_TYPE_TRANSPORT = 1,
+  /** An argument was missing or cannot be sent (an offer or question id
+   *  that is "." or "..": ZVErrorInvalidPathValue); nothing was sent. */
+  ZVR_ERROR_TYPE_VALIDATION = 2,
+  ZVR_ERROR_TYPE_SERVICE = 3, /**< the service answered "status" other than "ok" */
+  /** The final answer's status was not 2xx: 400 or above (ZVErrorHTTPStatus),
+   *  or 1xx or 3xx (ZVErrorHTTPUnexpectedStatus; redirects are not followed). */
+  ZVR_ERROR_TYPE_HTTP = 4,
+  /** Not JSON, not an object, larger than max_response_bytes,
+   *  max_header_bytes or the decoding limits max_response_bytes sets
+   *  (ZVErrorAnswerTooLarge), or no memory for its records
+   *  (ZVErrorAnswerNotDecoded). */
+  ZVR_ERROR_TYPE_INVALID_ANSWER = 5,
+  ZVR_ERROR_TYPE_CONFIGURATION = 6, /**< not configured to send the request */
+  /** This interface's own: the operation was cancelled (see Cancellation at
+   *  the top), code "ZVErrorCancelled". Never in a notification. */
+  ZVR_ERROR_TYPE_CANCELLED = 100
 };
 
 ZVR_API zvr_result ZVR_CALL zvr_error_get_type(zvr_error error, int64_t* out_type);
-/** The code constant ("ZVErrorTransportTimeout"...), or NULL when none. */
+/** The code constant, or NULL when none. The codes are those of the C++
+ *  SDK's ZVError.h (new ones may be added), among them: transport
+ *  "ZVErrorTransportConnect", "...Timeout", "...TLS", "...Reset", "...Other",
+ *  "ZVErrorTooManyRequests"; validation "ZVErrorServerNoRequest",
+ *  "ZVErrorValidationNoOfferID", "...NoQuestionID", "...NoAnswer",
+ *  "ZVErrorInvalidPathValue", "ZVErrorInvalidIdempotencyKey"; HTTP
+ *  "ZVErrorHTTPStatus", "ZVErrorHTTPUnexpectedStatus"; invalid answer
+ *  "ZVErrorAnswerNotJSON", "ZVErrorAnswerNotObject", "ZVErrorAnswerTooLarge",
+ *  "ZVErrorAnswerNotDecoded"; configuration "ZVErrorNotConfigured"; and
+ *  "ZVErrorCancelled", this interface's own. */
 ZVR_API zvr_result ZVR_CALL zvr_error_get_code(zvr_error error, const char** out_code);
 /** A human-readable text, or NULL. */
 ZVR_API zvr_result ZVR_CALL zvr_error_get_message(zvr_error error, const char** out_message);
@@ -204,6 +262,10 @@ ZVR_API zvr_result ZVR_CALL zvr_error_get_http_status(zvr_error error, int32_t* 
 ZVR_API zvr_result ZVR_CALL zvr_error_get_raw_json(zvr_error error, const char** out_json);
 /** Type, code and message on one line, for logs (never the access token). */
 ZVR_API zvr_result ZVR_CALL zvr_error_get_description(zvr_error error, const char** out_text);
+/** How many times the request was sent: more than 1 only with retries on
+ *  (the message then ends with "(after N attempts)"); 0 when it never was
+ *  (validation, too many requests, cancellation). */
+ZVR_API zvr_result ZVR_CALL zvr_error_get_attempts(zvr_error error, int32_t* out_attempts);
 
 /* ---- Records --------------------------------------------------------------
  * Read-only views of the records the SDK built from the service's answers.
@@ -421,6 +483,20 @@ ZVR_API zvr_result ZVR_CALL zvr_order_request_set_shipping_address(
 /** The id of a passed skill challenge (zvr_skill_challenge_get_id). */
 ZVR_API zvr_result ZVR_CALL zvr_order_request_set_challenge_id(zvr_order_request request,
                                                                const char* challenge_id);
+/** The order's idempotency key, sent as the Idempotency-Key header (never in
+ *  the body). A service that honours keys stores one order per key, so an
+ *  order whose outcome was lost (a timeout, then a restart) can be placed
+ *  again with the same key and be charged once: keep the key with the order
+ *  until its outcome is known. 1 to 255 visible ASCII characters (0x21 to
+ *  0x7E); another key gives ZVR_E_INVALID_ARGUMENT and leaves the request as
+ *  it was. NULL unsets it: each placement then sends a random key of its
+ *  own, the same for all of its attempts. */
+ZVR_API zvr_result ZVR_CALL zvr_order_request_set_idempotency_key(zvr_order_request request,
+                                                                  const char* key);
+/** The key set, or NULL when unset (the random keys are never visible). Each
+ *  text stays valid until the request's last release. */
+ZVR_API zvr_result ZVR_CALL zvr_order_request_get_idempotency_key(zvr_order_request request,
+                                                                  const char** out);
 /** The JSON object sent under "order", as the request stands now. Each text
  *  stays valid until the request's last release, also after later changes. */
 ZVR_API zvr_result ZVR_CALL zvr_order_request_get_json(zvr_order_request request, const char** out);
@@ -483,6 +559,61 @@ ZVR_API zvr_result ZVR_CALL zvr_rewards_clear_user_state(void);
 /** How long fetched offers stay fresh, in seconds. Default 300. */
 ZVR_API zvr_result ZVR_CALL zvr_rewards_get_refresh_interval(double* out);
 ZVR_API zvr_result ZVR_CALL zvr_rewards_set_refresh_interval(double seconds);
+
+/* ---- Cancellation ---------------------------------------------------------
+ * A scope owns the operations started with it, through the _in_scope
+ * variants below: a screen of the host keeps one, and cancels or releases it
+ * when it closes, so that no outcome reaches the closed screen with a result.
+ * Each cancelled operation's callback still comes once, later, with the
+ * cancellation error (see Cancellation at the top): free per-call data there.
+ *
+ * Cancelling (a scope, its last release, zvr_rewards_cancel_all) waits for a
+ * callback of the cancelled operations that is running on another thread at
+ * that moment; called from inside one of those callbacks, it does not wait
+ * for that one. So do not cancel while holding a lock that such a callback
+ * waits for, nor from inside the log sink or the wake-up hook (there these
+ * functions give ZVR_E_BUSY; release no scope's last reference there). */
+
+/** A new scope, with one reference; zvr_release of the last one cancels. */
+ZVR_API zvr_result ZVR_CALL zvr_cancel_scope_create(zvr_cancel_scope* out);
+/** Cancels the scope's operations that have not called their callback yet.
+ *  When it returns, none of them is running on another thread or will ever
+ *  be called with a result; their cancellation callbacks are queued. The
+ *  scope stays usable: operations started with it later belong to it. */
+ZVR_API zvr_result ZVR_CALL zvr_cancel_scope_cancel(zvr_cancel_scope scope);
+/** The scope's operations that have neither called their callback nor been
+ *  cancelled. */
+ZVR_API zvr_result ZVR_CALL zvr_cancel_scope_get_pending_count(zvr_cancel_scope scope,
+                                                               uint32_t* out_count);
+
+/** The operations above, owned by `scope` (required: NULL gives
+ *  ZVR_E_NULL_HANDLE, a released scope ZVR_E_INVALID_HANDLE, and then no
+ *  callback comes). The offers: in `locale` (NULL: the configured one), from
+ *  the cache while it is fresh unless `force_fetch` is non-zero. */
+ZVR_API zvr_result ZVR_CALL zvr_rewards_fetch_offers_in_scope(zvr_cancel_scope scope,
+                                                              const char* locale,
+                                                              int32_t force_fetch,
+                                                              zvr_offers_callback callback,
+                                                              void* user);
+ZVR_API zvr_result ZVR_CALL zvr_rewards_fetch_orders_in_scope(zvr_cancel_scope scope,
+                                                              zvr_orders_callback callback,
+                                                              void* user);
+/** A cancelled order may still have been placed: its request may have reached
+ *  the service. Place it again with the same idempotency key to find out. */
+ZVR_API zvr_result ZVR_CALL zvr_rewards_place_order_in_scope(zvr_cancel_scope scope,
+                                                             zvr_order_request request,
+                                                             zvr_order_callback callback,
+                                                             void* user);
+ZVR_API zvr_result ZVR_CALL zvr_rewards_fetch_skill_question_in_scope(
+    zvr_cancel_scope scope, zvr_skill_question_callback callback, void* user);
+ZVR_API zvr_result ZVR_CALL zvr_rewards_answer_skill_question_in_scope(
+    zvr_cancel_scope scope, const char* offer_id, const char* question_id, const char* answer,
+    zvr_skill_challenge_callback callback, void* user);
+
+/** Cancels every operation of the process not yet delivered, in a scope or
+ *  not. When the user signs out, call it before zvr_rewards_clear_user_state,
+ *  so that no answer to their requests reaches the next user. */
+ZVR_API zvr_result ZVR_CALL zvr_rewards_cancel_all(void);
 
 /* ---- Notifications --------------------------------------------------------
  * Posted on the main queue after each outcome. Names: */
@@ -558,6 +689,20 @@ ZVR_API zvr_result ZVR_CALL zvr_main_queue_start_dedicated_thread(void);
 ZVR_API zvr_result ZVR_CALL zvr_main_queue_stop_dedicated_thread(void);
 ZVR_API zvr_result ZVR_CALL zvr_main_queue_get_pending_count(uint32_t* out_count);
 
+typedef void(ZVR_CALL* zvr_wakeup_callback)(void* user);
+/** Installs `callback`, called once for each task queued on the main queue
+ *  from now on (a completion, a notification, a cancellation), on the thread
+ *  that queued it, after the task is in the queue: the SDK's I/O thread, or
+ *  the host's own (inside the call that started an operation, say). A loop
+ *  that sleeps posts itself an event there and drains when it gets it. It
+ *  must return promptly, without waiting for the loop; draining, running
+ *  the queue, cancelling and zvr_shutdown give ZVR_E_BUSY from inside it.
+ *  NULL removes it. Once this returns, the previous hook is not running on
+ *  another thread and is never called again, so its `user` may be freed
+ *  (from inside the hook itself, the call under way goes on to its end).
+ *  zvr_shutdown removes it too. */
+ZVR_API zvr_result ZVR_CALL zvr_main_queue_set_wakeup(zvr_wakeup_callback callback, void* user);
+
 /* ---- Logger -------------------------------------------------------------- */
 
 #define ZVR_LOG_CATEGORY_REWARDS 1 /**< bit 0: the rewards module */
@@ -576,6 +721,30 @@ ZVR_API zvr_result ZVR_CALL zvr_logger_set_level(int64_t level);
 ZVR_API zvr_result ZVR_CALL zvr_logger_get_level(int64_t* out);
 ZVR_API zvr_result ZVR_CALL zvr_logger_set_categories(int64_t categories);
 ZVR_API zvr_result ZVR_CALL zvr_logger_get_categories(int64_t* out);
+
+/* ---- Shutdown ------------------------------------------------------------ */
+
+/** Ends the SDK's activity, so that the host may stop, unload the library or
+ *  start again. In order:
+ *  - every pending operation is cancelled (as zvr_rewards_cancel_all; those
+ *    started on other threads while it runs are cancelled at once), the
+ *    transport stops and joins its thread, the main queue's dedicated thread,
+ *    if started, is stopped and joined, and the tasks still queued
+ *    (notifications included) are dropped unrun;
+ *  - the wake-up hook and the log sink are removed: once it returns, neither
+ *    is running nor will be called, so their `user` may be freed;
+ *  - the callbacks of the cancelled operations not yet called back (by this
+ *    shutdown, or earlier and still queued) are called here, on this thread,
+ *    each once with the cancellation error.
+ *  When it returns, the callback of every operation whose starting call had
+ *  returned before zvr_shutdown was called has run and is not running on
+ *  another thread: the host may free all of its per-call data.
+ *  The configuration, locale, log level, subscriptions, refresh interval and
+ *  the manager's offers and orders are kept. The SDK may be used again at
+ *  once; start the dedicated thread and set the hooks again as needed.
+ *  Called from inside a callback, it does not wait for that callback. From
+ *  inside the log sink or the wake-up hook: ZVR_E_BUSY. */
+ZVR_API zvr_result ZVR_CALL zvr_shutdown(void);
 
 #ifdef __cplusplus
 }

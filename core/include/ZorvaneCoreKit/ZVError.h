@@ -25,8 +25,9 @@ enum ZVErrorType : int64_t {
   /// or 1xx or 3xx (redirects are never followed). `raw` is the body when it
   /// was a JSON object.
   ZVErrorTypeHTTP = 4,
-  /// The answer could not be used: not JSON, not a JSON object, or larger than
-  /// a configured limit (body or headers).
+  /// The answer could not be used: not JSON, not a JSON object, larger than
+  /// a configured limit (body, headers, JSON values, records), or it could
+  /// not be turned into records.
   ZVErrorTypeInvalidAnswer = 5,
   /// The SDK is not configured to send the request (no service host, or plain
   /// http without `allowInsecureHTTP`).
@@ -47,7 +48,10 @@ extern ZV_CORE_EXPORT const char* const ZVErrorHTTPStatus;        ///< HTTP stat
 extern ZV_CORE_EXPORT const char* const ZVErrorHTTPUnexpectedStatus;  ///< a final 1xx or 3xx
 extern ZV_CORE_EXPORT const char* const ZVErrorAnswerNotJSON;         ///< body is not valid JSON
 extern ZV_CORE_EXPORT const char* const ZVErrorAnswerNotObject;  ///< top level is not an object
-extern ZV_CORE_EXPORT const char* const ZVErrorAnswerTooLarge;   ///< body or headers above a limit
+/// Body, headers, JSON values or records above their limits.
+extern ZV_CORE_EXPORT const char* const ZVErrorAnswerTooLarge;
+/// Records could not be built (memory ran out).
+extern ZV_CORE_EXPORT const char* const ZVErrorAnswerNotDecoded;
 extern ZV_CORE_EXPORT const char* const
     ZVErrorNotConfigured;                                 ///< configuration refuses the request
 extern ZV_CORE_EXPORT const char* const ZVErrorShutdown;  ///< the SDK was shut down

@@ -293,19 +293,43 @@ struct ZVJSONParseOptions {
   /// Deepest nesting of arrays and objects accepted. Default: 512. Deeper
   /// input fails with a clear error instead of exhausting the stack later.
   size_t maxDepth = 512;
+  /// Most memory, in bytes, that the parsed values may take: their
+  /// containers, elements, members, long strings and keys, and the parser's
+  /// scratch space for them. A text whose values need more fails with
+  /// "JSON values need more than N bytes of memory" and `tooLarge` set, having
+  /// used at most this much for them. Default: no limit. The SDK parses every
+  /// answer with `ZVJSONMemoryForAnswer(maxResponseBytes)`.
+  size_t maxValueBytes = SIZE_MAX;
 };
+
+/// The memory budget of the values of an answer of at most `maxAnswerBytes`
+/// bytes: four times that size (no limit for 0 or a size whose budget does
+/// not fit in `size_t`). A catalogue of offers takes about 2.6 times its
+/// text; tiny containers and short scalars take 33 to 46 times theirs, so the
+/// budget is what bounds them.
+constexpr size_t ZVJSONMemoryForAnswer(size_t maxAnswerBytes) {
+  return maxAnswerBytes == 0 || maxAnswerBytes > SIZE_MAX / 4 ? SIZE_MAX : 4 * maxAnswerBytes;
+}
 
 /// The outcome of a parse: a value, or an error message (then `value` is nil).
 struct ZVJSONParseResult {
   ZVJSONValue value;
   std::string error;  ///< Empty on success.
+  /// The values would have taken more than `ZVJSONParseOptions::maxValueBytes`.
+  bool tooLarge = false;
   bool ok() const { return error.empty(); }
 };
 
 /// Parses UTF-8 JSON text. Every array and object in the result is a new
-/// mutable container. Invalid UTF-8, trailing garbage, numbers beyond 64 bits
-/// and nesting deeper than `options.maxDepth` are errors; duplicate keys keep
-/// the position of the first occurrence and the value of the last.
+/// mutable container. Invalid UTF-8, trailing garbage, nesting deeper than
+/// `options.maxDepth` and values that need more than `options.maxValueBytes`
+/// are errors; duplicate keys keep the position of the first occurrence and
+/// the value of the last.
+///
+/// Numbers: an integer within the signed 64-bit range is an integer; any
+/// other number is a double: an integer beyond that range becomes the nearest
+/// double, and a number whose magnitude is beyond double's range becomes
+/// infinity with its sign (one below its range, zero).
 ///
 /// The overload for a mutable `std::string` parses in place when the string
 /// has `ZVJSONPadding` bytes of spare capacity (it appends blank padding and

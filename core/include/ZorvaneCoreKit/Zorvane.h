@@ -72,9 +72,19 @@ struct ZVConfiguration {
   /// Default: empty (the system's store).
   std::string caFile;
   /// Largest answer body accepted; a larger one fails with
-  /// `ZVErrorAnswerTooLarge`. Default: 64 MiB.
-  size_t maxResponseBytes = 64u << 20;
-
+  /// `ZVErrorAnswerTooLarge`. It also bounds what decoding any answer can
+  /// cost: the JSON values of one answer may take at most four times this
+  /// size (`ZVJSONMemoryForAnswer`), and one answer may produce at most one
+  /// record per 128 bytes of it (offers' options included); past either, the
+  /// answer fails with `ZVErrorAnswerTooLarge`. 0: no limit and no bound.
+  ///
+  /// Default: 8 MiB. A catalogue of offers with options weighs about 1.5 KB
+  /// per offer, so 8 MiB holds some 5,500 offers (and at most 65,536
+  /// records); decoding such a catalogue costs about 3.4 times its size, and
+  /// the costliest answer of 8 MiB we could build added 91 MB to the process
+  /// while it was decoded (docs/reliability.md). Raise it for a larger
+  /// catalogue; every bound grows with it.
+  size_t maxResponseBytes = 8u << 20;
   /// Largest total of an answer's header and trailer lines (status lines
   /// included); past it the transfer stops with `ZVErrorAnswerTooLarge`.
   /// Default: 64 KiB.

@@ -15,6 +15,7 @@ const char* const ZVErrorHTTPStatus = "ZVErrorHTTPStatus";
 const char* const ZVErrorAnswerNotJSON = "ZVErrorAnswerNotJSON";
 const char* const ZVErrorAnswerNotObject = "ZVErrorAnswerNotObject";
 const char* const ZVErrorAnswerTooLarge = "ZVErrorAnswerTooLarge";
+const char* const ZVErrorAnswerNotDecoded = "ZVErrorAnswerNotDecoded";
 const char* const ZVErrorNotConfigured = "ZVErrorNotConfigured";
 const char* const ZVErrorShutdown = "ZVErrorShutdown";
 const char* const ZVErrorHTTPUnexpectedStatus = "ZVErrorHTTPUnexpectedStatus";

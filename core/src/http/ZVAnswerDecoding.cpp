@@ -2,6 +2,7 @@
 
 #include "base/ZVStrings.h"
 #include "http/ZVHTTPErrors.h"
+#include "runtime/ZorvaneSettings.h"
 
 namespace zv_detail {
 namespace {
@@ -50,11 +51,19 @@ ZVOutcome decodeAnswer(ZVHTTPResult result, const ZVGenericRequest& request, ZVR
   if (result.body.empty())
     parsed.error = "the body is empty";
   else
-    parsed = ZVJSONParse(result.body);
+    // The values' memory is bounded by the answer size limit, whatever the
+    // answer holds (tiny containers cost many times their text).
+    parsed = ZVJSONParse(
+        result.body,
+        {.maxValueBytes = ZVJSONMemoryForAnswer(currentConfiguration()->maxResponseBytes)});
 
   if (status >= 400)
     return failedOutcome(httpStatusError(status, parsed.ok() ? parsed.value.dictionary() : nullptr,
                                          request, where.hostAndPath()));
+  if (parsed.tooLarge)
+    return invalidAnswer(ZVErrorAnswerTooLarge, strCat("answer from ", where.url,
+                                                       " is too large to decode: ", parsed.error,
+                                                       " (four times maxResponseBytes)"));
   if (!parsed.ok())
     return invalidAnswer(ZVErrorAnswerNotJSON,
                          strCat("answer from ", where.url, " is not JSON: ", parsed.error));

@@ -167,6 +167,15 @@ class Call : public std::enable_shared_from_this<Call> {
   }
 
   std::string endpoint() const { return std::string(where.hostAndPath()); }
+  // "host:port" of the URL, the port named even when it is the scheme's.
+  std::string authority() const {
+    const std::string_view hostAndPath = where.hostAndPath();
+    std::string out(hostAndPath.substr(0, hostAndPath.find('/')));
+    if (out.find(':', out.rfind(']') == std::string::npos ? 0 : out.rfind(']')) ==
+        std::string::npos)
+      out += where.url.starts_with("https:") ? ":443" : ":80";
+    return out;
+  }
 
   std::atomic<size_t>& inFlight_;
   ZVRequestCallback callback_;
@@ -209,6 +218,11 @@ zv_detail::ZVWorker<DecodeJob>& decoder() {
 void Call::answered(ZVHTTPResult result) {
   try {
     if (policy.maxAttempts > 1 && retryLater(result)) return;
+    // The attempt had what was left of the call's time: say the call's.
+    if (result.failure == ZVTransportFailure::Timeout && deadline != Clock::time_point::max() &&
+        Clock::now() + milliseconds(5) >= deadline)
+      result.failureMessage = strCat("timed out after ", service->config->requestTimeout.count(),
+                                     " ms waiting for ", authority());
   } catch (const std::exception& e) {
     finish(failed(ZVErrorTypeTransport, ZVErrorTransportOther,
                   strCat("could not read the answer: ", e.what())));

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
-#include <unordered_map>
 
 namespace zv_detail {
 namespace {
@@ -12,8 +11,6 @@ namespace {
 constexpr size_t kLinearKeyLimit = 8;
 // Up to this many keys repeats are found with a small table on the stack.
 constexpr size_t kHashedKeyLimit = 64;
-
-constexpr size_t kNotFound = static_cast<size_t>(-1);
 
 // Orders keys by length first: any strict order finds duplicates, and most
 // keys differ in length.
@@ -74,21 +71,25 @@ bool hasDuplicateKeys(std::span<const ZVDictionarySlot> slots,
 }
 
 void mergeDuplicates(ZVMutableDictionary& dictionary) {
+  // In place, with one index per entry: a map of the keys would take several
+  // times the memory of the entries themselves.
   auto slots = ZVJSONAccess::slots(dictionary);
-  std::unordered_map<std::string_view, size_t> last;
-  for (size_t i = 0; i < slots.size(); ++i) last[slots[i].key.view()] = i;
-  ZVElements<ZVDictionarySlot> merged;
-  auto out = store(merged);
-  out.reserve(last.size());
-  for (size_t i = 0; i < slots.size(); ++i) {
-    auto it = last.find(slots[i].key.view());
-    if (it->second == kNotFound) continue;  // written at its first position already
-    auto& slot = out.emplace_back();
-    slot.key = slots[i].key;  // copied: the map's views point into the old keys
-    slot.value = std::move(slots[it->second].value);
-    it->second = kNotFound;
+  std::vector<uint32_t> order(slots.size());
+  for (uint32_t i = 0; i < order.size(); ++i) order[i] = i;
+  std::sort(order.begin(), order.end(), [&](uint32_t a, uint32_t b) {
+    const std::string_view x = slots[a].key.view();
+    const std::string_view y = slots[b].key.view();
+    return x != y ? keyLess(x, y) : a < b;
+  });
+  for (size_t first = 0, next = 1; first < order.size(); first = next++) {
+    while (next < order.size() && slots[order[next]].key.view() == slots[order[first]].key.view())
+      ++next;
+    if (next - first == 1) continue;
+    // The first occurrence takes the last value; the others become nil and go.
+    slots[order[first]].value = std::move(slots[order[next - 1]].value);
+    for (size_t k = first + 1; k < next; ++k) slots[order[k]].value = ZVJSONValue();
   }
-  slots.takeFrom(merged);
+  slots.eraseIf([](const ZVDictionarySlot& slot) { return slot.value.isNil(); });
   ZVJSONAccess::live(dictionary) = slots.size();
 }
 

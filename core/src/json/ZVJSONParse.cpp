@@ -2,7 +2,9 @@
 #include <ZorvaneCoreKit/ZVJSON.h>
 
 #include <algorithm>
+#include <charconv>
 #include <cstring>
+#include <limits>
 #include <optional>
 #include <span>
 
@@ -14,6 +16,7 @@
 #include "json/ZVJSONWrite.h"
 
 using zv_detail::ZVArena;
+using zv_detail::ZVMemoryBudget;
 using zv_detail::ZVText;
 
 namespace {
@@ -90,6 +93,8 @@ class ScratchStack {
 
   size_t size() const { return size_; }
   size_t capacity() const { return capacity_; }
+  // Growth is charged here during a parse (none: no limit).
+  ZVMemoryBudget* budget = nullptr;
   // The elements from `base` up.
   std::span<const T> top(size_t base) const { return {data_ + base, size_ - base}; }
   template <class... Args>
@@ -117,6 +122,7 @@ class ScratchStack {
  private:
   void grow() {
     const size_t capacity = capacity_ == 0 ? 256 : 2 * capacity_;
+    if (budget != nullptr) budget->charge((capacity - capacity_) * sizeof(T));
     T* fresh = static_cast<T*>(::operator new(capacity * sizeof(T)));
     if (size_ != 0)
       std::memcpy(static_cast<void*>(fresh), static_cast<const void*>(data_), size_ * sizeof(T));
@@ -169,14 +175,83 @@ std::string depthError(size_t limit) {
   return zv_detail::strCat("JSON nesting is deeper than ", limit, " levels");
 }
 
+bool isBlank(char c) {
+  return c == ' ' || c == '\t' || c == '\n' || c == '\r';
+}
+
+bool isDigit(char c) {
+  return c >= '0' && c <= '9';
+}
+
+// A number of JSON's grammar that simdjson will not read: an integer beyond
+// the 64-bit types or an exponent beyond double's range. It becomes the
+// nearest double, or infinity (zero) when its magnitude is beyond (below)
+// double's range, rather than failing the whole text for one odd field.
+// False when `token` (blank space around it allowed) is not a JSON number.
+bool readNumberBeyondRange(std::string_view token, ZVJSONValue& out) {
+  while (!token.empty() && isBlank(token.front())) token.remove_prefix(1);
+  while (!token.empty() && isBlank(token.back())) token.remove_suffix(1);
+  // -?(0|[1-9][0-9]*)(\.[0-9]+)?([eE][+-]?[0-9]+)?, noting where the digits
+  // stand and the exponent's value (saturated: it only needs its sign).
+  size_t i = 0;
+  const size_t n = token.size();
+  const bool negative = i < n && token[i] == '-';
+  if (negative) ++i;
+  const size_t integerStart = i;
+  if (i < n && token[i] == '0') {
+    ++i;
+  } else {
+    if (i == n || !isDigit(token[i])) return false;
+    while (i < n && isDigit(token[i])) ++i;
+  }
+  const size_t integerDigits = i - integerStart;
+  size_t fractionZeros = 0;  // zeros after the point before the first other digit
+  if (i < n && token[i] == '.') {
+    ++i;
+    if (i == n || !isDigit(token[i])) return false;
+    for (; i < n && token[i] == '0'; ++i) ++fractionZeros;
+    while (i < n && isDigit(token[i])) ++i;
+  }
+  int64_t exponent = 0;
+  if (i < n && (token[i] == 'e' || token[i] == 'E')) {
+    ++i;
+    const bool negativeExponent = i < n && token[i] == '-';
+    if (i < n && (token[i] == '-' || token[i] == '+')) ++i;
+    if (i == n || !isDigit(token[i])) return false;
+    for (; i < n && isDigit(token[i]); ++i)
+      exponent = std::min<int64_t>(exponent * 10 + (token[i] - '0'), int64_t{1} << 40);
+    if (negativeExponent) exponent = -exponent;
+  }
+  if (i != n) return false;
+
+  double value = 0.0;
+  const auto [end, error] =
+      std::from_chars(token.data() + (negative ? 1 : 0), token.data() + n, value);
+  if (error == std::errc::result_out_of_range) {
+    // Past double's range one way or the other: the power of ten of the
+    // first significant digit says which.
+    const bool zeroInteger = token[integerStart] == '0';
+    const int64_t magnitude = zeroInteger ? exponent - static_cast<int64_t>(fractionZeros)
+                                          : exponent + static_cast<int64_t>(integerDigits);
+    value = magnitude > 0 ? std::numeric_limits<double>::infinity() : 0.0;
+  } else if (error != std::errc() || end != token.data() + n) {
+    return false;
+  }
+  out = ZVJSONValue(negative ? -value : value);
+  return true;
+}
+
 // A scalar text parsed on its own by the DOM parser (padded: `capacity` is at
 // least `size` + ZVJSONPadding).
 simdjson::error_code parseScalar(simdjson::dom::parser& parser, const char* data, size_t size,
                                  size_t capacity, ZVJSONValue& out) {
   simdjson::dom::element root;
   if (const auto error = parser.parse(simdjson::padded_string_view(data, size, capacity)).get(root);
-      error != simdjson::SUCCESS)
+      error != simdjson::SUCCESS) {
+    if (error == simdjson::NUMBER_ERROR && readNumberBeyondRange({data, size}, out))
+      return simdjson::SUCCESS;
     return error;
+  }
   using T = simdjson::dom::element_type;
   switch (root.type()) {
     case T::INT64:
@@ -298,7 +373,8 @@ class Builder {
   // (get_number() reads floats with more than 19 digits as 0 in this
   // simdjson). A number the walk cannot read (a huge exponent, an integer
   // beyond 64 bits) is read again on its own by the DOM parser, which has
-  // the last word; a failed getter leaves it for the walk to step over.
+  // the last word on what is a number, and by us for the numbers beyond its
+  // range; a failed getter leaves it for the walk to step over.
   [[gnu::always_inline]] bool buildNumber(od::value& v, ZVJSONValue& out) {
     od::number_type kind;
     if (v.get_number_type().get(kind) == simdjson::SUCCESS) {
@@ -489,13 +565,12 @@ class Builder {
 };
 
 ZVJSONParseResult parsePadded(const char* data, size_t size, size_t capacity, size_t limit,
-                              ThreadParser& tp) {
+                              ThreadParser& tp, ZVMemoryBudget& budget) {
   ZVJSONParseResult result;
   // A scalar on its own (a number, a string, true...) goes to the DOM parser:
   // the On-Demand walk misreads some, e.g. with long blank space after them.
-  const auto blank = [](char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r'; };
   size_t first = 0;
-  while (first < size && blank(data[first])) ++first;
+  while (first < size && isBlank(data[first])) ++first;
   if (first == size || (data[first] != '{' && data[first] != '[')) {
     if (const auto error = parseScalar(tp.scalars, data, size, capacity, result.value);
         error != simdjson::SUCCESS)
@@ -508,8 +583,12 @@ ZVJSONParseResult parsePadded(const char* data, size_t size, size_t capacity, si
   // The walk holds the arena while it cuts from it; what it built holds it after.
   struct Hold {
     ZVArena* arena;
-    ~Hold() { arena->release(); }
+    ~Hold() {
+      arena->setBudget(nullptr);
+      arena->release();
+    }
   } hold{new ZVArena(std::min(size * 2, size_t{64} << 10))};
+  hold.arena->setBudget(&budget);
   Builder builder(std::string_view(data, size), limit, tp, *hold.arena);
   ZVJSONValue value;
   if (error == simdjson::SUCCESS && builder.buildRoot(document, value)) {
@@ -533,6 +612,9 @@ ZVJSONParseResult parse(std::string_view text, size_t capacity, const ZVJSONPars
   const size_t limit = std::min(options.maxDepth, kHardMaxDepth);
   ZVJSONParseResult result;
   ThreadParser& tp = threadParser();
+  ZVMemoryBudget budget(options.maxValueBytes);
+  tp.slots.budget = &budget;
+  tp.items.budget = &budget;
   try {
     const char* data = text.data() != nullptr ? text.data() : "";
     if (capacity < text.size() + ZVJSONPadding) {
@@ -545,8 +627,12 @@ ZVJSONParseResult parse(std::string_view text, size_t capacity, const ZVJSONPars
       data = tp.padded.data();
       capacity = tp.padded.size();
     }
-    result = parsePadded(data, text.size(), capacity, limit, tp);
-    tp.trim(text.size());
+    result = parsePadded(data, text.size(), capacity, limit, tp, budget);
+  } catch (const ZVMemoryBudget::Exceeded&) {
+    result.value = ZVJSONValue();
+    result.error =
+        zv_detail::strCat("JSON values need more than ", options.maxValueBytes, " bytes of memory");
+    result.tooLarge = true;
   } catch (const std::bad_alloc&) {
     result.value = ZVJSONValue();
     result.error = "out of memory while parsing JSON";
@@ -558,6 +644,10 @@ ZVJSONParseResult parse(std::string_view text, size_t capacity, const ZVJSONPars
   // and with them its arena.
   tp.slots.clear();
   tp.items.clear();
+  tp.slots.budget = nullptr;
+  tp.items.budget = nullptr;
+  // Also after a failure: a walk cut short may have grown the buffers most.
+  tp.trim(text.size());
   return result;
 }
 

@@ -7,6 +7,7 @@ namespace zv_detail {
 
 void* ZVArena::allocateInNewChunk(size_t bytes, size_t align) {
   const size_t size = std::max(nextChunk_, bytes + align);
+  if (budget_ != nullptr) budget_->charge(size);
   chunks_.reserve(chunks_.size() + 1);  // before the chunk: nothing leaks if this throws
   char* begin = static_cast<char*>(::operator new(size));
   chunks_.push_back(begin);

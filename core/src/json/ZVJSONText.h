@@ -13,6 +13,22 @@
 
 namespace zv_detail {
 
+// The memory one parse may take for its values: the arena's chunks and the
+// growth of the walk's scratch space are charged as they are allocated, and
+// the first charge past the limit throws `Exceeded`, which ends the parse.
+class ZVMemoryBudget {
+ public:
+  struct Exceeded {};
+  explicit ZVMemoryBudget(size_t limit) : left_(limit) {}
+  void charge(size_t bytes) {
+    if (bytes > left_) throw Exceeded{};
+    left_ -= bytes;
+  }
+
+ private:
+  size_t left_;
+};
+
 // Memory for the containers and long strings of one parsed text, cut by
 // bumping a pointer in the parse order (which is the order records and
 // teardown read it back in) and given back all at once when the last
@@ -21,6 +37,9 @@ namespace zv_detail {
 class ZVArena {
  public:
   explicit ZVArena(size_t firstChunk) : nextChunk_(std::max<size_t>(firstChunk, 256)) {}
+  // Each new chunk is charged to `budget` (none: no limit) until the parse
+  // that cuts from the arena is over.
+  void setBudget(ZVMemoryBudget* budget) { budget_ = budget; }
   ~ZVArena() {
     for (void* chunk : chunks_) ::operator delete(chunk);
   }
@@ -52,6 +71,7 @@ class ZVArena {
   [[gnu::noinline]] void* allocateInNewChunk(size_t bytes, size_t align);
 
   std::atomic<size_t> refs_{1};
+  ZVMemoryBudget* budget_ = nullptr;
   std::vector<void*> chunks_;
   char* cursor_ = nullptr;
   char* limit_ = nullptr;

@@ -19,6 +19,10 @@ class Writer {
   Writer(std::string& out, bool pretty, bool lenient)
       : out_(out), pretty_(pretty), lenient_(lenient) {}
 
+  // A lenient writer stops taking elements and members once `out` has
+  // reached `limit` bytes.
+  void setLimit(size_t limit) { limit_ = limit; }
+
   bool write(const ZVJSONValue& v, size_t depth) {
     switch (v.type()) {
       case ZVJSONValue::Type::Nil:
@@ -50,6 +54,7 @@ class Writer {
     bool first = true;
     for (const ZVJSONValue& item : array) {
       if (item.isNil()) continue;
+      if (out_.size() >= limit_) return true;
       if (!first) out_ += ',';
       first = false;
       if (pretty_) newline(depth + 1);
@@ -66,7 +71,7 @@ class Writer {
     bool first = true;
     bool ok = true;
     forEachEntry(dictionary, [&](std::string_view key, const ZVJSONValue& value) {
-      if (!ok) return;
+      if (!ok || out_.size() >= limit_) return;
       if (!first) out_ += ',';
       first = false;
       if (pretty_) newline(depth + 1);
@@ -167,6 +172,7 @@ class Writer {
   std::string& out_;
   bool pretty_;
   bool lenient_;
+  size_t limit_ = SIZE_MAX;
 };
 
 template <class Container>
@@ -188,6 +194,20 @@ std::string describe(const ZVMutableArray& array) {
 
 std::string describe(const ZVMutableDictionary& dictionary) {
   return describeContainer(dictionary);
+}
+
+std::string describeCapped(const ZVJSONValue& value, size_t maxBytes) {
+  if (!value.isArray() && !value.isDictionary()) return value.description();
+  std::string out;
+  Writer writer(out, /*pretty=*/true, /*lenient=*/true);
+  writer.setLimit(maxBytes);
+  writer.write(value, 0);
+  if (out.size() <= maxBytes) return out;
+  size_t cut = maxBytes;
+  while (cut > 0 && (static_cast<unsigned char>(out[cut]) & 0xC0) == 0x80) --cut;
+  out.resize(cut);
+  out += "...";
+  return out;
 }
 
 }  // namespace zv_detail

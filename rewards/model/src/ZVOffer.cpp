@@ -1,5 +1,6 @@
 #include <ZorvaneRewardsKit/ZVOffer.h>
 
+#include <algorithm>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -7,6 +8,7 @@
 #include "base/ZVStrings.h"
 
 #include "base/ZVUtil.h"
+#include "json/ZVJSONWrite.h"
 #include "json/ZVKeyList.h"
 
 namespace {
@@ -70,10 +72,17 @@ std::shared_ptr<ZVOffer> ZVOffer::initMutableWithDictionary(const ZVJSONValue& v
 ZVOfferArrayPtr ZVOffer::parseOptions(const ZVJSONValue& value) {
   // Held by value: the option records below edit their own objects in place.
   const ZVArrayPtr options = value.array();
-  if (!options || options->empty()) return emptyOptions();
+  if (!options) return emptyOptions();
+  // Elements that are not objects are skipped: a record for each would cost
+  // hundreds of bytes for every two bytes of a hostile answer.
+  const auto objects = static_cast<size_t>(std::count_if(
+      options->begin(), options->end(), [](const ZVJSONValue& v) { return v.isDictionary(); }));
+  if (objects == 0) return emptyOptions();
   std::vector<std::shared_ptr<ZVOffer>> records;
-  records.reserve(options->count());
-  for (const ZVJSONValue& element : *options) records.push_back(initMutableWithDictionary(element));
+  records.reserve(objects);
+  for (const ZVJSONValue& element : *options)
+    if (const ZVDictionaryPtr option = element.dictionary())
+      records.push_back(initMutableWithDictionary(option));
   return std::make_shared<const ZVOfferArray>(std::move(records));
 }
 
@@ -111,7 +120,8 @@ std::string ZVOffer::stringForStatus(int64_t status) {
 
 std::string ZVOffer::description() const {
   return zv_detail::strCat("\rOffer ID: ", ZVDescribe(optionalText(offerID_)),
-                           "\rType: ", type_.description(), "\rName: ", name_.description(),
-                           "\rDetails: ", details_.description(),
+                           "\rType: ", zv_detail::describeField(type_),
+                           "\rName: ", zv_detail::describeField(name_),
+                           "\rDetails: ", zv_detail::describeField(details_),
                            "\rStatus: ", stringForStatus(status_), "\rPoints: ", points_);
 }

@@ -6,6 +6,7 @@
 #include "base/ZVStrings.h"
 
 #include "base/ZVUtil.h"
+#include "json/ZVJSONWrite.h"
 
 namespace {
 
@@ -112,8 +113,8 @@ std::string ZVOrder::stringForStatus(int64_t status) {
 std::string ZVOrder::description() const {
   const std::string offer = ZVDescribe(optionalText(offerID_));
   return zv_detail::strCat("Offer ID: ", offer, "\rOrder ID: ", ZVDescribe(optionalText(orderID_)),
-                           " (Offer ID: ", offer, ")\rName: ", name_.description(),
-                           "\rDetails: ", details_.description(),
+                           " (Offer ID: ", offer, ")\rName: ", zv_detail::describeField(name_),
+                           "\rDetails: ", zv_detail::describeField(details_),
                            "\rStatus: ", stringForStatus(status_), "\rQuantity: ", quantity_,
                            "\rPoints: ", points_);
 }

@@ -2,7 +2,13 @@
 
 #include <string_view>
 
+#include "json/ZVJSONWrite.h"
+
 namespace {
+
+// The most of "base" that the message quotes: its elements may be containers,
+// whose indented text can be hundreds of times longer than the answer.
+constexpr size_t kMaxRewardText = 4096;
 
 // A non-empty string under `key`, or nothing.
 std::optional<std::string_view> nonEmptyText(const ZVMutableDictionary& d, std::string_view key) {
@@ -26,8 +32,13 @@ std::optional<std::string> composeMessage(const ZVMutableDictionary& body) {
     // The separator depends on the text so far, not on the position, so an
     // empty first element adds no leading ", ".
     for (const ZVJSONValue& element : *base) {
+      if (reward.size() >= kMaxRewardText) {
+        reward += ", ...";
+        break;
+      }
+      const size_t room = kMaxRewardText - reward.size();
       if (!reward.empty()) reward += ", ";
-      reward += element.description();
+      reward += zv_detail::describeCapped(element, room);
     }
     reward.insert(0, "Reward: ");
   }

@@ -3,6 +3,7 @@
 #include "base/ZVStrings.h"
 
 #include "base/ZVUtil.h"
+#include "json/ZVJSONWrite.h"
 
 std::shared_ptr<ZVSkillChallenge> ZVSkillChallenge::initMutableWithDictionary(
     const ZVDictionaryPtr& dictionary) {
@@ -23,5 +24,5 @@ std::shared_ptr<ZVSkillChallenge> ZVSkillChallenge::initMutableWithDictionary(
 
 std::string ZVSkillChallenge::description() const {
   return zv_detail::strCat("\rChallenge ID: ", ZVDescribe(challengeID_ ? &*challengeID_ : nullptr),
-                           "\rStatus: ", status_.description());
+                           "\rStatus: ", zv_detail::describeField(status_));
 }

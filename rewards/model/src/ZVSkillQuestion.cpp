@@ -3,6 +3,7 @@
 #include "base/ZVStrings.h"
 
 #include "base/ZVUtil.h"
+#include "json/ZVJSONWrite.h"
 
 std::shared_ptr<ZVSkillQuestion> ZVSkillQuestion::initMutableWithDictionary(
     const ZVDictionaryPtr& dictionary) {
@@ -27,5 +28,5 @@ std::shared_ptr<ZVSkillQuestion> ZVSkillQuestion::initMutableWithDictionary(
 
 std::string ZVSkillQuestion::description() const {
   return zv_detail::strCat("\rQuestion ID: ", ZVDescribe(questionID_ ? &*questionID_ : nullptr),
-                           "\rQuestion: ", question_.description());
+                           "\rQuestion: ", zv_detail::describeField(question_));
 }

@@ -271,6 +271,10 @@ class RequestStream : public httplib::Stream {
 GuardedServer::GuardedServer(const ZVSandboxLimits& limits, SSL_CTX* tls)
     : limits_(limits), tls_(tls) {
   new_task_queue = [] { return new InlineTaskQueue; };
+  set_socket_options([this](socket_t sock) {
+    httplib::default_socket_options(sock);
+    listenFd_ = sock;
+  });
   set_payload_max_length(limits_.maxBodyBytes);
   // What the Keep-Alive header of each answer announces.
   set_keep_alive_max_count(kRequestsPerConnection);
@@ -330,6 +334,11 @@ SSL_CTX* GuardedServer::makeTLSContext(const std::string& certificate, const std
   // come from the same bytes at another address.
   SSL_CTX_set_mode(context, SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
   return context;
+}
+
+void GuardedServer::widenBacklog() const {
+  // Listening again on a listening socket only changes its backlog.
+  if (listenFd_ >= 0) ::listen(listenFd_, 1024);
 }
 
 void GuardedServer::wakePoller() {

@@ -48,6 +48,11 @@ class GuardedServer : public httplib::Server {
   /// closes without an answer. False when called from elsewhere.
   static bool dropConnection();
 
+  /// After a successful bind: lets up to 1,024 connections wait for accept
+  /// instead of httplib's 5, past which a burst of clients (and any client
+  /// behind it) waits a second or more for its SYN to be sent again.
+  void widenBacklog() const;
+
   /// A server context for the certificate and key files, or null with a
   /// message in `error`.
   static SSL_CTX* makeTLSContext(const std::string& certificate, const std::string& key,
@@ -62,6 +67,7 @@ class GuardedServer : public httplib::Server {
 
   const ZVSandboxLimits limits_;
   SSL_CTX* tls_;
+  int listenFd_ = -1;                // the socket httplib last bound
   int wakeFd_ = -1;                  // eventfd that breaks the poll thread's wait
   std::atomic<size_t> open_{0};      // connections, wherever they are
   std::atomic<size_t> buffered_{0};  // request bytes held for all connections

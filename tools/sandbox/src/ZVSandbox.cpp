@@ -622,6 +622,7 @@ bool ZVSandbox::start(std::string& error) {
     impl.port = 0;
     return fail(fmt::format("could not listen on {}:{}", impl.options.host, impl.options.port));
   }
+  impl.server->widenBacklog();
 
   auto ended = std::make_shared<std::atomic<bool>>(false);
   impl.listener = std::thread([server = impl.server.get(), ended] {

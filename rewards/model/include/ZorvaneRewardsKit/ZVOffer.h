@@ -29,6 +29,12 @@ enum ZVOfferStatus : int64_t {
 /// One reward offer, built from an offer JSON object. A plain value holder:
 /// every field has a getter and a setter, and nothing is validated.
 ///
+/// The offers handler builds one record per element of the answer's "offers"
+/// that is a JSON object, options included; an element of another type
+/// (outside the contract) is skipped and costs no record. One answer may
+/// produce at most `maxResponseBytes / 128` records, options at every depth
+/// included (see `ZVConfiguration::maxResponseBytes`).
+///
 /// Fields "stored as they stand" (`name`, `type`, `details`, `descriptionText`,
 /// `startTime`, `endTime`, `tier`, `logoURL`, `data`) are `ZVJSONValue`s: they
 /// hold whatever JSON value stood under their key (normally a string; read it
@@ -47,14 +53,15 @@ class ZV_REWARDS_EXPORT ZVOffer final : public ZVObject {
   /// options' objects stripped of what the option records consumed. A null
   /// dictionary gives an empty record whose `options` is null.
   static std::shared_ptr<ZVOffer> initMutableWithDictionary(const ZVDictionaryPtr& dictionary);
-  /// The same for any JSON value: a value that is not a dictionary (an
-  /// element of "offers" or "options" of another type) gives the empty record
-  /// of a null dictionary.
+  /// The same for any JSON value: a value that is not a dictionary gives the
+  /// empty record of a null dictionary. (Lists of offers skip such elements
+  /// instead: see `parseOptions`.)
   static std::shared_ptr<ZVOffer> initMutableWithDictionary(const ZVJSONValue& value);
 
-  /// `parseOptions:`: one record per element, in order; never null. A value
-  /// that is not an array (nil, JSON null, a string...) gives an empty array.
-  /// Options nest to any depth the parser accepts.
+  /// `parseOptions:`: one record per element that is a JSON object, in
+  /// order; never null. Other elements (outside the contract) are skipped. A
+  /// value that is not an array (nil, JSON null, a string...) gives an empty
+  /// array. Options nest to any depth the parser accepts.
   static ZVOfferArrayPtr parseOptions(const ZVJSONValue& options);
 
   /// `statusForString:`: exact, case-sensitive; a value that is not a string gives 0.
@@ -111,8 +118,8 @@ class ZV_REWARDS_EXPORT ZVOffer final : public ZVObject {
   void setData(ZVJSONValue v) { data_ = std::move(v); }
   /// The option records; null only for the record of a null dictionary. An
   /// "options" that is absent or not an array gives an empty array; an element
-  /// that is not an object gives an empty record (all fields empty, `options`
-  /// null). The list of an offer without options may be shared between records.
+  /// that is not an object is skipped (it stays in `extras`). The list of an
+  /// offer without options may be shared between records.
   const ZVOfferArrayPtr& options() const { return options_; }
   void setOptions(ZVOfferArrayPtr v) { options_ = std::move(v); }
   /// The keys the record did not consume (unknown keys, "options").

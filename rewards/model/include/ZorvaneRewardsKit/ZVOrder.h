@@ -51,6 +51,11 @@ class ZV_REWARDS_EXPORT ZVOrderUser final : public ZVObject {
 
 /// One order, built from an order JSON object (or a wrapper {"order": {...}}).
 ///
+/// The orders handler builds one record per element of the answer's "orders"
+/// that is a JSON object; an element of another type (outside the contract)
+/// is skipped and costs no record. One answer may produce at most
+/// `maxResponseBytes / 128` orders (see `ZVConfiguration::maxResponseBytes`).
+///
 /// @par Thread safety
 /// No locking; see `ZVOffer`.
 class ZV_REWARDS_EXPORT ZVOrder final : public ZVObject {

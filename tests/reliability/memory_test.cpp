@@ -1,0 +1,263 @@
+// Decoding any answer within maxResponseBytes stays under a bound, whatever
+// the answer holds: each of the costliest answers we could construct at the
+// default limit is served on loopback to a child process (memory_child.cpp),
+// whose peak resident memory must stay under the bound docs/reliability.md
+// states. Set ZV_MEMORY_REPORT=1 to print the figures as the table there,
+// and ZV_MEMORY_LIMIT_MB to try another limit. Plain build only: the
+// sanitizers multiply memory.
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include <ZorvaneCoreKit/ZVError.h>
+#include <ZorvaneCoreKit/ZVJSON.h>
+#include <ZorvaneCoreKit/Zorvane.h>
+
+#include "ZVProcess.h"
+#include "ZVRawServer.h"
+
+using namespace zvtest;
+
+namespace {
+
+const size_t kLimit = std::getenv("ZV_MEMORY_LIMIT_MB") != nullptr
+                          ? std::strtoull(std::getenv("ZV_MEMORY_LIMIT_MB"), nullptr, 10) << 20
+                          : ZVConfiguration{}.maxResponseBytes;
+// What the decoding of one answer may add to a host's resident memory, in
+// times the limit (docs/reliability.md).
+constexpr double kBoundTimesLimit = 13;
+
+// `head`, then the units made by `unit(i)` joined by commas, as many as fit
+// in `size` bytes with `tail`.
+std::string joined(std::string_view head, const std::function<std::string(size_t)>& unit,
+                   std::string_view tail, size_t size = kLimit) {
+  std::string out(head);
+  out.reserve(size);
+  for (size_t i = 0;; ++i) {
+    const std::string next = unit(i);
+    if (out.size() + next.size() + 1 + tail.size() > size) break;
+    if (i != 0) out += ',';
+    out += next;
+  }
+  out += tail;
+  return out;
+}
+
+std::string repeated(std::string_view head, const std::string& unit, std::string_view tail) {
+  return joined(
+      head, [&](size_t) { return unit; }, tail);
+}
+
+// The body made by `build(n)` for the largest n, within 3%, whose JSON
+// values fit the budget of an answer at the limit, less 1 MiB (how much of
+// the scratch space a parse charges depends a little on what the thread
+// parsed before): what a hostile service would tune.
+std::string largestAccepted(const std::function<std::string(size_t)>& build, size_t high) {
+  const size_t budget = ZVJSONMemoryForAnswer(kLimit) - (size_t{1} << 20);
+  size_t low = 0;
+  while (high - low > high / 32) {
+    const size_t mid = (low + high + 1) / 2;
+    std::string body = build(mid);
+    const bool fits = body.size() <= kLimit && ZVJSONParse(body, {.maxValueBytes = budget}).ok();
+    if (fits)
+      low = mid;
+    else
+      high = mid - 1;
+  }
+  return build(low);
+}
+
+// Pads `body` (which ends in "}") with a string member up to the limit.
+std::string padded(std::string body) {
+  body.pop_back();
+  const size_t room = kLimit - body.size() - 12;
+  body += R"(,"pad":")" + std::string(room, 'p') + "\"}";
+  return body;
+}
+
+// Chains at the depth limit below an object and an array (a third level
+// for the service error's "base").
+const std::string kDeep = std::string(510, '[') + std::string(510, ']');
+const std::string kDeeper = std::string(509, '[') + std::string(509, ']');
+
+// `n` records of the record limit: 256 offers of 255 options each.
+std::string optionsTree(size_t offers) {
+  std::string out;
+  for (size_t i = 0; i < offers; ++i) {
+    out += i == 0 ? R"({"options":[)" : R"(,{"options":[)";
+    for (int j = 0; j < 255; ++j) out += j == 0 ? "{}" : ",{}";
+    out += "]}";
+  }
+  return out;
+}
+
+struct Shape {
+  std::string name;
+  std::function<std::string()> body;
+  const char* operation = "offers";
+  std::string outcome;  // what the outcome must start with
+  int status = 200;
+};
+
+void PrintTo(const Shape& shape, std::ostream* out) {
+  *out << shape.name;
+}
+
+std::vector<Shape> shapes() {
+  const std::string tooLarge = ZVErrorAnswerTooLarge;
+  const size_t records = kLimit / 128;
+  return {
+      {"tiny arrays", [] { return repeated(R"({"status":"ok","offers":[)", "[]", "]}"); }, "offers",
+       tooLarge},
+      {"empty objects", [] { return repeated(R"({"status":"ok","offers":[)", "{}", "]}"); },
+       "offers", tooLarge},
+      {"zeros", [] { return repeated(R"({"status":"ok","offers":[)", "0", "]}"); }, "offers",
+       tooLarge},
+      {"nesting at the depth limit",
+       [] { return repeated(R"({"status":"ok","offers":[)", kDeep, "]}"); }, "offers", tooLarge},
+      {"distinct long keys",
+       [] {
+         return joined(R"({"status":"ok","x":{)",
+                       [](size_t i) { return fmt::format(R"("key-{:016}":0)", i); }, "}}");
+       },
+       "offers", tooLarge},
+      {"distinct short keys, one repeated",
+       [] {
+         // Members "0":0,"1":0,... of which the first n are taken.
+         std::string members;
+         std::vector<size_t> ends;
+         for (size_t i = 0; members.size() < kLimit; ++i) {
+           members += fmt::format(R"("{}":0,)", i);
+           ends.push_back(members.size());
+         }
+         return largestAccepted(
+             [&](size_t n) {
+               return padded(R"({"status":"ok","x":{)" + members.substr(0, ends[n]) + R"("0":1}})");
+             },
+             ends.size() - 1);
+       },
+       "offers", "0 records"},
+      {"long strings of escapes",
+       [] {
+         std::string escapes;
+         for (int i = 0; i < 2000; ++i) escapes += "\\n";
+         return repeated(R"({"status":"ok","x":[)", "\"" + escapes + "\"", "]}");
+       },
+       "offers", "0 records"},
+      {"numbers beyond double", [] { return repeated(R"({"status":"ok","x":[)", "1e400", "]}"); },
+       "offers", tooLarge},
+      {"one number as long as the answer",
+       [] {
+         std::string body = R"({"status":"ok","x":)";
+         body += std::string(kLimit - body.size() - 1, '9');
+         return body + "}";
+       },
+       "offers", "0 records"},
+      {"options at the record limit, values at the budget",
+       [records] {
+         return largestAccepted(
+             [records](size_t n) {
+               return padded(R"({"status":"ok","offers":[)" + optionsTree(records / 256) +
+                             R"(],"x":[)" +
+                             joined(
+                                 "", [](size_t) { return "[]"; }, "]}", 3 * n));
+             },
+             kLimit / 3);
+       },
+       "offers", fmt::format("{} records", records)},
+      // An order is three records in one: the order, its user and its address.
+      {"orders at the record limit, values at the budget",
+       [records] {
+         return largestAccepted(
+             [records](size_t n) {
+               const std::string order = R"({"user":{},"shipping_address":{}})";
+               std::string orders = joined(
+                   "", [&](size_t) { return order; }, "", (order.size() + 1) * records - 1);
+               return padded(R"({"status":"ok","orders":[)" + orders + R"(],"x":[)" +
+                             joined(
+                                 "", [](size_t) { return "[]"; }, "]}", 3 * n));
+             },
+             kLimit / 3);
+       },
+       "orders", fmt::format("{} records", records)},
+      {"service error quoting nested containers",
+       [] {
+         return largestAccepted(
+             [](size_t n) {
+               return padded(R"({"status":"error","order":{"base":[)" +
+                             joined(
+                                 "", [](size_t) { return kDeeper; }, "]}}", 1019 * n + 3));
+             },
+             kLimit / 1019);
+       },
+       "offers", ": Reward: ["},
+      {"HTTP 500 to an order, quoting nested containers",
+       [] {
+         return largestAccepted(
+             [](size_t n) {
+               return padded(R"({"x":[)" +
+                             joined(
+                                 "", [](size_t) { return kDeep; }, "]}", 1021 * n + 2));
+             },
+             kLimit / 1021);
+       },
+       "order", std::string(ZVErrorHTTPStatus) + ": {", 500},
+  };
+}
+
+class MemoryTest : public ::testing::TestWithParam<Shape> {};
+
+TEST_P(MemoryTest, DecodingTheAnswerStaysUnderTheBound) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  GTEST_SKIP() << "the sanitizers multiply memory";
+#endif
+  const Shape& shape = GetParam();
+  const std::string body = shape.body();
+  ASSERT_LE(body.size(), kLimit);
+  ZVRawServer warmup(
+      {.bytes = ZVRawServer::answer(
+           200, "application/json",
+           R"({"status":"ok","offers":[{"id":"1"}],"orders":[{"id":"1"}],"order":{}})")});
+  // No Content-Length: the body grows as it arrives, its costliest way in.
+  ZVRawServer server({.bytes = fmt::format("HTTP/1.1 {} X\r\nContent-Type: application/json\r\n"
+                                           "Connection: close\r\n\r\n",
+                                           shape.status) +
+                               body});
+  const ProcessResult child = runProcess({ZV_MEMORY_CHILD, warmup.baseURL(), server.baseURL(),
+                                          std::to_string(kLimit), shape.operation},
+                                         std::chrono::minutes(2));
+  ASSERT_EQ(child.exitCode(), 0) << child.err;
+  size_t rssKB = 0;
+  size_t peakKB = 0;
+  size_t afterKB = 0;
+  double ms = 0;
+  char outcome[256] = {};
+  ASSERT_EQ(
+      std::sscanf(child.out.c_str(), "rss_kb=%zu peak_kb=%zu after_kb=%zu ms=%lf outcome=%255[^\n]",
+                  &rssKB, &peakKB, &afterKB, &ms, outcome),
+      5)
+      << child.out;
+  const double increaseMB = static_cast<double>(peakKB - rssKB) / 1024.0;
+  if (std::getenv("ZV_MEMORY_REPORT") != nullptr)
+    std::printf("| %s | %.2f | %.1f | %.1f | %.1f | %.0f | %s |\n", shape.name.c_str(),
+                static_cast<double>(body.size()) / (1 << 20), increaseMB,
+                static_cast<double>(peakKB) / 1024.0,
+                (static_cast<double>(afterKB) - static_cast<double>(rssKB)) / 1024.0, ms, outcome);
+  EXPECT_TRUE(std::string(outcome).starts_with(shape.outcome)) << outcome;
+  EXPECT_LE(increaseMB, kBoundTimesLimit * static_cast<double>(kLimit >> 20)) << outcome;
+}
+
+INSTANTIATE_TEST_SUITE_P(WorstAnswers, MemoryTest, ::testing::ValuesIn(shapes()),
+                         [](const ::testing::TestParamInfo<Shape>& info) {
+                           std::string name;
+                           for (char c : info.param.name)
+                             if (std::isalnum(static_cast<unsigned char>(c))) name += c;
+                           return name;
+                         });
+
+}  // namespace
