@@ -13,7 +13,7 @@ void drop(Held& object, bool /*abandoned: freed all the same*/) {
 
 ZVWorker<Held>& reclaimer() {
   // Leaked: results may be released from other threads while the process exits.
-  static auto* const worker = new ZVWorker<Held>("zv-reclaim", drop);
+  static auto* const worker = new ZVWorker<Held>("zv-reclaim", kBackgroundNiceness, drop);
   return *worker;
 }
 

@@ -15,19 +15,21 @@
 
 namespace zv_detail {
 
-// How much lower than the SDK's other threads the background threads run:
-// with every thread on one CPU, the I/O thread and the host's thread win it
-// as soon as they wake, and the background work fills the gaps. Measured
-// with bench's stall/* and frame/* (0 and 19 were both worse on a busy
-// machine: 0 lets a long decode delay the I/O thread, 19 lets other
-// processes starve the decode).
+// How much lower than the SDK's other threads a worker that may lag runs
+// (the reclaimer: a free that waits only holds memory a little longer). With
+// every thread on one CPU, the I/O thread and the host's thread then win it
+// as soon as they wake. Work a host waits for (the decode) runs at the
+// normal priority: niced, it got a tenth of each busy process's share of a
+// CPU, and a 500 KB answer took over 30 s to decode (sanitized build, on a
+// machine busy with other builds).
 inline constexpr int kBackgroundNiceness = 10;
 // A worker's thread ends after this long without work, and the next item
 // starts another: a host that rarely needs one keeps no thread for it.
 inline constexpr std::chrono::seconds kWorkerIdleEnd{2};
 
 /// Runs items in the order posted, on one thread that starts with the first
-/// item (and ends when idle) and is named `name` by its creator. `run(item, abandoned)` does an
+/// item (and ends when idle), is named `name` by its creator and runs at
+/// `niceness` above the process's own. `run(item, abandoned)` does an
 /// item's work; items left when the worker stops run with `abandoned` set,
 /// on the stopping thread, so that each item runs exactly once.
 ///
@@ -38,7 +40,7 @@ class ZVWorker {
  public:
   using Run = void (*)(Item& item, bool abandoned);
 
-  ZVWorker(const char* name, Run run) : name_(name), run_(run) {}
+  ZVWorker(const char* name, int niceness, Run run) : name_(name), niceness_(niceness), run_(run) {}
   ZVWorker(const ZVWorker&) = delete;
   ZVWorker& operator=(const ZVWorker&) = delete;
 
@@ -112,15 +114,16 @@ class ZVWorker {
 
   void loop(unsigned generation) {
     tCurrent = this;
-    setpriority(PRIO_PROCESS, static_cast<id_t>(gettid()), kBackgroundNiceness);
+    if (niceness_ != 0)
+      setpriority(PRIO_PROCESS, static_cast<id_t>(gettid()),
+                  getpriority(PRIO_PROCESS, 0) + niceness_);
     std::vector<Item> batch;
     std::unique_lock lock(mutex_);
     while (generation_ == generation) {
       if (queue_.empty()) {
         waiting_ = true;
-        const bool woken = cv_.wait_for(lock, kWorkerIdleEnd, [&] {
-          return !queue_.empty() || generation_ != generation;
-        });
+        const bool woken = cv_.wait_for(
+            lock, kWorkerIdleEnd, [&] { return !queue_.empty() || generation_ != generation; });
         waiting_ = false;
         if (!woken) {
           idleEnded_ = true;  // the next post joins this thread and starts another
@@ -148,6 +151,7 @@ class ZVWorker {
   static thread_local const ZVWorker* tCurrent;
 
   const char* const name_;
+  const int niceness_;
   const Run run_;
   std::mutex mutex_;
   std::condition_variable cv_;
