@@ -55,6 +55,12 @@ void configureSDK(const Endpoint& endpoint) {
   config.appID = "bench";
   config.accessToken = kToken;
   config.caFile = endpoint.caFile;
+  // The 10,000-offer catalogue (14.6 MB) is above the default answer limit,
+  // as a host serving it would raise it; and the stall benchmark keeps more
+  // small requests waiting than the default in-flight limit while a large
+  // answer holds them up, which is what it measures.
+  config.maxResponseBytes = size_t{1} << 30;
+  config.maxRequestsInFlight = 4096;
   Zorvane::configure(config);
   quietSDK();
 }

@@ -313,20 +313,20 @@ TEST_F(LifetimesTest, NoReaderSeesTheStampWithoutItsCatalogue) {
   body += "]}";
   constexpr double kStamp = 2.0e9;
   std::atomic<bool> arrived{false}, done{false};
-  std::thread::id answering;
-  std::mutex mutex;
+  // A forced fetch reads the clock once: when its answer arrives (on the
+  // decode thread, for an answer this large).
   ZVClock::setSource([&] {
-    std::lock_guard lock(mutex);
-    if (std::this_thread::get_id() == answering) arrived = true;
+    arrived = true;
     return kStamp;
   });
   manager()->forceFetchOffersWithLocale(ZVLocale("en_US"), {});
   std::thread answerer([&] {
-    {
-      std::lock_guard lock(mutex);
-      answering = std::this_thread::get_id();
-    }
     transport->answer(200, body);
+    // The delivery is queued once the state is written.
+    const auto deadline = std::chrono::steady_clock::now() + 30s;
+    while (ZVMainQueue::shared()->pendingCount() == 0 &&
+           std::chrono::steady_clock::now() < deadline)
+      std::this_thread::yield();
     done = true;
   });
   while (!arrived && !done) std::this_thread::yield();

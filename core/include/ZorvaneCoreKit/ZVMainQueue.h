@@ -8,6 +8,7 @@
 #include <memory>
 #include <mutex>
 #include <thread>
+#include <vector>
 
 #include <ZorvaneCoreKit/ZVExport.h>
 
@@ -94,8 +95,14 @@ class ZV_CORE_EXPORT ZVMainQueue {
   void setExecutor(Executor executor);
 
  private:
-  friend class ZVLifecycle;  // shutdown and process exit, inside the SDK
+  friend class ZVLifecycle;      // shutdown and process exit, inside the SDK
+  friend class ZVDeliveryBatch;  // the SDK's threads queue a pass's deliveries at once
   bool runOne(std::unique_lock<std::mutex>& lock);
+  /// Queues `tasks` (left empty) as `async` would one by one, with one lock
+  /// and at most one wakeup of the thread that runs them.
+  void asyncAll(std::vector<Task>& tasks) noexcept;
+  /// Waits for a task, or until `until`; the lock is held.
+  void waitForTask(std::unique_lock<std::mutex>& lock, std::chrono::steady_clock::time_point until);
   void runThread();
   /// Destroys the queued tasks unrun and drops the host's hooks.
   void discardForShutdown();
@@ -110,6 +117,7 @@ class ZV_CORE_EXPORT ZVMainQueue {
   bool stop_ = false;         // guarded by mutex_
   bool threadEnded_ = false;  // guarded by mutex_: the dedicated thread left its loop
   bool exiting_ = false;      // guarded by mutex_: the process is exiting
+  size_t waiting_ = 0;        // guarded by mutex_: runners waiting for a task
   std::shared_ptr<const std::function<void()>> wakeUp_;  // guarded by mutex_
   std::shared_ptr<const Executor> executor_;             // guarded by mutex_
   std::thread thread_;

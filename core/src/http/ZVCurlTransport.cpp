@@ -15,6 +15,8 @@
 
 #include "base/ZVStrings.h"
 #include "http/ZVCurlFailures.h"
+#include "runtime/ZVDeliveryBatch.h"
+#include "runtime/ZVReclaimer.h"
 
 using namespace zv_detail;
 
@@ -47,13 +49,22 @@ struct Transfer {
   // Kept with the handle from one exchange to the next.
   CURL* easy = nullptr;
   curl_slist* headers = nullptr;
-  ZVHeaders headersSent;    // what `headers` was built from
-  bool configured = false;  // the constant options are set
-  std::string method;       // the method options set on the handle
-  bool withBody = false;    // ... and whether a body was sent
-  std::string caFile;       // the CA file set on the handle
+  ZVHeaders headersSent;            // what `headers` was built from
+  bool configured = false;          // the constant options are set
+  std::string method;               // the method options set on the handle
+  bool withBody = false;            // ... and whether a body was sent
+  std::string caFile;               // the CA file set on the handle
+  curl_slist* connectTo = nullptr;  // set on the handle for a large answer's own connection
   char errorBuffer[CURL_ERROR_SIZE] = {};
 };
+
+// A URL whose last answer was at least this large is fetched on connections
+// of its own: over HTTP/2, an exchange shares its connection with every
+// other to the same server, and a small answer queued behind megabytes of
+// another's waits for all of them to be read (bench's stall/h2).
+constexpr size_t kLargeAnswerBytes = size_t{256} << 10;
+// URLs remembered as large; past this, the oldest is forgotten.
+constexpr size_t kMaxLargeURLs = 16;
 
 // The JSON parser reads a body in place when at least this many bytes of
 // capacity follow its last byte, and copies it otherwise.
@@ -193,9 +204,10 @@ class CurlEngine {
     {
       std::lock_guard lock(mutex_);
       queue_.push_back({std::move(request), std::move(done)});
-      // From a completion, the loop looks at the queue before it waits again;
-      // from elsewhere, one wakeup until the loop takes the queue is enough.
-      if (currentEngine != this && !wakeRequested_) wake = wakeRequested_ = true;
+      // While the loop is awake (this is one of its completions, or it has
+      // not yet decided to wait) it looks at the queue before it waits
+      // again; otherwise one wakeup until the loop takes the queue is enough.
+      if (!awake_ && !wakeRequested_) wake = wakeRequested_ = true;
     }
     if (wake) curl_multi_wakeup(multi_);
   }
@@ -210,7 +222,6 @@ class CurlEngine {
 
   // The I/O loop. Runs until `stop`, then fails whatever is left with Shutdown.
   void run() {
-    currentEngine = this;
     std::vector<Pending> incoming;
     while (true) {
       {
@@ -218,24 +229,33 @@ class CurlEngine {
         if (stopping_) break;
         incoming.swap(queue_);
         wakeRequested_ = false;
-      }
-      for (Pending& pending : incoming) start(std::move(pending));
-      incoming.clear();
-      int running = 0;
-      curl_multi_perform(multi_, &running);
-      int left = 0;
-      while (CURLMsg* message = curl_multi_info_read(multi_, &left)) {
-        if (message->msg == CURLMSG_DONE) finish(message->easy_handle, message->data.result);
+        awake_ = true;
       }
       {
-        // Completions that sent again: start those before waiting.
+        // The answers of one pass reach the host's thread with one wakeup,
+        // and what they let go of leaves this thread with one hand-off.
+        zv_detail::ZVReclaimBatch reclaims;
+        ZVDeliveryBatch deliveries;
+        for (Pending& pending : incoming) start(std::move(pending));
+        incoming.clear();
+        int running = 0;
+        curl_multi_perform(multi_, &running);
+        int left = 0;
+        while (CURLMsg* message = curl_multi_info_read(multi_, &left)) {
+          if (message->msg == CURLMSG_DONE) finish(message->easy_handle, message->data.result);
+        }
+      }
+      {
+        // Sent meanwhile, from a completion or from the host's handlers
+        // just woken: start those before waiting.
         std::lock_guard lock(mutex_);
         if (!queue_.empty() || stopping_) continue;
+        awake_ = false;
       }
       curl_multi_poll(multi_, nullptr, 0, 1000, nullptr);
     }
+    ZVDeliveryBatch deliveries;
     shutDown();
-    currentEngine = nullptr;
   }
 
  private:
@@ -243,9 +263,6 @@ class CurlEngine {
     ZVHTTPRequest request;
     ZVTransport::Completion done;
   };
-
-  // The engine whose I/O loop runs on this thread, if any.
-  static thread_local const CurlEngine* currentEngine;
 
   static ZVHTTPResult failure(ZVTransportFailure kind, std::string message) {
     ZVHTTPResult result;
@@ -273,6 +290,8 @@ class CurlEngine {
     t.easy = nullptr;
     curl_slist_free_all(t.headers);
     t.headers = nullptr;
+    curl_slist_free_all(t.connectTo);
+    t.connectTo = nullptr;
   }
 
   // Back to the pool once its completion has what it needs.
@@ -425,6 +444,7 @@ class CurlEngine {
     }
 
     curl_easy_setopt(e, CURLOPT_URL, r.url.c_str());
+    setOwnConnection(t, isLarge(r.url));
     curl_easy_setopt(e, CURLOPT_CONNECTTIMEOUT_MS,
                      static_cast<long>(std::max<int64_t>(0, r.connectTimeout.count())));
     curl_easy_setopt(e, CURLOPT_TIMEOUT_MS,
@@ -446,6 +466,55 @@ class CurlEngine {
     return "";
   }
 
+  bool isLarge(const std::string& url) const {
+    return std::find(largeURLs_.begin(), largeURLs_.end(), url) != largeURLs_.end();
+  }
+
+  // Learns which URLs answer with large bodies, from each answer.
+  void noteAnswerSize(const std::string& url, size_t bytes) {
+    const auto known = std::find(largeURLs_.begin(), largeURLs_.end(), url);
+    if (bytes < kLargeAnswerBytes) {
+      if (known != largeURLs_.end()) largeURLs_.erase(known);
+      return;
+    }
+    if (known != largeURLs_.end()) return;
+    try {
+      if (largeURLs_.size() == kMaxLargeURLs) largeURLs_.erase(largeURLs_.begin());
+      largeURLs_.push_back(url);
+    } catch (...) {
+      // Not remembered: the next fetch shares a connection, as any would.
+    }
+  }
+
+  // libcurl reuses a connection made through CURLOPT_CONNECT_TO only for
+  // exchanges that set it too, so "connect to this very host and port" keeps
+  // an exchange off the connections the others share, and on its own.
+  static void setOwnConnection(Transfer& t, bool own) {
+    if (!own) {
+      if (t.connectTo == nullptr) return;
+      curl_easy_setopt(t.easy, CURLOPT_CONNECT_TO, nullptr);
+      curl_slist_free_all(t.connectTo);
+      t.connectTo = nullptr;
+      return;
+    }
+    CURLU* url = curl_url();
+    char* host = nullptr;
+    char* port = nullptr;
+    if (url != nullptr && curl_url_set(url, CURLUPART_URL, t.request.url.c_str(), 0) == CURLUE_OK &&
+        curl_url_get(url, CURLUPART_HOST, &host, 0) == CURLUE_OK &&
+        curl_url_get(url, CURLUPART_PORT, &port, CURLU_DEFAULT_PORT) == CURLUE_OK) {
+      const std::string line = strCat(host, ":", port, ":", host, ":", port);
+      if (curl_slist* list = curl_slist_append(nullptr, line.c_str())) {
+        curl_easy_setopt(t.easy, CURLOPT_CONNECT_TO, list);
+        curl_slist_free_all(t.connectTo);
+        t.connectTo = list;
+      }
+    }
+    curl_free(host);
+    curl_free(port);
+    curl_url_cleanup(url);
+  }
+
   void finish(CURL* easy, CURLcode code) {
     Transfer* found = nullptr;
     curl_easy_getinfo(easy, CURLINFO_PRIVATE, &found);
@@ -461,6 +530,7 @@ class CurlEngine {
       curl_easy_getinfo(easy, CURLINFO_HTTP_VERSION, &version);
       t.result.status = static_cast<int>(status);
       t.result.httpVersion = httpVersionText(version);
+      noteAnswerSize(t.request.url, t.result.body.size());
     } else {
       long osErrno = 0;
       curl_off_t connectTime = 0;
@@ -531,14 +601,14 @@ class CurlEngine {
   std::mutex mutex_;
   std::vector<Pending> queue_;  // guarded by mutex_
   bool wakeRequested_ = false;  // guarded by mutex_: a wakeup is on its way to the loop
+  bool awake_ = false;          // guarded by mutex_: the loop looks at the queue before it waits
   bool stopping_ = false;       // guarded by mutex_
 
   // Touched by the I/O thread only.
+  std::vector<std::string> largeURLs_;  // oldest first
   std::vector<std::unique_ptr<Transfer>> active_;
   std::vector<std::unique_ptr<Transfer>> idle_;
 };
-
-thread_local const CurlEngine* CurlEngine::currentEngine = nullptr;
 
 class CurlTransport final : public ZVTransport {
  public:

@@ -13,8 +13,11 @@
 #include "http/ZVAnswerDecoding.h"
 #include "http/ZVRequestURL.h"
 #include "http/ZVRetries.h"
+#include "runtime/ZVDeliveryBatch.h"
 #include "runtime/ZVLifecycle.h"
+#include "runtime/ZVReclaimer.h"
 #include "runtime/ZVTimer.h"
+#include "runtime/ZVWorker.h"
 
 using namespace zv_detail;
 using Clock = std::chrono::steady_clock;
@@ -90,6 +93,16 @@ class Call : public std::enable_shared_from_this<Call> {
 
   const std::shared_ptr<ZVGenericRequest>& request() const { return request_; }
 
+  // Parses the answer and calls back, on this thread.
+  void decode(ZVHTTPResult result) {
+    try {
+      finish(decodeAnswer(std::move(result), *request_, where));
+    } catch (const std::exception& e) {
+      finish(failed(ZVErrorTypeTransport, ZVErrorTransportOther,
+                    strCat("could not read the answer: ", e.what())));
+    }
+  }
+
   // Set before the first attempt, then read by the attempts alone.
   std::shared_ptr<const ZVService> service;
   ZVResolvedURL where;
@@ -133,20 +146,7 @@ class Call : public std::enable_shared_from_this<Call> {
                     "could not start the HTTP transport (or the SDK is shutting down)"));
   }
 
-  void answered(ZVHTTPResult result) {
-    try {
-      if (policy.maxAttempts > 1 && retryLater(result)) return;
-      // The attempt had what was left of the call's time: say the call's.
-      if (result.failure == ZVTransportFailure::Timeout && deadline != Clock::time_point::max() &&
-          Clock::now() + milliseconds(5) >= deadline)
-        result.failureMessage = strCat("timed out after ", service->config->requestTimeout.count(),
-                                       " ms waiting for ", authority());
-      finish(decodeAnswer(std::move(result), *request_, where));
-    } catch (const std::exception& e) {
-      finish(failed(ZVErrorTypeTransport, ZVErrorTransportOther,
-                    strCat("could not read the answer: ", e.what())));
-    }
-  }
+  void answered(ZVHTTPResult result);
 
   // Schedules the next attempt when this one may be retried and the wait
   // fits before the deadline; says whether it did.
@@ -183,6 +183,67 @@ class Call : public std::enable_shared_from_this<Call> {
   int attempts_ = 0;  // touched by one attempt at a time
   std::atomic<bool> done_{false};
 };
+
+// An answer handed to the decode thread.
+struct DecodeJob {
+  std::shared_ptr<Call> call;
+  ZVHTTPResult result;
+};
+
+// Answers from this size up are parsed, and their records built, on the
+// decode thread: at about 5 ns a byte, a 256 KB answer holds its thread up
+// for a millisecond or so, about what a small request's round trip costs.
+// Smaller answers decode where they arrive, which spares them a hand-off.
+constexpr size_t kDecodeAsideBytes = size_t{256} << 10;
+
+void runDecode(DecodeJob& job, bool abandoned) {
+  std::shared_ptr<Call> call = std::move(job.call);
+  if (abandoned) {
+    call->finish(failed(ZVErrorTypeTransport, ZVErrorTransportOther,
+                        "the SDK shut down before the answer was read"));
+    return;
+  }
+  // What the handlers queue and let go of leaves with one hand-off each.
+  zv_detail::ZVReclaimBatch reclaims;
+  ZVDeliveryBatch deliveries;
+  call->decode(std::move(job.result));
+}
+
+zv_detail::ZVWorker<DecodeJob>& decoder() {
+  // Leaked: answers may arrive on other threads while the process exits.
+  static auto* const worker = new zv_detail::ZVWorker<DecodeJob>("zv-decode", 0, runDecode);
+  return *worker;
+}
+
+void Call::answered(ZVHTTPResult result) {
+  try {
+    if (policy.maxAttempts > 1 && retryLater(result)) return;
+    // The attempt had what was left of the call's time: say the call's.
+    if (result.failure == ZVTransportFailure::Timeout && deadline != Clock::time_point::max() &&
+        Clock::now() + milliseconds(5) >= deadline)
+      result.failureMessage = strCat("timed out after ", service->config->requestTimeout.count(),
+                                     " ms waiting for ", authority());
+  } catch (const std::exception& e) {
+    finish(failed(ZVErrorTypeTransport, ZVErrorTransportOther,
+                  strCat("could not read the answer: ", e.what())));
+    return;
+  }
+  // A large answer decodes where it cannot hold up the transport's other
+  // exchanges; when the decode thread refuses it (the process exits), here.
+  if (result.failure == ZVTransportFailure::None && result.body.size() >= kDecodeAsideBytes &&
+      !decoder().onWorkerThread()) {
+    try {
+      std::vector<DecodeJob> job;
+      job.reserve(1);  // throws, if at all, before the result moves
+      job.push_back({shared_from_this(), std::move(result)});
+      if (decoder().post(job)) return;
+      result = std::move(job.front().result);
+    } catch (const std::bad_alloc&) {
+      // No memory for the hand-off: decoded here.
+    }
+  }
+  decode(std::move(result));
+}
 
 }  // namespace
 
@@ -272,6 +333,8 @@ void ZVGenericRequestManager::closeTransport(bool reopen) {
   // waited for.)
   while (sending_.load() > tHeld) std::this_thread::sleep_for(std::chrono::microseconds(50));
   dropped.reset();
+  // Answers still waiting to be decoded fail now, as those in flight did.
+  decoder().stop(reopen);
   // Retries waiting for their time run now and find no transport.
   ZVTimer::shared().stop();
   if (reopen) {

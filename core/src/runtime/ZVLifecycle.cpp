@@ -14,6 +14,7 @@
 
 #include "http/ZVGenericRequestManager.h"
 #include "runtime/ZVOperation.h"
+#include "runtime/ZVReclaimer.h"
 
 extern "C" {
 extern void* __dso_handle;  // this library's handle (Itanium C++ ABI)
@@ -56,6 +57,8 @@ void ZVLifecycle::onProcessExit() {
   // that it builds no record while the libraries' statics go.
   ZVMainQueue::shared()->stopForExit(kExitPatience);
   ZVGenericRequestManager::instance()->closeTransport(false);
+  // Last, as the threads above hand it what they free.
+  zv_detail::stopReclaimer(false);
 }
 
 void ZVLifecycle::shutdown() {
@@ -70,6 +73,9 @@ void ZVLifecycle::shutdown() {
   ZVMainQueue* queue = ZVMainQueue::shared();
   queue->stopDedicatedThread();
   queue->discardForShutdown();
+  // What the SDK's threads and the discarded tasks let go of is freed by now,
+  // so that the libraries may be unloaded after shutdown.
+  zv_detail::stopReclaimer(true);
   // Host code the SDK holds: after shutdown, none of it is called again.
   Zorvane::setHostExceptionHandler(nullptr);
   ZVLogger::instance()->setSink(nullptr);

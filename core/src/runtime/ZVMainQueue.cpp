@@ -4,8 +4,10 @@
 
 #include <vector>
 
+#include "runtime/ZVDeliveryBatch.h"
 #include "runtime/ZVHostCode.h"
 #include "runtime/ZVLifecycle.h"
+#include "runtime/ZVReclaimer.h"
 
 namespace {
 
@@ -17,12 +19,44 @@ constexpr std::chrono::milliseconds kPollInterval{5};
 // could run a handler inside the call that started its operation.
 thread_local bool tInWakeUp = false;
 
+thread_local ZVDeliveryBatch* tDeliveries = nullptr;
+
 void runGuarded(const ZVMainQueue::Task& task) {
   // A throwing task must not take the queue, and every task behind it, down with it.
   if (task) zv_detail::runHostCode("a main-queue task", task);
 }
 
+void runWakeUp(const std::function<void()>& wakeUp) {
+  tInWakeUp = true;
+  zv_detail::runHostCode("the main queue's wake-up handler", wakeUp);
+  tInWakeUp = false;
+}
+
 }  // namespace
+
+ZVDeliveryBatch::ZVDeliveryBatch() noexcept : previous_(tDeliveries) {
+  tDeliveries = this;
+}
+
+ZVDeliveryBatch::~ZVDeliveryBatch() {
+  flush();
+  tDeliveries = previous_;
+}
+
+void ZVDeliveryBatch::flush() noexcept {
+  if (!tasks_.empty()) ZVMainQueue::shared()->asyncAll(tasks_);
+}
+
+bool ZVDeliveryBatch::hold(ZVMainQueue* queue, ZVMainQueue::Task& task) noexcept {
+  ZVDeliveryBatch* batch = tDeliveries;
+  if (batch == nullptr || queue != ZVMainQueue::shared()) return false;
+  try {
+    batch->tasks_.push_back(std::move(task));
+    return true;
+  } catch (...) {
+    return false;  // no memory to hold it: queued at once instead
+  }
+}
 
 ZVMainQueue* ZVMainQueue::shared() {
   // Leaked on purpose: completion handlers may be queued from other threads, or
@@ -47,13 +81,18 @@ ZVMainQueue::~ZVMainQueue() {
 }
 
 void ZVMainQueue::async(Task task) {
+  if (ZVDeliveryBatch::hold(this, task)) return;
   std::shared_ptr<const Executor> executor;
   std::shared_ptr<const std::function<void()>> wakeUp;
+  bool wake = false;
   {
     std::lock_guard lock(mutex_);
     if (executor_ && !exiting_) {
       executor = executor_;
     } else {
+      // A runner waits only while the queue is empty: a task behind others
+      // needs no wakeup.
+      wake = tasks_.empty() && waiting_ > 0;
       tasks_.push_back(std::move(task));
       if (!exiting_) wakeUp = wakeUp_;
     }
@@ -62,12 +101,57 @@ void ZVMainQueue::async(Task task) {
     zv_detail::runHostCode("the main queue's executor", [&] { (*executor)(std::move(task)); });
     return;
   }
-  cv_.notify_all();
-  if (wakeUp) {
-    tInWakeUp = true;
-    zv_detail::runHostCode("the main queue's wake-up handler", *wakeUp);
-    tInWakeUp = false;
+  if (wake) cv_.notify_all();
+  if (wakeUp) runWakeUp(*wakeUp);
+}
+
+void ZVMainQueue::asyncAll(std::vector<Task>& tasks) noexcept {
+  std::shared_ptr<const Executor> executor;
+  std::shared_ptr<const std::function<void()>> wakeUp;
+  bool wake = false;
+  size_t queued = 0;
+  {
+    std::lock_guard lock(mutex_);
+    if (executor_ && !exiting_) {
+      executor = executor_;
+    } else {
+      wake = tasks_.empty() && waiting_ > 0;
+      try {
+        for (; queued < tasks.size(); ++queued) tasks_.push_back(std::move(tasks[queued]));
+      } catch (...) {
+        // No memory for the rest: they are destroyed unrun below, which
+        // ends their operations as cancelled.
+      }
+      if (!exiting_) wakeUp = wakeUp_;
+    }
   }
+  if (executor) {
+    for (Task& task : tasks)
+      zv_detail::runHostCode("the main queue's executor", [&] { (*executor)(std::move(task)); });
+    queued = 0;
+  }
+  if (wake) cv_.notify_all();
+  if (wakeUp)
+    for (size_t i = 0; i < queued; ++i) runWakeUp(*wakeUp);
+  tasks.clear();
+}
+
+void ZVMainQueue::waitForTask(std::unique_lock<std::mutex>& lock,
+                              std::chrono::steady_clock::time_point until) {
+  // The main queue's thread frees nothing it let go of while it waits: the
+  // results dropped since the last wait go to the reclaimer now.
+  if (zv_detail::ZVReclaimBatch* batch = zv_detail::ZVReclaimBatch::current()) {
+    lock.unlock();
+    batch->flush();
+    lock.lock();
+    if (!tasks_.empty()) return;
+  }
+  ++waiting_;
+  if (until == std::chrono::steady_clock::time_point::max())
+    cv_.wait(lock);
+  else
+    cv_.wait_until(lock, until);
+  --waiting_;
 }
 
 void ZVMainQueue::setWakeUpHandler(std::function<void()> handler) {
@@ -144,7 +228,13 @@ size_t ZVMainQueue::drain() {
   // FIFO: the first `before` tasks are exactly those queued before this call.
   const size_t before = tasks_.size();
   size_t ran = 0;
-  while (ran < before && runOne(lock)) ++ran;
+  {
+    // What the tasks let go of is freed elsewhere, handed over once.
+    zv_detail::ZVReclaimBatch reclaims;
+    while (ran < before && runOne(lock)) ++ran;
+    lock.unlock();
+  }
+  lock.lock();
   running_ = false;
   lock.unlock();
   cv_.notify_all();
@@ -154,6 +244,7 @@ size_t ZVMainQueue::drain() {
 bool ZVMainQueue::runUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout) {
   if (tInWakeUp) return false;
   const auto deadline = std::chrono::steady_clock::now() + timeout;
+  zv_detail::ZVReclaimBatch reclaims;  // handed over before each wait and at the end
   std::unique_lock lock(mutex_);
   bool owner = false;  // whether this call holds the queue and runs its tasks
   while (true) {
@@ -178,7 +269,7 @@ bool ZVMainQueue::runUntil(const std::function<bool()>& done, std::chrono::milli
     if (owner && !tasks_.empty()) {
       runOne(lock);
     } else {
-      cv_.wait_until(lock, std::min(deadline, now + kPollInterval));
+      waitForTask(lock, std::min(deadline, now + kPollInterval));
     }
   }
 }
@@ -213,12 +304,17 @@ void ZVMainQueue::runThread() {
   cv_.wait(lock, [this] { return stop_ || !running_; });
   if (!stop_) {
     running_ = true;
+    zv_detail::ZVReclaimBatch reclaims;
     while (true) {
-      cv_.wait(lock, [this] { return stop_ || !tasks_.empty(); });
+      while (!stop_ && tasks_.empty())
+        waitForTask(lock, std::chrono::steady_clock::time_point::max());
       if (stop_) break;
       runOne(lock);
     }
     running_ = false;
+    lock.unlock();
+    reclaims.flush();
+    lock.lock();
   }
   threadEnded_ = true;
   lock.unlock();

@@ -1,0 +1,54 @@
+// Inside the SDK: freeing large results on a background thread, so that the
+// host's thread (and the I/O thread) never pays for the teardown of a
+// catalogue it let go of.
+#pragma once
+
+#include <memory>
+#include <vector>
+
+#include <ZorvaneCoreKit/ZVExport.h>
+
+namespace zv_detail {
+
+/// Drops `object`'s reference on the reclaimer thread (`zv-reclaim`), or at
+/// once when called there, when the reclaimer is closed (process exit) or
+/// when no thread could start. While a `ZVReclaimBatch` is open on this
+/// thread, the object waits for the batch to close.
+ZV_CORE_EXPORT void reclaim(std::shared_ptr<const void> object) noexcept;
+
+/// `object` behind a reference whose last release hands it to `reclaim`.
+/// Costs one control block; for results whose teardown is long.
+template <class T>
+std::shared_ptr<const T> reclaimedElsewhere(std::shared_ptr<const T> object) {
+  const T* raw = object.get();
+  return std::shared_ptr<const T>(
+      raw, [held = std::move(object)](const T*) mutable noexcept { reclaim(std::move(held)); });
+}
+
+/// While open, this thread's reclaims are collected and handed over together
+/// when it closes (or at `flush`): one hand-off per drain of the main queue
+/// or pass of the I/O loop, not one per result. Nests.
+class ZV_CORE_EXPORT ZVReclaimBatch {
+ public:
+  ZVReclaimBatch() noexcept;
+  ~ZVReclaimBatch();
+  ZVReclaimBatch(const ZVReclaimBatch&) = delete;
+  ZVReclaimBatch& operator=(const ZVReclaimBatch&) = delete;
+
+  /// Hands over what was collected so far.
+  void flush() noexcept;
+  /// The batch open on this thread, if any.
+  static ZVReclaimBatch* current() noexcept;
+  /// Keeps `object` for the flush; false when there is no memory for it.
+  bool hold(std::shared_ptr<const void>& object) noexcept;
+
+ private:
+  std::vector<std::shared_ptr<const void>> held_;
+  ZVReclaimBatch* previous_;
+};
+
+/// Frees what is queued, on this thread, and joins the reclaimer thread.
+/// Without `reopen`, later reclaims free at once (process exit).
+void stopReclaimer(bool reopen);
+
+}  // namespace zv_detail
