@@ -385,7 +385,7 @@ TEST(RetryPolicyTest, AttemptsAndWaitsFitTheRequestTimeout) {
   ASSERT_TRUE(done.wait());
   // Bounded by the deadline, not by the attempts allowed (minutes of waits);
   // the slack leaves room for a sanitized build on a busy machine.
-  EXPECT_LT(std::chrono::steady_clock::now() - start, 400ms + 1s);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, 400ms + 4s);
   ASSERT_TRUE(done.error);
   EXPECT_EQ(done.error->httpStatus(), 503);
   EXPECT_GT(done.error->attempts(), 1);
