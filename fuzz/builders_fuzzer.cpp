@@ -5,6 +5,7 @@
 // that can be written as JSON reads back unchanged.
 #include <fuzzer/FuzzedDataProvider.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -58,25 +59,28 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string questionID = input.ConsumeRandomLengthString(64);
   const int method = input.ConsumeIntegralInRange(0, 2);
 
-  // The five endpoint shapes, with the ids formatted in unescaped as the
-  // manager does.
+  // The five endpoint shapes: ids go in as path values, one "%@" segment
+  // each, as the manager sends them.
   const std::string prefix = "https://:host/api/v1/apps/:appid/";
   struct Shape {
     std::string tail;
     std::vector<std::string> ids;
+    std::string expected;  // the tail with the ids in their places
   };
   const Shape shapes[] = {
-      {"offers", {}},
-      {"orders", {}},
-      {"challenges/skills_test_question", {}},
-      {"offers/" + offerID + "/orders", {offerID}},
-      {"offers/" + offerID + "/challenges/skills_test_questions/" + questionID,
-       {offerID, questionID}},
+      {"offers", {}, "offers"},
+      {"orders", {}, "orders"},
+      {"challenges/skills_test_question", {}, "challenges/skills_test_question"},
+      {"offers/%@/orders", {offerID}, "offers/" + offerID + "/orders"},
+      {"offers/%@/challenges/skills_test_questions/%@",
+       {offerID, questionID},
+       "offers/" + offerID + "/challenges/skills_test_questions/" + questionID},
   };
   const Shape& shape = shapes[input.ConsumeIntegralInRange<size_t>(0, 4)];
 
   auto builder = ZVGenericRequestBuilder::requestBuilderWithMethod(method, "kind.fuzz");
   builder->setBaseURL(prefix + shape.tail);
+  builder->setPathValues(shape.ids);
   const size_t paramCount = input.ConsumeIntegralInRange<size_t>(0, 4);
   for (size_t i = 0; i < paramCount; ++i) {
     const std::string key = input.ConsumeRandomLengthString(16);
@@ -122,9 +126,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     // the ids in place: nothing moved between slots.
     std::string rebuilt;
     for (size_t i = 1; i < segments.size(); ++i) rebuilt += (i > 1 ? "/" : "") + segments[i];
-    if (rebuilt != shape.tail) fail("path differs from the template", url);
-  } else if (!appID.empty()) {
-    fail("a well-formed request was refused", error);
+    if (rebuilt != shape.expected) fail("path differs from the template", url);
+  } else {
+    // Refused only for an app id or an id that cannot be one segment.
+    const auto isDots = [](const std::string& id) { return id == "." || id == ".."; };
+    if (!appID.empty() && !isDots(appID) &&
+        std::none_of(shape.ids.begin(), shape.ids.end(), isDots))
+      fail("a well-formed request was refused", error);
   }
 
   // The body goes out as compact JSON and must read back as it was.
