@@ -103,6 +103,19 @@ class Call : public std::enable_shared_from_this<Call> {
     }
   }
 
+  // A read whose deadline passed while answers ahead of it decoded fails
+  // (true), so that the deadline's slack stays one decode, not a queue of
+  // them. A submission's answer is never thrown away: its outcome is the user's.
+  bool expiredWhileQueued() {
+    if (request_->method() == ZVRequestMethodSubmit || deadline == Clock::time_point::max() ||
+        Clock::now() < deadline)
+      return false;
+    finish(failed(ZVErrorTypeTransport, ZVErrorTransportTimeout,
+                  strCat("timed out after ", service->config->requestTimeout.count(),
+                         " ms waiting for ", authority())));
+    return true;
+  }
+
   // Set before the first attempt, then read by the attempts alone.
   std::shared_ptr<const ZVService> service;
   ZVResolvedURL where;
@@ -203,6 +216,7 @@ void runDecode(DecodeJob& job, bool abandoned) {
                         "the SDK shut down before the answer was read"));
     return;
   }
+  if (call->expiredWhileQueued()) return;
   // What the handlers queue and let go of leaves with one hand-off each.
   zv_detail::ZVReclaimBatch reclaims;
   ZVDeliveryBatch deliveries;
