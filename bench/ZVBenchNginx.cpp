@@ -1,6 +1,7 @@
 #include "ZVBenchNginx.h"
 
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -250,6 +251,16 @@ long Nginx::acceptedConnections() const {
   in >> accepts;
   // This handle's own connection is counted once, when it is first opened.
   return accepts;
+}
+
+std::unique_ptr<Nginx> startNginx(const char* program, const std::string& dir,
+                                  const std::map<std::string, std::string>& files, int cpu) {
+  try {
+    return std::make_unique<Nginx>(dir, files, cpu);
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "%s: %s\n", program, e.what());
+    return nullptr;
+  }
 }
 
 }  // namespace zvbench

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <map>
+#include <memory>
 #include <string>
 
 #include <sys/types.h>
@@ -61,5 +62,10 @@ class Nginx {
   mutable void* status_ = nullptr;  // a kept-alive libcurl handle for /status
   mutable std::string statusText_;
 };
+
+/// The server of a benchmark program, or null after `program` said on stderr
+/// why it did not come up.
+std::unique_ptr<Nginx> startNginx(const char* program, const std::string& dir,
+                                  const std::map<std::string, std::string>& files, int cpu);
 
 }  // namespace zvbench

@@ -298,19 +298,14 @@ int main(int argc, char** argv) {
   // Before any thread starts: they all inherit the client's CPU.
   const zvbench::Placement placement = zvbench::pinClientAndPickServerCPU();
   curl_global_init(CURL_GLOBAL_DEFAULT);
-  std::unique_ptr<zvbench::Nginx> nginx;
-  try {
-    nginx = std::make_unique<zvbench::Nginx>(
-        workDir,
-        std::map<std::string, std::string>{
-            {"orders.json", zvbench::kEmptyOrders},
-            {zvbench::kCatalogue100.fileName(), zvbench::makeCatalogue(100)},
-            {zvbench::kCatalogue10k.fileName(), zvbench::makeCatalogue(10000)}},
-        placement.serverCPU);
-  } catch (const std::exception& e) {
-    std::fprintf(stderr, "zv_bench_latency: %s\n", e.what());
-    return 1;
-  }
+  const std::unique_ptr<zvbench::Nginx> nginx =
+      zvbench::startNginx("zv_bench_latency", workDir,
+                          std::map<std::string, std::string>{
+                              {"orders.json", zvbench::kEmptyOrders},
+                              {zvbench::kCatalogue100.fileName(), zvbench::makeCatalogue(100)},
+                              {zvbench::kCatalogue10k.fileName(), zvbench::makeCatalogue(10000)}},
+                          placement.serverCPU);
+  if (!nginx) return 1;
   server = nginx.get();
   const Endpoint http1{"http1", "http", nginx->httpPort(), "", false};
   const Endpoint h2{"h2", "https", nginx->httpsPort(), nginx->caFile(), true};

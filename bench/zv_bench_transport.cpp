@@ -164,18 +164,13 @@ int main(int argc, char** argv) {
   // Before any thread starts: they all inherit the client's CPU.
   const zvbench::Placement placement = zvbench::pinClientAndPickServerCPU();
   curl_global_init(CURL_GLOBAL_DEFAULT);
-  std::unique_ptr<zvbench::Nginx> nginx;
-  try {
-    nginx = std::make_unique<zvbench::Nginx>(
-        workDir,
-        std::map<std::string, std::string>{
-            {zvbench::kEmptyCatalogue.fileName(), R"({"status":"ok","offers":[]})"},
-            {zvbench::kCatalogue100.fileName(), zvbench::makeCatalogue(100)}},
-        placement.serverCPU);
-  } catch (const std::exception& e) {
-    std::fprintf(stderr, "zv_bench_transport: %s\n", e.what());
-    return 1;
-  }
+  const std::unique_ptr<zvbench::Nginx> nginx = zvbench::startNginx(
+      "zv_bench_transport", workDir,
+      std::map<std::string, std::string>{
+          {zvbench::kEmptyCatalogue.fileName(), R"({"status":"ok","offers":[]})"},
+          {zvbench::kCatalogue100.fileName(), zvbench::makeCatalogue(100)}},
+      placement.serverCPU);
+  if (!nginx) return 1;
   server = nginx.get();
 
   const Endpoint http1{"http1", "http", nginx->httpPort(), "", false};
