@@ -8,26 +8,27 @@
 
 /// Adds the options that fill `faults` to `app`.
 inline void addSandboxFaultOptions(CLI::App& app, ZVSandboxFaults& faults) {
-  const auto share = CLI::Range(0.0, 1.0);
   app.add_option("--latency-ms", faults.latencyMs, "Delay before every answer")
       ->check(CLI::NonNegativeNumber);
-  app.add_option("--fail-share", faults.http500Share, "Share of answers that are HTTP 500")
-      ->check(share);
-  app.add_option("--malformed-share", faults.malformedShare,
-                 "Share of answers with a truncated body")
-      ->check(share);
-  app.add_option("--drop-share", faults.dropShare,
-                 "Share of requests whose connection is dropped before they take effect")
-      ->check(share);
-  app.add_option("--drop-after-commit-share", faults.dropAfterCommitShare,
-                 "Share of POST requests that take effect, then lose their answer")
-      ->check(share);
-  app.add_option("--throttle-share", faults.http429Share,
-                 "Share of answers that are HTTP 429 with Retry-After")
-      ->check(share);
-  app.add_option("--unavailable-share", faults.http503Share,
-                 "Share of answers that are HTTP 503 with Retry-After")
-      ->check(share);
+  const struct {
+    const char* flag;
+    double ZVSandboxFaults::*share;
+    const char* help;
+  } shares[] = {
+      {"--fail-share", &ZVSandboxFaults::http500Share, "Share of answers that are HTTP 500"},
+      {"--malformed-share", &ZVSandboxFaults::malformedShare,
+       "Share of answers with a truncated body"},
+      {"--drop-share", &ZVSandboxFaults::dropShare,
+       "Share of requests whose connection is dropped before they take effect"},
+      {"--drop-after-commit-share", &ZVSandboxFaults::dropAfterCommitShare,
+       "Share of POST requests that take effect, then lose their answer"},
+      {"--throttle-share", &ZVSandboxFaults::http429Share,
+       "Share of answers that are HTTP 429 with Retry-After"},
+      {"--unavailable-share", &ZVSandboxFaults::http503Share,
+       "Share of answers that are HTTP 503 with Retry-After"},
+  };
+  for (const auto& option : shares)
+    app.add_option(option.flag, faults.*option.share, option.help)->check(CLI::Range(0.0, 1.0));
   app.add_option("--retry-after", faults.retryAfterSeconds,
                  "Retry-After of the 429 and 503 answers, in seconds")
       ->check(CLI::Range(0, 86400))
