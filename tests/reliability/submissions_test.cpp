@@ -387,7 +387,11 @@ TEST(RetryPolicyTest, AttemptsAndWaitsFitTheRequestTimeout) {
   // the slack leaves room for a sanitized build on a busy machine.
   EXPECT_LT(std::chrono::steady_clock::now() - start, 400ms + 4s);
   ASSERT_TRUE(done.error);
-  EXPECT_EQ(done.error->httpStatus(), 503);
+  // The last attempt either got its 503 or was cut by the deadline (a busy
+  // machine leaves it only a few milliseconds).
+  EXPECT_TRUE(done.error->httpStatus() == 503 ||
+              done.error->code() == std::string(ZVErrorTransportTimeout))
+      << done.error->description();
   EXPECT_GT(done.error->attempts(), 1);
 }
 
