@@ -139,12 +139,15 @@ void ZVMainQueue::asyncAll(std::vector<Task>& tasks) noexcept {
 void ZVMainQueue::waitForTask(std::unique_lock<std::mutex>& lock,
                               std::chrono::steady_clock::time_point until) {
   // The main queue's thread frees nothing it let go of while it waits: the
-  // results dropped since the last wait go to the reclaimer now.
-  if (zv_detail::ZVReclaimBatch* batch = zv_detail::ZVReclaimBatch::current()) {
+  // results dropped since the last wait go to the reclaimer now. The lock was
+  // let go meanwhile, so the caller re-checks what it waits for (a stop, a
+  // task) before it waits: a notification sent in between is not lost.
+  zv_detail::ZVReclaimBatch* batch = zv_detail::ZVReclaimBatch::current();
+  if (batch != nullptr && !batch->empty()) {
     lock.unlock();
     batch->flush();
     lock.lock();
-    if (!tasks_.empty()) return;
+    return;
   }
   ++waiting_;
   if (until == std::chrono::steady_clock::time_point::max())

@@ -37,6 +37,8 @@ class ZV_CORE_EXPORT ZVReclaimBatch {
 
   /// Hands over what was collected so far.
   void flush() noexcept;
+  /// Whether nothing waits for the flush.
+  bool empty() const noexcept { return held_.empty(); }
   /// The batch open on this thread, if any.
   static ZVReclaimBatch* current() noexcept;
   /// Keeps `object` for the flush; false when there is no memory for it.
