@@ -20,6 +20,7 @@
 #include "http/ZVGenericRequestManager.h"
 #include "runtime/ZVPManagerUtils.h"
 #include "runtime/ZVReclaimer.h"
+#include "runtime/ZVYieldPoint.h"
 
 namespace {
 
@@ -85,8 +86,10 @@ std::shared_ptr<const ZVArray<Record>> recordsUnder(const ZVMutableDictionary& b
       list.reserve(static_cast<size_t>(std::count_if(
           array->begin(), array->end(), [](const ZVJSONValue& v) { return v.isDictionary(); })));
       for (const ZVJSONValue& element : *array)
-        if (const ZVDictionaryPtr object = element.dictionary())
+        if (const ZVDictionaryPtr object = element.dictionary()) {
           list.push_back(Record::initMutableWithDictionary(object));
+          zv_detail::yieldPoint();
+        }
     }
   }
   return std::make_shared<const ZVArray<Record>>(std::move(list));

@@ -17,6 +17,7 @@
 #include "runtime/ZVLifecycle.h"
 #include "runtime/ZVReclaimer.h"
 #include "runtime/ZVTimer.h"
+#include "runtime/ZVYieldPoint.h"
 #include "runtime/ZVWorker.h"
 
 using namespace zv_detail;
@@ -220,6 +221,8 @@ void runDecode(DecodeJob& job, bool abandoned) {
   // What the handlers queue and let go of leaves with one hand-off each.
   zv_detail::ZVReclaimBatch reclaims;
   ZVDeliveryBatch deliveries;
+  // It may share a CPU with the I/O thread and the host's thread.
+  zv_detail::ZVYielding yielding;
   call->decode(std::move(job.result));
 }
 

@@ -14,6 +14,7 @@
 #include "json/ZVJSONAccess.h"
 #include "json/ZVJSONDuplicateKeys.h"
 #include "json/ZVJSONWrite.h"
+#include "runtime/ZVYieldPoint.h"
 
 using zv_detail::ZVArena;
 using zv_detail::ZVMemoryBudget;
@@ -466,6 +467,7 @@ class Builder {
       tooDeep_ = true;
       return false;
     }
+    zv_detail::yieldPoint();
     ZVMutableDictionary& result = newDictionary(out);
     const size_t base = slots_.size();
     for (auto member : object) {
