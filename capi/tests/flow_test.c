@@ -1,10 +1,11 @@
 /* The flow through the C interface against the sandbox service, for what the
- * C layer adds to the SDK (whose behaviour the C++ tests cover): records and
- * their texts read through handles, notification payloads, log lines,
- * callbacks once each on the draining thread, cancellation and shutdown with
- * a request in flight, configuration fields reaching the library, and no
- * handle left behind. (The service's refusals, keys and the error getters on
- * them: the C# test, through this layer; bad keys: misuse_test.c.) */
+ * C layer adds to the SDK (whose behaviour the C++ tests cover) and that the
+ * C# test, which reads every field through this layer, does not reach or
+ * cannot check under the sanitizers: one getter of each kind and the
+ * lifetime of its texts, notification payloads, log lines, callbacks once
+ * each on the draining thread, configuration fields reaching the library,
+ * and no handle left behind. (Cancellation and shutdown: misuse_test.c and
+ * the C# test; bad keys: misuse_test.c.) */
 #include <pthread.h>
 #include <stdlib.h>
 #include <time.h>
@@ -57,29 +58,15 @@ static void forget(outcome* o) {
  * of the callback would show. */
 static void settle(outcome* o) {
   CHECK(zvr_test_wait_for(&o->calls));
-  uint32_t ran = 0;
-  do CHECK_RESULT(ZVR_OK, zvr_main_queue_drain(&ran));
-  while (ran > 0);
+  zvr_test_drain();
   CHECK(o->calls == 1 && o->on_main_thread);
-}
-
-static void check_error(zvr_error error, int64_t type, const char* code, int32_t attempts) {
-  int64_t actual_type = 0;
-  int32_t actual_attempts = -1;
-  const char* actual_code = NULL;
-  CHECK_RESULT(ZVR_OK, zvr_error_get_type(error, &actual_type));
-  CHECK_RESULT(ZVR_OK, zvr_error_get_code(error, &actual_code));
-  CHECK_RESULT(ZVR_OK, zvr_error_get_attempts(error, &actual_attempts));
-  CHECK(actual_type == type && actual_attempts == attempts);
-  CHECK_TEXT(code, actual_code);
 }
 
 /* ---- Notifications and log lines ------------------------------------------- */
 
 typedef struct {
-  int offers, orders, placed;
+  int offers, placed;
   uint32_t offers_notified; /* how many offers the last offers notification carried */
-  int64_t available_points, test_points;
 } notifications;
 
 static void ZVR_CALL on_notification(zvr_notification n, void* user) {
@@ -93,11 +80,7 @@ static void ZVR_CALL on_notification(zvr_notification n, void* user) {
     CHECK_RESULT(ZVR_OK, zvr_offer_list_get_count(offers, &seen->offers_notified));
     zvr_release(offers);
   }
-  seen->orders += strcmp(name, ZVR_NOTIFICATION_DID_FETCH_ORDERS) == 0;
   seen->placed += strcmp(name, ZVR_NOTIFICATION_DID_PLACE_ORDER) == 0;
-  if (strcmp(name, ZVR_NOTIFICATION_USER_DID_UPDATE) == 0)
-    CHECK_RESULT(ZVR_OK,
-                 zvr_notification_get_balances(n, &seen->available_points, &seen->test_points));
 }
 
 static int fetched_lines = 0;
@@ -106,26 +89,7 @@ static void ZVR_CALL on_log_line(const char* line, uint32_t length, void* user) 
   if (strstr(line, "Fetched offers: ") != NULL) ++fetched_lines;
 }
 
-/* ---- Cancellation, keys, limits and shutdown ---------------------------------- */
-
-/* Cancelled with the request in flight: the callback comes once, on the main
- * queue, cancelled, and no notification. (An outcome already queued when the
- * scope is cancelled: misuse_test.c, and the C++ lifetimes test.) */
-static void check_scope_cancel(const notifications* seen) {
-  zvr_cancel_scope scope = NULL;
-  CHECK_RESULT(ZVR_OK, zvr_cancel_scope_create(&scope));
-  const int notified = seen->orders;
-  outcome cancelled;
-  memset(&cancelled, 0, sizeof cancelled);
-  CHECK_RESULT(ZVR_OK, zvr_rewards_fetch_orders_in_scope(scope, on_orders, &cancelled));
-  CHECK_RESULT(ZVR_OK, zvr_cancel_scope_cancel(scope));
-  CHECK(cancelled.calls == 0);
-  settle(&cancelled);
-  CHECK(cancelled.result == NULL && seen->orders == notified);
-  check_error(cancelled.error, ZVR_ERROR_TYPE_CANCELLED, "ZVErrorCancelled", 0);
-  forget(&cancelled);
-  zvr_release(scope);
-}
+/* ---- The request limit ---------------------------------------------------------- */
 
 /* One request at a time: the calls made while one is in flight fail at once,
  * unsent (the first may be refused too: the previous call counts until just
@@ -139,8 +103,10 @@ static void check_request_limit(zvr_configuration configuration) {
   int refused = 0;
   for (int i = 0; i < 3; ++i) {
     settle(&calls[i]);
+    const char* code = NULL;
     if (calls[i].error != NULL) {
-      check_error(calls[i].error, ZVR_ERROR_TYPE_TRANSPORT, "ZVErrorTooManyRequests", 0);
+      CHECK_RESULT(ZVR_OK, zvr_error_get_code(calls[i].error, &code));
+      CHECK_TEXT("ZVErrorTooManyRequests", code);
       ++refused;
     }
     forget(&calls[i]);
@@ -148,23 +114,6 @@ static void check_request_limit(zvr_configuration configuration) {
   CHECK(refused >= 2);
   configuration.max_requests_in_flight = 0;
   CHECK_RESULT(ZVR_OK, zvr_configure(&configuration));
-}
-
-/* Shutdown with a request in flight calls it back, cancelled, before it
- * returns; then the SDK works again, on a new transport. */
-static void check_shutdown_and_reuse(void) {
-  outcome dropped, later;
-  memset(&dropped, 0, sizeof dropped);
-  later = dropped;
-  CHECK_RESULT(ZVR_OK, zvr_rewards_fetch_orders(on_orders, &dropped));
-  CHECK_RESULT(ZVR_OK, zvr_shutdown());
-  CHECK(dropped.calls == 1 && dropped.on_main_thread);
-  check_error(dropped.error, ZVR_ERROR_TYPE_CANCELLED, "ZVErrorCancelled", 0);
-  CHECK_RESULT(ZVR_OK, zvr_rewards_fetch_orders(on_orders, &later));
-  settle(&later);
-  CHECK(later.error == NULL && later.result != NULL);
-  forget(&dropped);
-  forget(&later);
 }
 
 /* ---- Records ----------------------------------------------------------------- */
@@ -184,52 +133,33 @@ static zvr_offer find_offer(zvr_offer_list list, const char* id) {
   return NULL;
 }
 
+/* One getter of each kind (the C# test reads the other fields through the
+ * same ones, but only this test runs under the sanitizers). */
 static void check_offers(zvr_offer_list offers) {
-  /* The mug: text, numbers, booleans and the "data" object. */
   zvr_offer mug = find_offer(offers, "101");
-  CHECK(mug != NULL);
   const char *name = NULL, *again = NULL, *status = NULL, *data = NULL, *json = NULL;
-  int64_t points = 0;
-  int32_t featured = 0, needs_question = 1;
+  int32_t needs_question = 1;
+  zvr_offer_list none = NULL;
+  uint32_t count = 0, none_count = 1;
   CHECK_RESULT(ZVR_OK, zvr_offer_get_name(mug, &name));
   CHECK_TEXT("Coffee mug", name);
   CHECK_RESULT(ZVR_OK, zvr_offer_get_name(mug, &again));
   CHECK(again == name); /* asking again gives the very same text */
-  CHECK_RESULT(ZVR_OK, zvr_offer_get_points(mug, &points));
-  CHECK_RESULT(ZVR_OK, zvr_offer_get_is_featured(mug, &featured));
   CHECK_RESULT(ZVR_OK, zvr_offer_get_is_skill_challenge_required(mug, &needs_question));
-  CHECK(points == 150 && featured == 1 && needs_question == 0);
   CHECK_RESULT(ZVR_OK, zvr_offer_get_status_text(mug, &status));
   CHECK_TEXT("available", status);
   CHECK_RESULT(ZVR_OK, zvr_offer_get_field_json(mug, ZVR_OFFER_FIELD_DATA, &data));
-  CHECK(data != NULL && data[0] == '{' && strstr(data, "\"sku\":\"MUG-01\"") != NULL);
+  CHECK(needs_question == 0 && data != NULL && strstr(data, "\"sku\":\"MUG-01\"") != NULL);
   CHECK_RESULT(ZVR_OK, zvr_offer_get_json(mug, &json));
   CHECK(json != NULL && strstr(json, "\"id\":\"101\"") != NULL);
-  zvr_release(mug);
-
-  /* The T-shirt: options, options of an option, and a leaf without any. */
-  zvr_offer shirt = find_offer(offers, "106");
-  zvr_offer_list colours = NULL, sizes = NULL, none = NULL;
-  uint32_t colour_count = 0, size_count = 0, none_count = 1;
-  CHECK_RESULT(ZVR_OK, zvr_offer_get_options(shirt, &colours));
-  CHECK_RESULT(ZVR_OK, zvr_offer_list_get_count(colours, &colour_count));
-  zvr_offer black = find_offer(colours, "106-black");
-  CHECK(colour_count == 2 && black != NULL);
-  CHECK_RESULT(ZVR_OK, zvr_offer_get_options(black, &sizes));
-  CHECK_RESULT(ZVR_OK, zvr_offer_list_get_count(sizes, &size_count));
-  zvr_offer leaf = NULL;
-  CHECK_RESULT(ZVR_OK, zvr_offer_list_get_at(sizes, 0, &leaf));
-  CHECK_RESULT(ZVR_OK, zvr_offer_get_options(leaf, &none));
+  CHECK_RESULT(ZVR_OK, zvr_offer_get_options(mug, &none));
   CHECK_RESULT(ZVR_OK, zvr_offer_list_get_count(none, &none_count));
-  CHECK(size_count > 0 && none_count == 0);
-  zvr_release(leaf);
-  CHECK_RESULT(ZVR_E_OUT_OF_RANGE, zvr_offer_list_get_at(sizes, size_count, &leaf));
-  CHECK(leaf == NULL);
+  CHECK_RESULT(ZVR_OK, zvr_offer_list_get_count(offers, &count));
+  zvr_offer past = NULL;
+  CHECK_RESULT(ZVR_E_OUT_OF_RANGE, zvr_offer_list_get_at(offers, count, &past));
+  CHECK(none_count == 0 && past == NULL);
   zvr_release(none);
-  zvr_release(sizes);
-  zvr_release(black);
-  zvr_release(colours);
-  zvr_release(shirt);
+  zvr_release(mug);
 }
 
 int main(int argc, char** argv) {
@@ -274,30 +204,25 @@ int main(int argc, char** argv) {
   CHECK_RESULT(ZVR_OK, zvr_rewards_get_last_refresh_time(&refreshed));
   CHECK(refreshed > (double)time(NULL) - 60);
 
-  /* The question and an answer to it (right or wrong, a challenge comes back). */
+  /* A question, an answer (right or wrong, a challenge comes back), and an
+   * order with the challenge and an address; the orders list holds it. */
   CHECK_RESULT(ZVR_OK, zvr_rewards_fetch_skill_question(on_question, &question));
   settle(&question);
-  const char *question_id = NULL, *text = NULL, *verdict = NULL, *challenge_id = NULL;
+  const char *question_id = NULL, *verdict = NULL, *challenge_id = NULL;
   CHECK_RESULT(ZVR_OK, zvr_skill_question_get_id(question.result, &question_id));
-  CHECK_RESULT(ZVR_OK, zvr_skill_question_get_question(question.result, &text));
-  CHECK(question_id != NULL && text != NULL);
   CHECK_RESULT(
       ZVR_OK, zvr_rewards_answer_skill_question("103", question_id, "0", on_challenge, &challenge));
   settle(&challenge);
   CHECK_RESULT(ZVR_OK, zvr_skill_challenge_get_status(challenge.result, &verdict));
   CHECK_RESULT(ZVR_OK, zvr_skill_challenge_get_id(challenge.result, &challenge_id));
-  CHECK(verdict != NULL && challenge_id != NULL &&
-        (strcmp(verdict, "passed") == 0 || strcmp(verdict, "failed") == 0));
+  CHECK(verdict != NULL && challenge_id != NULL);
 
-  /* An order with the challenge id and an address; the request may go at once. */
   zvr_order_request request = NULL;
   CHECK_RESULT(ZVR_OK, zvr_order_request_create("999", 1, &request));
   CHECK_RESULT(ZVR_OK, zvr_order_request_set_offer_id(request, "101"));
   CHECK_RESULT(ZVR_OK, zvr_order_request_set_challenge_id(request, challenge_id));
   zvr_address_fields address = ZVR_ADDRESS_FIELDS_INIT;
-  address.name = "Ada Player";
   address.city = "Montréal";
-  address.country = "CA";
   CHECK_RESULT(ZVR_OK, zvr_order_request_set_shipping_address(request, &address));
   const char* body = NULL;
   CHECK_RESULT(ZVR_OK, zvr_order_request_get_json(request, &body));
@@ -306,38 +231,17 @@ int main(int argc, char** argv) {
   CHECK_RESULT(ZVR_OK, zvr_rewards_place_order(request, on_order, &placed));
   CHECK_RESULT(ZVR_OK, zvr_release(request));
   settle(&placed);
-  CHECK(placed.error == NULL);
-  const char *order_id = NULL, *ordered_offer = NULL, *city = NULL, *listed = NULL;
-  int64_t available = -1;
-  zvr_order_user user = NULL;
-  zvr_address shipped = NULL;
+  const char *order_id = NULL, *listed = NULL;
   CHECK_RESULT(ZVR_OK, zvr_order_get_id(placed.result, &order_id));
-  CHECK_RESULT(ZVR_OK, zvr_order_get_offer_id(placed.result, &ordered_offer));
-  CHECK_TEXT("101", ordered_offer);
-  CHECK_RESULT(ZVR_OK, zvr_order_get_user(placed.result, &user));
-  CHECK_RESULT(ZVR_OK, zvr_order_user_get_available_points(user, &available));
-  CHECK_RESULT(ZVR_OK, zvr_order_get_shipping_address(placed.result, &shipped));
-  CHECK_RESULT(ZVR_OK, zvr_address_get_city(shipped, &city));
-  CHECK_TEXT("Montréal", city);
-  CHECK(available == 5000 - 150 && seen.placed == 1 && seen.available_points == available &&
-        seen.test_points == 0);
-  zvr_release(shipped);
-  zvr_release(user);
-
-  /* The orders list holds it. */
+  CHECK(seen.placed == 1);
   CHECK_RESULT(ZVR_OK, zvr_rewards_fetch_orders(on_orders, &orders));
   settle(&orders);
-  uint32_t order_count = 0;
-  CHECK_RESULT(ZVR_OK, zvr_order_list_get_count(orders.result, &order_count));
   CHECK_RESULT(ZVR_OK, zvr_order_list_get_json(orders.result, &listed));
-  CHECK(order_count == 1 && listed != NULL && order_id != NULL && strstr(listed, order_id));
-
-  check_scope_cancel(&seen);
+  CHECK(listed != NULL && order_id != NULL && strstr(listed, order_id));
 
   CHECK_RESULT(ZVR_OK, zvr_notifications_unsubscribe(subscription));
   CHECK_RESULT(ZVR_OK, zvr_logger_set_sink(NULL, NULL));
   check_request_limit(configuration);
-  check_shutdown_and_reuse();
   /* Clearing empties the state. */
   CHECK_RESULT(ZVR_OK, zvr_rewards_clear_user_state());
   zvr_offer_list state = NULL;

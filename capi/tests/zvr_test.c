@@ -63,3 +63,9 @@ int zvr_test_wait_for(const int* flag) {
   zvr_main_queue_run_until(flag_is_set, (void*)flag, 20000, &done);
   return done;
 }
+
+void zvr_test_drain(void) {
+  uint32_t ran = 0;
+  do CHECK_RESULT(ZVR_OK, zvr_main_queue_drain(&ran));
+  while (ran > 0);
+}

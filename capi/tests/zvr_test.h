@@ -48,5 +48,7 @@ void zvr_test_stop_sandbox(void);
 
 /* Runs the main queue until `*flag` is non-zero, 20 s at most. */
 int zvr_test_wait_for(const int* flag);
+/* Runs the main queue until it is dry, so that a late or second callback shows. */
+void zvr_test_drain(void);
 
 #endif
