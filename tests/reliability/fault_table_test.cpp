@@ -31,6 +31,11 @@ struct Fault {
   size_t cap = kBodyCap;  // maxResponseBytes
 };
 
+// Names the case in test listings, instead of a dump of its bytes.
+void PrintTo(const Fault& fault, std::ostream* out) {
+  *out << fault.name;
+}
+
 RawScript answerWith(int status, std::string_view contentType, std::string_view body) {
   return {.bytes = ZVRawServer::answer(status, contentType, body)};
 }
