@@ -111,6 +111,7 @@ struct Shape {
   int status = 200;
 };
 
+// Names the case in test listings, instead of a dump of its bytes.
 void PrintTo(const Shape& shape, std::ostream* out) {
   *out << shape.name;
 }

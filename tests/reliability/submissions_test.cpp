@@ -23,21 +23,6 @@ namespace {
 constexpr const char* kOrderAnswer =
     R"({"status":"ok","order":{"id":"9","user":{"available_points":10}}})";
 
-// The header's value in a raw HTTP/1.1 request, or "".
-std::string headerOf(const std::string& request, std::string_view name) {
-  size_t at = 0;
-  while ((at = request.find("\r\n", at)) != std::string::npos) {
-    at += 2;
-    if (request.size() - at > name.size() &&
-        ::strncasecmp(request.data() + at, name.data(), name.size()) == 0 &&
-        request[at + name.size()] == ':') {
-      const size_t start = request.find_first_not_of(' ', at + name.size() + 1);
-      return request.substr(start, request.find("\r\n", start) - start);
-    }
-  }
-  return "";
-}
-
 enum class Protocol { HTTP1, HTTP2 };
 
 // A fault a service's network can throw at a submission once the service
@@ -52,7 +37,8 @@ class OrderService {
   OrderService(Protocol protocol, std::function<Fault(size_t)> plan) : plan_(std::move(plan)) {
     if (protocol == Protocol::HTTP1) {
       raw_ = std::make_unique<ZVRawServer>([this](const std::string& request) {
-        const Fault fault = next(headerOf(request, "Idempotency-Key"), request.starts_with("POST"));
+        const Fault fault =
+            next(ZVRawServer::header(request, "Idempotency-Key"), request.starts_with("POST"));
         if (fault == Fault::Unavailable)
           return RawScript{ZVRawServer::answer(503, "", ""), {}, RawScript::End::Close};
         if (fault != Fault::None) return RawScript{"", {}, RawScript::End::Close};
@@ -273,7 +259,7 @@ TEST(RetryPolicyTest, RetriesTheFaultsItShouldAndNothingElse) {
     // Every attempt of a submission carries the call's one key.
     std::set<std::string> keys;
     for (const std::string& request : script.requests)
-      keys.insert(headerOf(request, "Idempotency-Key"));
+      keys.insert(ZVRawServer::header(request, "Idempotency-Key"));
     EXPECT_EQ(keys.size(), 1u);
     EXPECT_EQ(keys.begin()->size(), c.submission ? 32u : 0u);
   }
@@ -299,7 +285,7 @@ TEST(RetryPolicyTest, HostKeysTravelAsTheHeader) {
     ASSERT_FALSE(done.error);
     std::lock_guard lock(script.mutex);
     const std::string& sent = script.requests.back();
-    EXPECT_EQ(headerOf(sent, "Idempotency-Key"), key);
+    EXPECT_EQ(ZVRawServer::header(sent, "Idempotency-Key"), key);
     EXPECT_EQ(sent.find(key, sent.find("\r\n\r\n")), std::string::npos);
   }
   std::lock_guard lock(script.mutex);

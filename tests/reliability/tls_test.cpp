@@ -74,10 +74,7 @@ TEST(TLSTest, PlainHTTPIsRefusedUnlessTheHostAllowsIt) {
   ASSERT_TRUE(waitForAll(refused));
   for (const auto& c : refused) {
     ASSERT_TRUE(c->error);
-    EXPECT_EQ(c->error->code(), ZVErrorNotConfigured);
-    EXPECT_EQ(*c->error->message(),
-              fmt::format("plain http to {} is refused: set allowInsecureHTTP to allow it",
-                          server.hostAndPort()));
+    EXPECT_EQ(c->error->code(), ZVErrorNotConfigured);  // worded: the URL resolution test
   }
   EXPECT_EQ(server.requestCount(), 0u);
 }

@@ -114,21 +114,22 @@ class LifetimesTest : public ::testing::Test {
   NotificationLog notifications;
 };
 
-enum class End { Delivered, ScopeDestroyed, ScopeCancelled, CancelAll, Shutdown };
-
 // Whatever ends an operation early, and wherever it is (request in flight, or
 // delivery queued on the main queue), its handler never runs, its captures
 // are released at once, its cancellation callback runs once, and nothing of
 // its answer is seen: no notification, no state.
 TEST_F(LifetimesTest, CancelledOperationsEndOnceAndLeaveNoTrace) {
   const struct {
-    End end;
     const char* name;
-  } ends[] = {{End::Delivered, "delivered"},
-              {End::ScopeDestroyed, "scope destroyed"},
-              {End::ScopeCancelled, "scope cancelled"},
-              {End::CancelAll, "cancel all"},
-              {End::Shutdown, "shutdown"}};
+    std::function<void(std::unique_ptr<ZVScope>&)> end;  // none: delivered
+  } ends[] = {{"delivered", {}},
+              {"scope destroyed", [](auto& scope) { scope.reset(); }},
+              {"scope cancelled", [](auto& scope) { scope->cancel(); }},
+              {"cancel all", [](auto&) { Zorvane::cancelAllOperations(); }},
+              {"shutdown", [this](auto&) {
+                 Zorvane::shutdown();
+                 Zorvane::setTransport(transport);
+               }}};
   for (const auto& end : ends) {
     for (const bool queued : {false, true}) {
       for (const int status : {200, 500}) {
@@ -149,24 +150,8 @@ TEST_F(LifetimesTest, CancelledOperationsEndOnceAndLeaveNoTrace) {
           EXPECT_EQ(scope->pendingCount(), 1u);
           if (queued) transport->answer(status, kGoodAnswer);
           const size_t notes = notifications.all().size();
-          switch (end.end) {
-            case End::Delivered:
-              break;
-            case End::ScopeDestroyed:
-              scope.reset();
-              break;
-            case End::ScopeCancelled:
-              scope->cancel();
-              break;
-            case End::CancelAll:
-              Zorvane::cancelAllOperations();
-              break;
-            case End::Shutdown:
-              Zorvane::shutdown();
-              Zorvane::setTransport(transport);
-              break;
-          }
-          const bool cancelled = end.end != End::Delivered;
+          if (end.end) end.end(scope);
+          const bool cancelled = static_cast<bool>(end.end);
           EXPECT_EQ(captures.expired(), cancelled);
           EXPECT_EQ(cancellations, cancelled ? 1 : 0);
           if (!queued) transport->answer(status, kGoodAnswer);

@@ -36,40 +36,21 @@ void* allocateOrThrow(size_t size) {
 
 }  // namespace
 
-// Every form that malloc serves, so that each allocation meets its pair of
-// deallocation (the sanitizers check that they do); the aligned forms keep
-// their own pairs.
-#define ZV_REPLACED __attribute__((visibility("default")))
-ZV_REPLACED void* operator new(size_t n) {
-  return allocateOrThrow(n);
-}
-ZV_REPLACED void* operator new[](size_t n) {
-  return allocateOrThrow(n);
-}
-ZV_REPLACED void* operator new(size_t n, const std::nothrow_t&) noexcept {
-  return allocate(n);
-}
-ZV_REPLACED void* operator new[](size_t n, const std::nothrow_t&) noexcept {
-  return allocate(n);
-}
-ZV_REPLACED void operator delete(void* p) noexcept {
-  std::free(p);
-}
-ZV_REPLACED void operator delete[](void* p) noexcept {
-  std::free(p);
-}
-ZV_REPLACED void operator delete(void* p, size_t) noexcept {
-  std::free(p);
-}
-ZV_REPLACED void operator delete[](void* p, size_t) noexcept {
-  std::free(p);
-}
-ZV_REPLACED void operator delete(void* p, const std::nothrow_t&) noexcept {
-  std::free(p);
-}
-ZV_REPLACED void operator delete[](void* p, const std::nothrow_t&) noexcept {
-  std::free(p);
-}
+// Every form that malloc serves, single and array, so that each allocation
+// meets its pair of deallocation (the sanitizers check that they do); the
+// aligned forms keep their own pairs.
+#define ZV_REPLACE(result, name, params, call, ...)                                  \
+  __attribute__((visibility("default"))) result operator name params __VA_ARGS__ {   \
+    return call;                                                                     \
+  }                                                                                  \
+  __attribute__((visibility("default"))) result operator name[] params __VA_ARGS__ { \
+    return call;                                                                     \
+  }
+ZV_REPLACE(void*, new, (size_t n), allocateOrThrow(n))
+ZV_REPLACE(void*, new, (size_t n, const std::nothrow_t&), allocate(n), noexcept)
+ZV_REPLACE(void, delete, (void* p), std::free(p), noexcept)
+ZV_REPLACE(void, delete, (void* p, size_t), std::free(p), noexcept)
+ZV_REPLACE(void, delete, (void* p, const std::nothrow_t&), std::free(p), noexcept)
 
 namespace {
 

@@ -22,17 +22,6 @@ namespace zvtest {
 
 namespace {
 
-// Answers are gathered up to this size before one TLS write.
-constexpr size_t kWriteChunk = 64 * 1024;
-
-[[noreturn]] void fail(const char* what) {
-  char text[256] = "";
-  if (const unsigned long code = ERR_get_error(); code != 0)
-    ERR_error_string_n(code, text, sizeof text);
-  ERR_clear_error();
-  throw std::runtime_error(std::string("HTTP/2 server: ") + what + (*text ? ": " : "") + text);
-}
-
 // Only "h2": a client that does not offer it gets no protocol and fails.
 int selectH2(SSL*, const unsigned char** out, unsigned char* outLength, const unsigned char* in,
              unsigned int inLength, void*) {
@@ -123,13 +112,6 @@ struct HTTP2Session {
     return 0;
   }
 
-  static int onData(nghttp2_session*, uint8_t, int32_t id, const uint8_t* data, size_t length,
-                    void* user) {
-    static_cast<HTTP2Session*>(user)->streams[id].request.body.append(
-        reinterpret_cast<const char*>(data), length);
-    return 0;
-  }
-
   static int onClose(nghttp2_session*, int32_t id, uint32_t, void* user) {
     static_cast<HTTP2Session*>(user)->streams.erase(id);
     return 0;
@@ -156,11 +138,10 @@ ZVHTTP2Server::ZVHTTP2Server(std::function<HTTP2Reply(const HTTP2Request&)> hand
       throw std::runtime_error("HTTP/2 server: " + problem);
     caFile_ = files.certificate.string();
     context_ = SSL_CTX_new(TLS_server_method());
-    if (context_ == nullptr) fail("no TLS context");
-    SSL_CTX_set_min_proto_version(context_, TLS1_2_VERSION);
-    if (SSL_CTX_use_certificate_file(context_, caFile_.c_str(), SSL_FILETYPE_PEM) != 1 ||
+    if (context_ == nullptr ||
+        SSL_CTX_use_certificate_file(context_, caFile_.c_str(), SSL_FILETYPE_PEM) != 1 ||
         SSL_CTX_use_PrivateKey_file(context_, files.privateKey.c_str(), SSL_FILETYPE_PEM) != 1)
-      fail("cannot use the certificate");
+      throw std::runtime_error("HTTP/2 server: cannot set up TLS with the certificate");
     SSL_CTX_set_alpn_select_cb(context_, selectH2, nullptr);
     listener_ = listenOnLoopback(port_, "HTTP/2 server");
   } catch (...) {
@@ -234,7 +215,6 @@ void ZVHTTP2Server::serve(int socket) {
       nghttp2_session_callbacks_set_on_frame_recv_callback(callbacks, HTTP2Session::onFrame);
       nghttp2_session_callbacks_set_on_stream_close_callback(callbacks, HTTP2Session::onClose);
       nghttp2_session_callbacks_set_on_header_callback(callbacks, HTTP2Session::onHeader);
-      nghttp2_session_callbacks_set_on_data_chunk_recv_callback(callbacks, HTTP2Session::onData);
       if (nghttp2_session_server_new(&session, callbacks, &state) != 0) session = nullptr;
       nghttp2_session_callbacks_del(callbacks);
     }
@@ -259,7 +239,6 @@ void ZVHTTP2Server::serve(int socket) {
         break;
       }
       out.append(reinterpret_cast<const char*>(data), static_cast<size_t>(n));
-      if (out.size() >= kWriteChunk) alive = flush();
     }
     if (!alive ||
         (nghttp2_session_want_read(session) == 0 && nghttp2_session_want_write(session) == 0))

@@ -1,5 +1,5 @@
-// An HTTP/2 server over TLS on 127.0.0.1, for tests and benchmarks of the
-// transport's multiplexing: cpp-httplib speaks HTTP/1.1 only.
+// An HTTP/2 server over TLS on 127.0.0.1, for tests of the transport's
+// multiplexing and of what lost streams do to submissions.
 #pragma once
 
 #include <atomic>
@@ -21,7 +21,6 @@ struct HTTP2Request {
   std::string method;
   std::string path;
   std::vector<std::pair<std::string, std::string>> headers;  ///< names in lower case
-  std::string body;
   /// The first header of that (lower-case) name, or "".
   std::string header(const std::string& name) const;
 };

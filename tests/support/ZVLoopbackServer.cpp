@@ -60,12 +60,8 @@ ZVLoopbackServer::ZVLoopbackServer()
 
 ZVLoopbackServer::~ZVLoopbackServer() = default;
 
-std::string ZVLoopbackServer::hostAndPort() const {
-  return "127.0.0.1:" + std::to_string(port());
-}
-
 std::string ZVLoopbackServer::baseURL() const {
-  return "http://" + hostAndPort();
+  return "http://127.0.0.1:" + std::to_string(port());
 }
 
 void ZVLoopbackServer::setHandler(Handler handler) {

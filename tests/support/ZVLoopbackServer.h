@@ -61,8 +61,6 @@ class ZVLoopbackServer {
   ZVLoopbackServer& operator=(const ZVLoopbackServer&) = delete;
 
   int port() const { return server_->port(); }
-  /// "127.0.0.1:<port>", a service host without a scheme.
-  std::string hostAndPort() const;
   /// "http://127.0.0.1:<port>".
   std::string baseURL() const;
 

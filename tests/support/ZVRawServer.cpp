@@ -21,18 +21,10 @@ constexpr int kPollMs = 20;
 size_t requestLength(const std::string& data) {
   const size_t headEnd = data.find("\r\n\r\n");
   if (headEnd == std::string::npos) return 0;
-  size_t bodyLength = 0;
-  size_t line = data.find("\r\n") + 2;
-  while (line < headEnd) {
-    const size_t next = data.find("\r\n", line);
-    const std::string_view header(data.data() + line, next - line);
-    constexpr std::string_view kLength = "content-length:";
-    if (header.size() > kLength.size() &&
-        ::strncasecmp(header.data(), kLength.data(), kLength.size()) == 0)
-      bodyLength = std::strtoul(std::string(header.substr(kLength.size())).c_str(), nullptr, 10);
-    line = next + 2;
-  }
-  return data.size() >= headEnd + 4 + bodyLength ? headEnd + 4 + bodyLength : 0;
+  const std::string length =
+      ZVRawServer::header(std::string_view(data).substr(0, headEnd + 2), "content-length");
+  const size_t end = headEnd + 4 + std::strtoul(length.c_str(), nullptr, 10);
+  return data.size() >= end ? end : 0;
 }
 
 }  // namespace
@@ -66,6 +58,18 @@ std::string ZVRawServer::answer(int status, std::string_view contentType, std::s
   return head + std::string(body);
 }
 
+std::string ZVRawServer::header(std::string_view raw, std::string_view name) {
+  for (size_t at = raw.find("\r\n"); at != std::string_view::npos; at = raw.find("\r\n", at)) {
+    at += 2;
+    if (raw.size() - at > name.size() && raw[at + name.size()] == ':' &&
+        ::strncasecmp(raw.data() + at, name.data(), name.size()) == 0) {
+      const size_t start = raw.find_first_not_of(' ', at + name.size() + 1);
+      return std::string(raw.substr(start, raw.find("\r\n", start) - start));
+    }
+  }
+  return "";
+}
+
 int ZVRawServer::closedPort() {
   int port = 0;
   ::close(listenOnLoopback(port, "raw server"));
@@ -86,7 +90,6 @@ void ZVRawServer::acceptLoop() {
   while (waitReadable(listener_)) {
     const int socket = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
     if (socket < 0) continue;
-    ++connections_;
     std::lock_guard lock(mutex_);
     workers_.emplace_back([this, socket] { serve(socket); });
   }

@@ -59,14 +59,15 @@ class ZVRawServer {
   int port() const { return port_; }
   /// "http://127.0.0.1:<port>".
   std::string baseURL() const;
-  /// Connections accepted so far.
-  size_t connections() const { return connections_.load(); }
 
   /// A complete HTTP/1.1 answer with a Content-Length and "Connection: close";
   /// an empty `contentType` sends none.
   static std::string answer(int status, std::string_view contentType, std::string_view body);
   /// A port on 127.0.0.1 on which nothing listens (bound, then released).
   static int closedPort();
+  /// The value of the first header of that name (case-insensitive) in a raw
+  /// request or answer, or "".
+  static std::string header(std::string_view raw, std::string_view name);
 
  private:
   void acceptLoop();
@@ -77,7 +78,6 @@ class ZVRawServer {
   int listener_ = -1;
   int port_ = 0;
   std::atomic<bool> stopping_{false};
-  std::atomic<size_t> connections_{0};
   std::thread acceptor_;
   std::mutex mutex_;
   std::vector<std::thread> workers_;  // guarded by mutex_
