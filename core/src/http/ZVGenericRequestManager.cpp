@@ -17,8 +17,8 @@
 #include "runtime/ZVLifecycle.h"
 #include "runtime/ZVReclaimer.h"
 #include "runtime/ZVTimer.h"
-#include "runtime/ZVYieldPoint.h"
 #include "runtime/ZVWorker.h"
+#include "runtime/ZVYieldPoint.h"
 
 using namespace zv_detail;
 using Clock = std::chrono::steady_clock;
