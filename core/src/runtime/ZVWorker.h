@@ -3,6 +3,7 @@
 #pragma once
 
 #include <pthread.h>
+#include <sched.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -28,10 +29,11 @@ inline constexpr int kBackgroundNiceness = 10;
 inline constexpr std::chrono::seconds kWorkerIdleEnd{2};
 
 /// Runs items in the order posted, on one thread that starts with the first
-/// item (and ends when idle), is named `name` by its creator and runs at
-/// `niceness` above the process's own. `run(item, abandoned)` does an
-/// item's work; items left when the worker stops run with `abandoned` set,
-/// on the stopping thread, so that each item runs exactly once.
+/// item (and ends when idle), is named `name` by its creator and runs as a
+/// batch thread (`SCHED_BATCH`) at `niceness` above the process's own.
+/// `run(item, abandoned)` does an item's work; items left when the worker
+/// stops run with `abandoned` set, on the stopping thread, so that each item
+/// runs exactly once.
 ///
 /// @par Thread safety
 /// Every operation is safe from any thread.
@@ -114,6 +116,11 @@ class ZVWorker {
 
   void loop(unsigned generation) {
     tCurrent = this;
+    // A worker's thread never takes the CPU from the thread that woke it (the
+    // host's, inside drain(), or the I/O thread): a batch thread that wakes
+    // does not preempt the running one, yet keeps its full share of the CPU.
+    const sched_param policy{};
+    sched_setscheduler(0, SCHED_BATCH, &policy);
     if (niceness_ != 0)
       setpriority(PRIO_PROCESS, static_cast<id_t>(gettid()),
                   getpriority(PRIO_PROCESS, 0) + niceness_);
