@@ -85,10 +85,11 @@ std::shared_ptr<const ZVArray<Record>> recordsUnder(const ZVMutableDictionary& b
         throw TooManyRecords{limit};
       list.reserve(static_cast<size_t>(std::count_if(
           array->begin(), array->end(), [](const ZVJSONValue& v) { return v.isDictionary(); })));
+      const bool yielding = zv_detail::yieldingHere();
       for (const ZVJSONValue& element : *array)
         if (const ZVDictionaryPtr object = element.dictionary()) {
           list.push_back(Record::initMutableWithDictionary(object));
-          zv_detail::yieldPoint();
+          if (yielding) zv_detail::yieldPoint();
         }
     }
   }

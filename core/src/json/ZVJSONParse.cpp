@@ -314,7 +314,8 @@ class Builder {
         slots_(scratch.slots),
         items_(scratch.items),
         arena_(arena),
-        scalars_(scratch.scalars) {}
+        scalars_(scratch.scalars),
+        yielding_(zv_detail::yieldingHere()) {}
 
   simdjson::error_code error() const { return error_; }
   bool tooDeep() const { return tooDeep_; }
@@ -467,7 +468,7 @@ class Builder {
       tooDeep_ = true;
       return false;
     }
-    zv_detail::yieldPoint();
+    if (yielding_) zv_detail::yieldPoint();
     ZVMutableDictionary& result = newDictionary(out);
     const size_t base = slots_.size();
     for (auto member : object) {
@@ -555,6 +556,7 @@ class Builder {
   ZVArena& arena_;
   std::string numberText_;  // a number read again on its own
   simdjson::dom::parser& scalars_;
+  const bool yielding_;  // asked once: most walks run where nothing yields
   struct KeyCache {
     ZVText* texts[256] = {};
     ~KeyCache() {

@@ -32,6 +32,10 @@ ZVYielding::~ZVYielding() {
   tYielding = previous_;
 }
 
+bool yieldingHere() noexcept {
+  return tYielding;
+}
+
 void yieldPoint() noexcept {
   if (!tYielding || ++tPoints % kPointsBetweenChecks != 0) return;
   const Clock::time_point now = Clock::now();

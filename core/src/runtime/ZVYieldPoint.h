@@ -23,9 +23,13 @@ class ZV_CORE_EXPORT ZVYielding {
   bool previous_;
 };
 
-/// Called between units of long work (an object parsed, a record built):
-/// a few nanoseconds, and a `sched_yield` at most every quarter millisecond,
-/// where a `ZVYielding` is open; nothing elsewhere.
+/// Whether a `ZVYielding` is open on this thread: a loop asks once, and
+/// calls `yieldPoint` between its units only when it is.
+ZV_CORE_EXPORT bool yieldingHere() noexcept;
+
+/// Called between units of long work (an object parsed, a record built)
+/// where a `ZVYielding` is open: a few nanoseconds, and a `sched_yield` at
+/// most every quarter millisecond.
 ZV_CORE_EXPORT void yieldPoint() noexcept;
 
 }  // namespace zv_detail
