@@ -128,12 +128,12 @@ static void check_versioned_structs(void) {
 
 static atomic_int calls_with_null_user;
 static atomic_int calling_thread_is_dedicated;
-static int inside_start_call;
+static atomic_int inside_start_call;
 static pthread_t main_thread;
 static char last_code[64];
 
 static void ZVR_CALL on_challenge(zvr_skill_challenge challenge, zvr_error error, void* user) {
-  CHECK(user == NULL && challenge == NULL && error != NULL && !inside_start_call);
+  CHECK(user == NULL && challenge == NULL && error != NULL && !atomic_load(&inside_start_call));
   const char* code = NULL;
   CHECK_RESULT(ZVR_OK, zvr_error_get_code(error, &code));
   snprintf(last_code, sizeof last_code, "%s", code ? code : "(null)");
@@ -162,10 +162,10 @@ static void check_callbacks(void) {
   for (int i = 0; i < 3; ++i) {
     const int dedicated = i == 2, want = i + 1;
     if (dedicated) CHECK_RESULT(ZVR_OK, zvr_main_queue_start_dedicated_thread());
-    inside_start_call = !dedicated; /* there it may come before the call returns */
+    atomic_store(&inside_start_call, !dedicated); /* there it may come before the call returns */
     CHECK_RESULT(ZVR_OK, zvr_rewards_answer_skill_question(calls[i][0], calls[i][1], calls[i][2],
                                                            on_challenge, NULL));
-    inside_start_call = 0;
+    atomic_store(&inside_start_call, 0);
     CHECK(dedicated || atomic_load(&calls_with_null_user) == i);
     int32_t done = 0;
     if (!dedicated)
