@@ -18,7 +18,6 @@
 #include "runtime/ZVReclaimer.h"
 #include "runtime/ZVTimer.h"
 #include "runtime/ZVWorker.h"
-#include "runtime/ZVYieldPoint.h"
 
 using namespace zv_detail;
 using Clock = std::chrono::steady_clock;
@@ -111,9 +110,7 @@ class Call : public std::enable_shared_from_this<Call> {
     if (request_->method() == ZVRequestMethodSubmit || deadline == Clock::time_point::max() ||
         Clock::now() < deadline)
       return false;
-    finish(failed(ZVErrorTypeTransport, ZVErrorTransportTimeout,
-                  strCat("timed out after ", service->config->requestTimeout.count(),
-                         " ms waiting for ", authority())));
+    finish(failed(ZVErrorTypeTransport, ZVErrorTransportTimeout, timedOutWaiting()));
     return true;
   }
 
@@ -181,6 +178,11 @@ class Call : public std::enable_shared_from_this<Call> {
   }
 
   std::string endpoint() const { return std::string(where.hostAndPath()); }
+  // The call's timeout, worded for the whole call rather than one attempt.
+  std::string timedOutWaiting() const {
+    return strCat("timed out after ", service->config->requestTimeout.count(), " ms waiting for ",
+                  authority());
+  }
   // "host:port" of the URL, the port named even when it is the scheme's.
   std::string authority() const {
     const std::string_view hostAndPath = where.hostAndPath();
@@ -221,8 +223,6 @@ void runDecode(DecodeJob& job, bool abandoned) {
   // What the handlers queue and let go of leaves with one hand-off each.
   zv_detail::ZVReclaimBatch reclaims;
   ZVDeliveryBatch deliveries;
-  // It may share a CPU with the I/O thread and the host's thread.
-  zv_detail::ZVYielding yielding;
   call->decode(std::move(job.result));
 }
 
@@ -238,8 +238,7 @@ void Call::answered(ZVHTTPResult result) {
     // The attempt had what was left of the call's time: say the call's.
     if (result.failure == ZVTransportFailure::Timeout && deadline != Clock::time_point::max() &&
         Clock::now() + milliseconds(5) >= deadline)
-      result.failureMessage = strCat("timed out after ", service->config->requestTimeout.count(),
-                                     " ms waiting for ", authority());
+      result.failureMessage = timedOutWaiting();
   } catch (const std::exception& e) {
     finish(failed(ZVErrorTypeTransport, ZVErrorTransportOther,
                   strCat("could not read the answer: ", e.what())));

@@ -23,13 +23,9 @@ thread_local Clock::time_point tLastYield;
 
 }  // namespace
 
-ZVYielding::ZVYielding() noexcept : previous_(tYielding) {
-  if (!tYielding) tLastYield = Clock::now();
+void yieldFromHere() noexcept {
   tYielding = true;
-}
-
-ZVYielding::~ZVYielding() {
-  tYielding = previous_;
+  tLastYield = Clock::now();
 }
 
 bool yieldingHere() noexcept {

@@ -9,27 +9,18 @@
 
 namespace zv_detail {
 
-/// While one is open on this thread, `yieldPoint` lets other runnable
-/// threads have the CPU once this thread has worked for about a quarter of
-/// a millisecond since it last did. Nests.
-class ZV_CORE_EXPORT ZVYielding {
- public:
-  ZVYielding() noexcept;
-  ~ZVYielding();
-  ZVYielding(const ZVYielding&) = delete;
-  ZVYielding& operator=(const ZVYielding&) = delete;
+/// From now on, `yieldPoint` on this thread lets other runnable threads have
+/// the CPU once this thread has worked for about a quarter of a millisecond
+/// since it last did. For the SDK's background threads (`ZVWorker`).
+ZV_CORE_EXPORT void yieldFromHere() noexcept;
 
- private:
-  bool previous_;
-};
-
-/// Whether a `ZVYielding` is open on this thread: a loop asks once, and
-/// calls `yieldPoint` between its units only when it is.
+/// Whether this thread yields: a loop asks once, and calls `yieldPoint`
+/// between its units only when it does.
 ZV_CORE_EXPORT bool yieldingHere() noexcept;
 
-/// Called between units of long work (an object parsed, a record built)
-/// where a `ZVYielding` is open: a few nanoseconds, and a `sched_yield` at
-/// most every quarter millisecond.
+/// Called between units of long work (an object parsed, a record built) on a
+/// thread that yields: a few nanoseconds, and a `sched_yield` at most every
+/// quarter millisecond.
 ZV_CORE_EXPORT void yieldPoint() noexcept;
 
 }  // namespace zv_detail
