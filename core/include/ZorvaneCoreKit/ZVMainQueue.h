@@ -101,6 +101,10 @@ class ZV_CORE_EXPORT ZVMainQueue {
   /// Queues `tasks` (left empty) as `async` would one by one, with one lock
   /// and at most one wakeup of the thread that runs them.
   void asyncAll(std::vector<Task>& tasks) noexcept;
+  /// What `async` and `asyncAll` share: queues the `count` tasks (or hands
+  /// them to the executor); throws `std::bad_alloc` when some could not be
+  /// queued, after announcing those that were.
+  void enqueue(Task* tasks, size_t count);
   /// Waits for a task, or until `until`; the lock is held.
   void waitForTask(std::unique_lock<std::mutex>& lock, std::chrono::steady_clock::time_point until);
   void runThread();

@@ -2,6 +2,7 @@
 
 #include <pthread.h>
 
+#include <exception>
 #include <vector>
 
 #include "runtime/ZVDeliveryBatch.h"
@@ -82,9 +83,25 @@ ZVMainQueue::~ZVMainQueue() {
 
 void ZVMainQueue::async(Task task) {
   if (ZVDeliveryBatch::hold(this, task)) return;
+  enqueue(&task, 1);
+}
+
+void ZVMainQueue::asyncAll(std::vector<Task>& tasks) noexcept {
+  try {
+    enqueue(tasks.data(), tasks.size());
+  } catch (...) {
+    // No memory for the rest: they are destroyed unrun below, which ends
+    // their operations as cancelled.
+  }
+  tasks.clear();
+}
+
+void ZVMainQueue::enqueue(Task* tasks, size_t count) {
   std::shared_ptr<const Executor> executor;
   std::shared_ptr<const std::function<void()>> wakeUp;
   bool wake = false;
+  size_t queued = 0;
+  std::exception_ptr noMemory;
   {
     std::lock_guard lock(mutex_);
     if (executor_ && !exiting_) {
@@ -93,47 +110,24 @@ void ZVMainQueue::async(Task task) {
       // A runner waits only while the queue is empty: a task behind others
       // needs no wakeup.
       wake = tasks_.empty() && waiting_ > 0;
-      tasks_.push_back(std::move(task));
-      if (!exiting_) wakeUp = wakeUp_;
-    }
-  }
-  if (executor) {
-    zv_detail::runHostCode("the main queue's executor", [&] { (*executor)(std::move(task)); });
-    return;
-  }
-  if (wake) cv_.notify_all();
-  if (wakeUp) runWakeUp(*wakeUp);
-}
-
-void ZVMainQueue::asyncAll(std::vector<Task>& tasks) noexcept {
-  std::shared_ptr<const Executor> executor;
-  std::shared_ptr<const std::function<void()>> wakeUp;
-  bool wake = false;
-  size_t queued = 0;
-  {
-    std::lock_guard lock(mutex_);
-    if (executor_ && !exiting_) {
-      executor = executor_;
-    } else {
-      wake = tasks_.empty() && waiting_ > 0;
       try {
-        for (; queued < tasks.size(); ++queued) tasks_.push_back(std::move(tasks[queued]));
+        for (; queued < count; ++queued) tasks_.push_back(std::move(tasks[queued]));
       } catch (...) {
-        // No memory for the rest: they are destroyed unrun below, which
-        // ends their operations as cancelled.
+        noMemory = std::current_exception();  // those queued are still announced
       }
       if (!exiting_) wakeUp = wakeUp_;
     }
   }
   if (executor) {
-    for (Task& task : tasks)
-      zv_detail::runHostCode("the main queue's executor", [&] { (*executor)(std::move(task)); });
-    queued = 0;
+    for (size_t i = 0; i < count; ++i)
+      zv_detail::runHostCode("the main queue's executor",
+                             [&] { (*executor)(std::move(tasks[i])); });
+    return;
   }
-  if (wake) cv_.notify_all();
+  if (wake && queued > 0) cv_.notify_all();
   if (wakeUp)
     for (size_t i = 0; i < queued; ++i) runWakeUp(*wakeUp);
-  tasks.clear();
+  if (noMemory) std::rethrow_exception(noMemory);
 }
 
 void ZVMainQueue::waitForTask(std::unique_lock<std::mutex>& lock,
