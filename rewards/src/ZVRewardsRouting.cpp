@@ -21,6 +21,7 @@
 #include "runtime/ZVPManagerUtils.h"
 #include "runtime/ZVReclaimer.h"
 #include "runtime/ZVYieldPoint.h"
+#include "runtime/ZorvaneSettings.h"
 
 namespace {
 
@@ -49,7 +50,8 @@ struct TooManyRecords {
 };
 
 size_t recordLimit() {
-  const size_t bytes = Zorvane::configuration().maxResponseBytes;
+  // Shared, not copied: a copy of the configuration costs a dozen allocations.
+  const size_t bytes = zv_detail::currentConfiguration()->maxResponseBytes;
   return bytes == 0 ? SIZE_MAX : bytes / kBytesPerRecord;
 }
 

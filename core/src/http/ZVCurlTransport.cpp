@@ -10,6 +10,7 @@
 #include <mutex>
 #include <string_view>
 #include <thread>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -147,7 +148,9 @@ size_t onHeader(char* data, size_t size, size_t count, void* user) {
         value.remove_suffix(1);
       ZVHeaders& headers = transfer->result.headers;
       if (headers.capacity() == 0) headers.reserve(8);  // one allocation for a usual answer
-      headers.emplace_back(std::string(line.substr(0, colon)), std::string(value));
+      // Built in place: no temporaries to move and free, a dozen times an answer.
+      headers.emplace_back(std::piecewise_construct, std::forward_as_tuple(line.data(), colon),
+                           std::forward_as_tuple(value.data(), value.size()));
     }
   } catch (...) {
     transfer->outOfMemory = true;

@@ -65,8 +65,9 @@ class Call : public std::enable_shared_from_this<Call> {
         outcome.error->setMessage(
             strCat(*outcome.error->message(), " (after ", attempts_, " attempts)"));
     }
+    static const std::string kNoKind;
     if (callback_)
-      callback_(request_ ? request_->kind() : std::string(), std::move(outcome.response),
+      callback_(request_ ? request_->kind() : kNoKind, std::move(outcome.response),
                 std::move(outcome.error), std::move(outcome.body));
   }
 

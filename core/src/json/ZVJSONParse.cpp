@@ -525,7 +525,9 @@ class Builder {
     ZVText*& cached = keyCache_.texts[zv_detail::longKeyHash(key) >> 56];
     if (cached == nullptr || std::string_view(cached->data(), cached->size) != key) {
       if (cached != nullptr) cached->release();
+      cached = nullptr;
       cached = ZVText::make(arena_, key);
+      keyCache_.used = true;
     }
     cached->retainUnshared();  // one reference for the key; the cache keeps its own
     return zv_detail::ZVKey(cached);
@@ -559,7 +561,9 @@ class Builder {
   const bool yielding_;  // asked once: most walks run where nothing yields
   struct KeyCache {
     ZVText* texts[256] = {};
+    bool used = false;  // most small answers' keys are all inline: nothing to walk
     ~KeyCache() {
+      if (!used) return;
       for (ZVText* text : texts)
         if (text != nullptr) text->release();
     }
