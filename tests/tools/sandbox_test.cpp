@@ -12,6 +12,7 @@
 
 #include <chrono>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <set>
 #include <string>
@@ -101,13 +102,14 @@ class SandboxTest : public ::testing::Test {
     fs::remove_all(dir_);
   }
 
-  ZVSandboxOptions defaults() const {
+  // (Re)starts the sandbox with its files in this test's directory, as
+  // `change` then has them.
+  void start(const std::function<void(ZVSandboxOptions&)>& change = {},
+             const ZVSandboxLimits& limits = {}) {
     ZVSandboxOptions options;
     options.statePath = (dir_ / "state.sqlite").string();
     options.certDir = dir_.string();
-    return options;
-  }
-  void start(const ZVSandboxOptions& options, const ZVSandboxLimits& limits = {}) {
+    if (change) change(options);
     sandbox_.reset();
     sandbox_ = std::make_unique<ZVSandbox>(options, limits);
     std::string error;
@@ -157,7 +159,7 @@ class SandboxTest : public ::testing::Test {
 };
 
 TEST_F(SandboxTest, GateChecksTokenAppAndPath) {
-  start(defaults());
+  start();
   const std::tuple<const char*, const char*, int, const char*> cases[] = {
       {"sandbox-app/orders", nullptr, 401, "invalid access token"},
       {"sandbox-app/orders", "wrong", 401, "invalid access token"},
@@ -174,7 +176,7 @@ TEST_F(SandboxTest, GateChecksTokenAppAndPath) {
 }
 
 TEST_F(SandboxTest, RefusalsExplainThemselves) {
-  start(defaults());
+  start();
   const std::string deep = std::string(100000, '[') + std::string(100000, ']');
   const std::string quantity = "Quantity must be a whole number from 1 to 1000";
   const std::tuple<const char*, std::string, int, std::string> cases[] = {
@@ -198,7 +200,7 @@ TEST_F(SandboxTest, RefusalsExplainThemselves) {
 }
 
 TEST_F(SandboxTest, PassedChallengeServesOneOrderOfItsOffer) {
-  start(defaults());
+  start();
   const auto failed = answerQuestion("103", false);
   EXPECT_EQ(failed["status"], "failed");
   EXPECT_EQ(order("103", {{"challenge", {{"id", failed["id"]}}}}).body["status"], "error");
@@ -228,12 +230,12 @@ TEST_F(SandboxTest, PassedChallengeServesOneOrderOfItsOffer) {
 TEST_F(SandboxTest, FaultsAreInjectedAndRepeatable) {
   using Share = double ZVSandboxFaults::*;
   const auto withFaults = [&](Share share, double value = 1, bool asDate = false) {
-    auto options = defaults();
-    options.faults.*share = value;
-    options.faults.retryAfterSeconds = 7;
-    options.faults.retryAfterAsDate = asDate;
-    options.faults.seed = 7;
-    start(options);
+    start([&](ZVSandboxOptions& options) {
+      options.faults.*share = value;
+      options.faults.retryAfterSeconds = 7;
+      options.faults.retryAfterAsDate = asDate;
+      options.faults.seed = 7;
+    });
   };
   // A 500, a truncated body, no answer at all.
   const std::pair<Share, int> plain[] = {{&ZVSandboxFaults::http500Share, 500},
@@ -258,7 +260,7 @@ TEST_F(SandboxTest, FaultsAreInjectedAndRepeatable) {
       EXPECT_TRUE(asDate ? retryAfter.ends_with(" GMT") : retryAfter == "7") << retryAfter;
     }
   }
-  start(defaults());
+  start();
   EXPECT_EQ(ordersKept(), 0u);
 
   const auto statuses = [&] {
@@ -273,7 +275,7 @@ TEST_F(SandboxTest, FaultsAreInjectedAndRepeatable) {
 }
 
 TEST_F(SandboxTest, IdempotencyKeyAnswersOnceAndRefusesAnotherRequest) {
-  start(defaults());
+  start();
   const std::string path = "offers/107/orders";
   const auto first = keyed("k-1", path, R"({"order":{"quantity":1,"email":"a@b.c"}})");
   ASSERT_EQ(first.body["status"], "ok") << first.text;
@@ -323,14 +325,12 @@ TEST_F(SandboxTest, IdempotencyKeyAnswersOnceAndRefusesAnotherRequest) {
 // by its key's retry instead of being placed again; a key older than a day is
 // forgotten; a reset starts afresh.
 TEST_F(SandboxTest, StateAndKeysPersistAcrossRestartsUntilReset) {
-  auto options = defaults();
-  options.faults.dropAfterCommitShare = 1;
-  start(options);
+  start([](ZVSandboxOptions& options) { options.faults.dropAfterCommitShare = 1; });
   const std::string path = "offers/107/orders", body = R"({"order":{"quantity":3}})";
   EXPECT_EQ(keyed("retry-me", path, body).status, 0);
   EXPECT_EQ(ordersKept(), 1u) << "a GET is not dropped";
 
-  start(defaults());
+  start();
   const auto retried = keyed("retry-me", path, body);
   EXPECT_EQ(retried.status, 200);
   EXPECT_EQ(retried.headers.count("Idempotent-Replayed"), 1u);
@@ -344,14 +344,14 @@ TEST_F(SandboxTest, StateAndKeysPersistAcrossRestartsUntilReset) {
                          nullptr, nullptr),
             SQLITE_OK);
   sqlite3_close(db);
-  start(defaults());
+  start();
   EXPECT_EQ(keyed("retry-me", path, R"({"order":{}})").status, 200);
   EXPECT_EQ(ordersKept(), 3u);
 
-  options = defaults();
-  options.reset = true;
-  options.initialPoints = 300;
-  start(options);
+  start([](ZVSandboxOptions& options) {
+    options.reset = true;
+    options.initialPoints = 300;
+  });
   EXPECT_EQ(ordersKept(), 0u);
   EXPECT_EQ(order("107").body["order"]["user"]["available_points"], 50);
 }
@@ -409,7 +409,7 @@ TEST_F(SandboxTest, HostileClientsAreRefusedWhileOthersAreServed) {
   ZVSandboxLimits limits;
   limits.requestTimeout = 3s;
   limits.workers = 2;
-  start(defaults(), limits);
+  start({}, limits);
 
   // More slow clients than workers: each sends the start of a head only.
   std::vector<std::unique_ptr<RawConnection>> slow;
@@ -456,19 +456,20 @@ TEST_F(SandboxTest, StateAndKeyAreReadableByTheirOwnerOnly) {
     return info.st_mode & 07777;
   };
   // A directory the sandbox makes, a state file left wider by someone else.
-  auto options = defaults();
-  options.statePath = (dir_ / "made" / "state.sqlite").string();
-  options.certDir = (dir_ / "made").string();
-  options.tls = true;
-  start(options);
+  const fs::path made = dir_ / "made";
+  const auto inMade = [&](ZVSandboxOptions& options) {
+    options.statePath = (made / "state.sqlite").string();
+    options.certDir = made.string();
+    options.tls = true;
+  };
+  start(inMade);
   sandbox_->stop();
-  ::chmod(options.statePath.c_str(), 0644);
-  ::chmod((dir_ / "made" / "sandbox-key.pem").c_str(), 0644);
-  start(options);
-  EXPECT_EQ(modeOf(dir_ / "made"), 0700u);
+  for (const char* file : {"state.sqlite", "sandbox-key.pem"}) ::chmod((made / file).c_str(), 0644);
+  start(inMade);
+  EXPECT_EQ(modeOf(made), 0700u);
   for (const char* file :
        {"state.sqlite", "state.sqlite-wal", "state.sqlite-shm", "sandbox-key.pem"})
-    EXPECT_EQ(modeOf(dir_ / "made" / file), 0600u) << file;
+    EXPECT_EQ(modeOf(made / file), 0600u) << file;
 }
 
 }  // namespace
