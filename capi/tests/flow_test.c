@@ -32,21 +32,16 @@ static void keep(outcome* o, void* result, zvr_error error) {
   o->error = error;
 }
 
-static void ZVR_CALL on_offers(zvr_offer_list offers, zvr_error error, void* user) {
-  keep(user, offers, error);
-}
-static void ZVR_CALL on_orders(zvr_order_list orders, zvr_error error, void* user) {
-  keep(user, orders, error);
-}
-static void ZVR_CALL on_order(zvr_order order, zvr_error error, void* user) {
-  keep(user, order, error);
-}
-static void ZVR_CALL on_question(zvr_skill_question question, zvr_error error, void* user) {
-  keep(user, question, error);
-}
-static void ZVR_CALL on_challenge(zvr_skill_challenge challenge, zvr_error error, void* user) {
-  keep(user, challenge, error);
-}
+/* A callback of each result type, all keeping their outcome. */
+#define KEEPING(name, type)                                             \
+  static void ZVR_CALL name(type result, zvr_error error, void* user) { \
+    keep(user, result, error);                                          \
+  }
+KEEPING(on_offers, zvr_offer_list)
+KEEPING(on_orders, zvr_order_list)
+KEEPING(on_order, zvr_order)
+KEEPING(on_question, zvr_skill_question)
+KEEPING(on_challenge, zvr_skill_challenge)
 
 static void forget(outcome* o) {
   if (o->result) CHECK_RESULT(ZVR_OK, zvr_release(o->result));
@@ -61,6 +56,15 @@ static void settle(outcome* o) {
   zvr_test_drain();
   CHECK(o->calls == 1 && o->on_main_thread);
 }
+
+/* Starts an operation whose outcome goes to `o`: never called back inside the
+ * call, then settled. */
+#define AWAIT(start, o)            \
+  do {                             \
+    CHECK_RESULT(ZVR_OK, (start)); \
+    CHECK((o)->calls == 0);        \
+    settle(o);                     \
+  } while (0)
 
 /* ---- Notifications and log lines ------------------------------------------- */
 
@@ -97,8 +101,7 @@ static void ZVR_CALL on_log_line(const char* line, uint32_t length, void* user) 
 static void check_request_limit(zvr_configuration configuration) {
   configuration.max_requests_in_flight = 1;
   CHECK_RESULT(ZVR_OK, zvr_configure(&configuration));
-  outcome calls[3];
-  memset(calls, 0, sizeof calls);
+  outcome calls[3] = {{0}};
   for (int i = 0; i < 3; ++i) CHECK_RESULT(ZVR_OK, zvr_rewards_fetch_orders(on_orders, &calls[i]));
   int refused = 0;
   for (int i = 0; i < 3; ++i) {
@@ -136,7 +139,7 @@ static zvr_offer find_offer(zvr_offer_list list, const char* id) {
 /* One getter of each kind (the C# test reads the other fields through the
  * same ones, but only this test runs under the sanitizers). */
 static void check_offers(zvr_offer_list offers) {
-  zvr_offer mug = find_offer(offers, "101");
+  zvr_offer mug = find_offer(offers, "101"), past = NULL;
   const char *name = NULL, *again = NULL, *status = NULL, *data = NULL, *json = NULL;
   int32_t needs_question = 1;
   zvr_offer_list none = NULL;
@@ -155,7 +158,6 @@ static void check_offers(zvr_offer_list offers) {
   CHECK_RESULT(ZVR_OK, zvr_offer_get_options(mug, &none));
   CHECK_RESULT(ZVR_OK, zvr_offer_list_get_count(none, &none_count));
   CHECK_RESULT(ZVR_OK, zvr_offer_list_get_count(offers, &count));
-  zvr_offer past = NULL;
   CHECK_RESULT(ZVR_E_OUT_OF_RANGE, zvr_offer_list_get_at(offers, count, &past));
   CHECK(none_count == 0 && past == NULL);
   zvr_release(none);
@@ -166,7 +168,7 @@ int main(int argc, char** argv) {
   char host[128];
   main_thread = pthread_self();
   if (argc < 2 || zvr_test_start_sandbox(argv[1], host, sizeof host) != 0) return 1;
-  uint32_t handles_before = 0;
+  uint32_t handles_before = 0, handles_after = 0, count = 1;
   CHECK_RESULT(ZVR_OK, zvr_handle_count(&handles_before));
 
   zvr_configuration configuration = ZVR_CONFIGURATION_INIT;
@@ -177,8 +179,7 @@ int main(int argc, char** argv) {
   configuration.locale = "en_US";
   CHECK_RESULT(ZVR_OK, zvr_configure(&configuration));
 
-  notifications seen;
-  memset(&seen, 0, sizeof seen);
+  notifications seen = {0};
   uint64_t subscription = 0;
   CHECK_RESULT(ZVR_OK, zvr_notifications_subscribe(NULL, on_notification, &seen, &subscription));
   CHECK_RESULT(ZVR_OK, zvr_logger_set_sink(on_log_line, &fetched_lines));
@@ -186,33 +187,24 @@ int main(int argc, char** argv) {
   CHECK_RESULT(ZVR_OK, zvr_logger_set_level(ZVR_LOG_LEVEL_COMPACT));
 
   /* Offers, then the same from the cache: both delivered later, on this thread. */
-  outcome fetched, cached, question, challenge, placed, orders;
-  memset(&fetched, 0, sizeof fetched);
-  cached = question = challenge = placed = orders = fetched;
-  CHECK_RESULT(ZVR_OK, zvr_rewards_fetch_offers(on_offers, &fetched));
-  CHECK(fetched.calls == 0);
-  settle(&fetched);
+  outcome fetched = {0}, cached = {0}, question = {0}, challenge = {0}, placed = {0}, orders = {0};
+  AWAIT(zvr_rewards_fetch_offers(on_offers, &fetched), &fetched);
   CHECK(fetched.error == NULL && fetched.result != NULL);
   check_offers(fetched.result);
-  CHECK_RESULT(ZVR_OK, zvr_rewards_fetch_offers_with_locale("fr_CA", on_offers, &cached));
-  CHECK(cached.calls == 0);
-  settle(&cached);
-  uint32_t fetched_count = 0;
-  CHECK_RESULT(ZVR_OK, zvr_offer_list_get_count(fetched.result, &fetched_count));
-  CHECK(seen.offers == 2 && fetched_lines == 2 && seen.offers_notified == fetched_count);
+  AWAIT(zvr_rewards_fetch_offers_with_locale("fr_CA", on_offers, &cached), &cached);
+  CHECK_RESULT(ZVR_OK, zvr_offer_list_get_count(fetched.result, &count));
+  CHECK(seen.offers == 2 && fetched_lines == 2 && seen.offers_notified == count);
   double refreshed = 0;
   CHECK_RESULT(ZVR_OK, zvr_rewards_get_last_refresh_time(&refreshed));
   CHECK(refreshed > (double)time(NULL) - 60);
 
   /* A question, an answer (right or wrong, a challenge comes back), and an
    * order with the challenge and an address; the orders list holds it. */
-  CHECK_RESULT(ZVR_OK, zvr_rewards_fetch_skill_question(on_question, &question));
-  settle(&question);
+  AWAIT(zvr_rewards_fetch_skill_question(on_question, &question), &question);
   const char *question_id = NULL, *verdict = NULL, *challenge_id = NULL;
   CHECK_RESULT(ZVR_OK, zvr_skill_question_get_id(question.result, &question_id));
-  CHECK_RESULT(
-      ZVR_OK, zvr_rewards_answer_skill_question("103", question_id, "0", on_challenge, &challenge));
-  settle(&challenge);
+  AWAIT(zvr_rewards_answer_skill_question("103", question_id, "0", on_challenge, &challenge),
+        &challenge);
   CHECK_RESULT(ZVR_OK, zvr_skill_challenge_get_status(challenge.result, &verdict));
   CHECK_RESULT(ZVR_OK, zvr_skill_challenge_get_id(challenge.result, &challenge_id));
   CHECK(verdict != NULL && challenge_id != NULL);
@@ -234,8 +226,7 @@ int main(int argc, char** argv) {
   const char *order_id = NULL, *listed = NULL;
   CHECK_RESULT(ZVR_OK, zvr_order_get_id(placed.result, &order_id));
   CHECK(seen.placed == 1);
-  CHECK_RESULT(ZVR_OK, zvr_rewards_fetch_orders(on_orders, &orders));
-  settle(&orders);
+  AWAIT(zvr_rewards_fetch_orders(on_orders, &orders), &orders);
   CHECK_RESULT(ZVR_OK, zvr_order_list_get_json(orders.result, &listed));
   CHECK(listed != NULL && order_id != NULL && strstr(listed, order_id));
 
@@ -245,14 +236,12 @@ int main(int argc, char** argv) {
   /* Clearing empties the state. */
   CHECK_RESULT(ZVR_OK, zvr_rewards_clear_user_state());
   zvr_offer_list state = NULL;
-  uint32_t state_count = 1;
   CHECK_RESULT(ZVR_OK, zvr_rewards_get_offers(&state));
-  CHECK_RESULT(ZVR_OK, zvr_offer_list_get_count(state, &state_count));
-  CHECK(state_count == 0);
+  CHECK_RESULT(ZVR_OK, zvr_offer_list_get_count(state, &count));
+  CHECK(count == 0);
   zvr_release(state);
   outcome* all[] = {&fetched, &cached, &question, &challenge, &placed, &orders};
   for (size_t i = 0; i < sizeof all / sizeof all[0]; ++i) forget(all[i]);
-  uint32_t handles_after = 0;
   CHECK_RESULT(ZVR_OK, zvr_handle_count(&handles_after));
   CHECK(handles_after == handles_before);
 

@@ -1,6 +1,7 @@
 #define _GNU_SOURCE
 #include "zvr_test.h"
 
+#include <fcntl.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/prctl.h>
@@ -20,22 +21,21 @@ void zvr_test_stop_sandbox(void) {
   sandbox_pid = 0;
 }
 
+pid_t zvr_test_spawn(char* const argv[], int out) {
+  const pid_t parent = getpid(), child = fork();
+  if (child != 0) return child;
+  /* Never outlive the test, even when it crashes. */
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  if (getppid() != parent) _exit(1);
+  if (out >= 0) dup2(out, STDOUT_FILENO);
+  execvp(argv[0], argv);
+  _exit(127);
+}
+
 int zvr_test_start_sandbox(const char* server, char* host, size_t size) {
   int out[2];
-  if (pipe(out) != 0) return -1;
-  const pid_t parent = getpid();
-  sandbox_pid = fork();
-  if (sandbox_pid < 0) return -1;
-  if (sandbox_pid == 0) {
-    /* Never outlive the test, even when it crashes. */
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (getppid() != parent) _exit(1);
-    dup2(out[1], STDOUT_FILENO);
-    close(out[0]);
-    close(out[1]);
-    execl(server, server, "--host", "127.0.0.1", "--port", "0", "--state", ":memory:", (char*)NULL);
-    _exit(127);
-  }
+  char* argv[] = {(char*)server, "--host", "127.0.0.1", "--port", "0", "--state", ":memory:", NULL};
+  if (pipe2(out, O_CLOEXEC) != 0 || (sandbox_pid = zvr_test_spawn(argv, out[1])) < 0) return -1;
   close(out[1]);
   atexit(zvr_test_stop_sandbox);
   /* The server prints its address on its first lines, then keeps quiet. */

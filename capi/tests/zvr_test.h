@@ -7,6 +7,7 @@
 
 #include <stdio.h>
 #include <string.h>
+#include <sys/types.h>
 
 extern _Atomic int zvr_test_failures;
 
@@ -39,6 +40,9 @@ extern _Atomic int zvr_test_failures;
     }                                                                                        \
   } while (0)
 
+/* Starts argv[0] (looked up in PATH) as a child that dies with this process,
+ * its stdout on `out` (-1: ours). Returns its pid, or -1. */
+pid_t zvr_test_spawn(char* const argv[], int out);
 /* Starts `server` (zv_sandbox_server) on a free port with its state in
  * memory and writes its service host ("http://127.0.0.1:PORT") into `host`.
  * The child dies with this process. Returns 0 on success. */

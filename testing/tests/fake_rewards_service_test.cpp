@@ -3,7 +3,9 @@
 #include <atomic>
 #include <chrono>
 #include <future>
+#include <optional>
 #include <thread>
+#include <tuple>
 
 #include <gtest/gtest.h>
 
@@ -16,12 +18,7 @@ using namespace std::chrono_literals;
 const std::string kBase = "https://rewards.fake.invalid/api/v1/apps/fake-app/";
 
 TEST(FakeRewardsServiceTest, RecognisesEachKindFromMethodAndPath) {
-  struct Case {
-    const char* method;
-    std::string url;
-    std::string kind;
-  };
-  const Case cases[] = {
+  const std::tuple<const char*, std::string, std::string> cases[] = {
       {"GET", kBase + "offers?locale=fr-CA", kKindFetchRewardOffers},
       {"POST", kBase + "offers/12/orders", kKindPlaceOrder},
       {"GET", kBase + "orders", kKindFetchRewardOrders},
@@ -35,16 +32,15 @@ TEST(FakeRewardsServiceTest, RecognisesEachKindFromMethodAndPath) {
       {"GET", "https://rewards.fake.invalid/api/v1/offers", ""},  // no app
       {"GET", "not a url", ""},
   };
-  for (const auto& c : cases)
-    EXPECT_EQ(ZVFakeRewardsService::kindForRequest(c.method, c.url), c.kind) << c.url;
+  for (const auto& [method, url, kind] : cases)
+    EXPECT_EQ(ZVFakeRewardsService::kindForRequest(method, url), kind) << url;
 }
 
-// Sends one raw exchange and waits for its completion.
-ZVHTTPResult exchange(ZVFakeRewardsService& fake, std::string method, std::string url,
-                      std::thread::id* thread = nullptr) {
+// Sends one raw GET and waits for its completion, on `thread`.
+ZVHTTPResult get(ZVFakeRewardsService& fake, std::string url, std::thread::id* thread = nullptr) {
   std::promise<std::pair<ZVHTTPResult, std::thread::id>> promise;
   ZVHTTPRequest request;
-  request.method = std::move(method);
+  request.method = "GET";
   request.url = std::move(url);
   fake.send(std::move(request), [&](ZVHTTPResult result) {
     promise.set_value({std::move(result), std::this_thread::get_id()});
@@ -64,17 +60,17 @@ TEST(FakeRewardsServiceTest, AnswersOneShotThenStandingThenNotSet) {
                    ZVFakeAnswer::transportFailure(ZVTransportFailure::Reset, "reset"));
 
   std::thread::id thread;
-  EXPECT_EQ(exchange(*fake, "GET", kBase + "orders", &thread).status, 503);
+  EXPECT_EQ(get(*fake, kBase + "orders", &thread).status, 503);
   EXPECT_NE(thread, std::this_thread::get_id());
-  EXPECT_EQ(exchange(*fake, "GET", kBase + "orders").failure, ZVTransportFailure::Reset);
-  EXPECT_EQ(exchange(*fake, "GET", kBase + "orders").body, R"({"status": "ok", "orders": []})");
-  EXPECT_EQ(exchange(*fake, "GET", kBase + "offers").status, 501);
-  EXPECT_EQ(exchange(*fake, "GET", kBase + "nothing").status, 404);
+  EXPECT_EQ(get(*fake, kBase + "orders").failure, ZVTransportFailure::Reset);
+  EXPECT_EQ(get(*fake, kBase + "orders").body, R"({"status": "ok", "orders": []})");
+  EXPECT_EQ(get(*fake, kBase + "offers").status, 501);
+  EXPECT_EQ(get(*fake, kBase + "nothing").status, 404);
 
   EXPECT_EQ(fake->requestCount(kKindFetchRewardOrders), 3u);
   EXPECT_EQ(fake->requests().size(), 5u);
   fake->clearAnswers();
-  EXPECT_EQ(exchange(*fake, "GET", kBase + "orders").status, 501);
+  EXPECT_EQ(get(*fake, kBase + "orders").status, 501);
 }
 
 TEST(FakeRewardsServiceTest, DestructionFailsWaitingRequestsOnce) {
@@ -103,17 +99,14 @@ TEST(FakeRewardsServiceTest, DrivesTheManagerWithoutANetwork) {
   fake->setBody(kKindPlaceOrder,
                 R"({"status": "ok", "order": {"id": "7", "user": {"available_points": 1200}}})");
 
-  std::shared_ptr<ZVOrder> placed;
-  bool done = false;
-  ZVRewardsManager::instance()->placeOrder(ZVOrderRequest::initWithOfferID("a b", 1),
-                                           [&](std::shared_ptr<ZVOrder> order, ZVErrorPtr) {
-                                             placed = order;
-                                             done = true;
-                                           });
-  ASSERT_TRUE(ZVMainQueue::shared()->runUntil([&] { return done; }, 5s));
-  ASSERT_TRUE(placed);
-  EXPECT_EQ(placed->orderID(), "7");
-  EXPECT_EQ(placed->user()->availablePoints(), 1200);
+  std::optional<std::shared_ptr<ZVOrder>> placed;  // set once called back
+  const auto request = ZVOrderRequest::initWithOfferID("a b", 1);
+  ZVRewardsManager::instance()->placeOrder(request,
+                                           [&](auto order, ZVErrorPtr) { placed = order; });
+  ASSERT_TRUE(ZVMainQueue::shared()->runUntil([&] { return placed.has_value(); }, 5s));
+  ASSERT_TRUE(*placed);
+  EXPECT_EQ((*placed)->orderID(), "7");
+  EXPECT_EQ((*placed)->user()->availablePoints(), 1200);
 
   const auto sent = fake->requestsOfKind(kKindPlaceOrder);
   ASSERT_EQ(sent.size(), 1u);

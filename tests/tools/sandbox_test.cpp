@@ -12,10 +12,12 @@
 
 #include <chrono>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <set>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include <fmt/core.h>
@@ -31,6 +33,7 @@ namespace {
 namespace fs = std::filesystem;
 using nlohmann::json;
 using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
 
 constexpr const char* kToken = "sandbox-token";
 const std::string kApp = "/api/v1/apps/sandbox-app/";
@@ -48,23 +51,20 @@ struct RawConnection {
 
   // Sends until done or the peer stops taking bytes; false then.
   bool send(std::string_view bytes) {
-    while (connected && !bytes.empty()) {
-      const ssize_t n = ::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-      if (n <= 0) return false;
-      bytes.remove_prefix(static_cast<size_t>(n));
-    }
+    for (ssize_t n = 0; connected && !bytes.empty(); bytes.remove_prefix(static_cast<size_t>(n)))
+      if ((n = ::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL)) <= 0) return false;
     return connected;
   }
   // What arrives until the peer closes (every use here expects it cut off)
   // or `limit` passes.
   std::string readAnswer(std::chrono::milliseconds limit = 20s) {
     std::string text;
-    const auto deadline = std::chrono::steady_clock::now() + limit;
     char buffer[65536];
+    const auto deadline = Clock::now() + limit;
     for (pollfd entry{fd, POLLIN, 0};;) {
-      const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-          deadline - std::chrono::steady_clock::now());
-      const ssize_t n = left.count() >= 0 && ::poll(&entry, 1, static_cast<int>(left.count())) > 0
+      const auto left =
+          std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+      const ssize_t n = left >= 0 && ::poll(&entry, 1, static_cast<int>(left)) > 0
                             ? ::recv(fd, buffer, sizeof buffer, 0)
                             : 0;
       if (n <= 0) return text;
@@ -83,27 +83,33 @@ struct Answer {
   httplib::Headers headers;
 };
 
+// A refusal: its status, and a body that says why.
+void expectError(const Answer& answer, int status, const std::string& message) {
+  EXPECT_EQ(answer.status, status) << answer.text;
+  EXPECT_EQ(answer.body["status"], "error") << answer.text;
+  EXPECT_EQ(answer.body["message"], message);
+}
+
 class SandboxTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    dir_ = fs::temp_directory_path() /
-           fmt::format("zv-sandbox-test-{}-{}", getpid(),
-                       ::testing::UnitTest::GetInstance()->current_test_info()->name());
-    fs::remove_all(dir_);
-    fs::create_directories(dir_);
+    std::string pattern = (fs::temp_directory_path() / "zv-sandbox-test-XXXXXX").string();
+    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
+    dir_ = pattern;
   }
   void TearDown() override {
     sandbox_.reset();
     fs::remove_all(dir_);
   }
 
-  ZVSandboxOptions defaults() const {
+  // (Re)starts the sandbox with its files in this test's directory, as
+  // `change` then has them.
+  void start(const std::function<void(ZVSandboxOptions&)>& change = {},
+             const ZVSandboxLimits& limits = {}) {
     ZVSandboxOptions options;
     options.statePath = (dir_ / "state.sqlite").string();
     options.certDir = dir_.string();
-    return options;
-  }
-  void start(const ZVSandboxOptions& options, const ZVSandboxLimits& limits = {}) {
+    if (change) change(options);
     sandbox_.reset();
     sandbox_ = std::make_unique<ZVSandbox>(options, limits);
     std::string error;
@@ -133,18 +139,18 @@ class SandboxTest : public ::testing::Test {
   }
   size_t ordersKept() const { return call("orders").body["orders"].size(); }
   json question() const { return call("challenges/skills_test_question").body["challenge"]; }
+  static std::string answerBody(const std::string& response) {
+    return fmt::format(R"({{"challenge":{{"skills_test_question":{{"response":"{}"}}}}}})",
+                       response);
+  }
   // Fetches a question and answers it for `offerID`; returns the challenge.
   json answerQuestion(const std::string& offerID, bool correctly) const {
     const auto inner = question()["skills_test_question"];
     const auto expected = zvcli::evaluateArithmetic(inner["question"].get<std::string>());
     EXPECT_TRUE(expected) << inner["question"];
-    const json answer = {
-        {"challenge",
-         {{"skills_test_question",
-           {{"response", zvcli::answerText(expected.value_or(0) + !correctly)}}}}}};
     return call(fmt::format("offers/{}/challenges/skills_test_questions/{}", offerID,
                             inner["id"].get<std::string>()),
-                answer.dump())
+                answerBody(zvcli::answerText(expected.value_or(0) + !correctly)))
         .body["challenge"];
   }
 
@@ -153,41 +159,29 @@ class SandboxTest : public ::testing::Test {
 };
 
 TEST_F(SandboxTest, GateChecksTokenAppAndPath) {
-  start(defaults());
-  const struct {
-    const char* path;
-    const char* token;
-    int status;
-    const char* message;
-  } cases[] = {
-      {"/api/v1/apps/sandbox-app/orders", nullptr, 401, "invalid access token"},
-      {"/api/v1/apps/sandbox-app/orders", "wrong", 401, "invalid access token"},
-      {"/api/v1/apps/other-app/orders", kToken, 404, "unknown app 'other-app'"},
-      {"/api/v1/apps/sandbox-app/nothing", kToken, 404,
+  start();
+  const std::tuple<const char*, const char*, int, const char*> cases[] = {
+      {"sandbox-app/orders", nullptr, 401, "invalid access token"},
+      {"sandbox-app/orders", "wrong", 401, "invalid access token"},
+      {"other-app/orders", kToken, 404, "unknown app 'other-app'"},
+      {"sandbox-app/nothing", kToken, 404,
        "no such endpoint: GET /api/v1/apps/sandbox-app/nothing"},
   };
-  for (const auto& c : cases) {
+  for (const auto& [path, token, status, message] : cases) {
+    SCOPED_TRACE(path);
     httplib::Headers headers;
-    if (c.token) headers.emplace("Authorization", fmt::format("Bearer {}", c.token));
-    const auto answer = call("", std::nullopt, headers, c.path);
-    EXPECT_EQ(answer.status, c.status) << c.path;
-    EXPECT_EQ(answer.body["status"], "error");
-    EXPECT_EQ(answer.body["message"], c.message);
+    if (token) headers.emplace("Authorization", fmt::format("Bearer {}", token));
+    expectError(call(path, std::nullopt, headers, "/api/v1/apps/"), status, message);
   }
 }
 
 TEST_F(SandboxTest, RefusalsExplainThemselves) {
-  start(defaults());
+  start();
   const std::string deep = std::string(100000, '[') + std::string(100000, ']');
-  const struct {
-    std::string offer;
-    std::string body;
-    int status;
-    const char* message;
-  } cases[] = {
-      {"107", R"({"order":{"quantity":0}})", 200, "Quantity must be a whole number from 1 to 1000"},
-      {"107", R"({"order":{"quantity":1.5}})", 200,
-       "Quantity must be a whole number from 1 to 1000"},
+  const std::string quantity = "Quantity must be a whole number from 1 to 1000";
+  const std::tuple<const char*, std::string, int, std::string> cases[] = {
+      {"107", R"({"order":{"quantity":0}})", 200, quantity},
+      {"107", R"({"order":{"quantity":1.5}})", 200, quantity},
       {"105", R"({"order":{}})", 200, "Offer '105' is not available at the user's tier"},
       {"103", R"({"order":{"challenge":{"id":"c-made-up"}}})", 200,
        "A passed skill-testing challenge is required for offer '103'"},
@@ -198,17 +192,15 @@ TEST_F(SandboxTest, RefusalsExplainThemselves) {
       {"107", R"({"order":5})", 400, "the body has no \"order\" object"},
       {"107", R"({"order":)" + deep + "}", 400, "the body nests deeper than 32 levels"},
   };
-  for (const auto& c : cases) {
-    const auto answer = call(fmt::format("offers/{}/orders", c.offer), c.body);
-    EXPECT_EQ(answer.status, c.status) << c.body.substr(0, 40);
-    EXPECT_EQ(answer.body["status"], "error") << answer.text;
-    EXPECT_EQ(answer.body["message"], c.message) << c.body.substr(0, 40);
+  for (const auto& [offer, body, status, message] : cases) {
+    SCOPED_TRACE(body.substr(0, 40));
+    expectError(call(fmt::format("offers/{}/orders", offer), body), status, message);
   }
   EXPECT_EQ(ordersKept(), 0u);
 }
 
 TEST_F(SandboxTest, PassedChallengeServesOneOrderOfItsOffer) {
-  start(defaults());
+  start();
   const auto failed = answerQuestion("103", false);
   EXPECT_EQ(failed["status"], "failed");
   EXPECT_EQ(order("103", {{"challenge", {{"id", failed["id"]}}}}).body["status"], "error");
@@ -223,7 +215,7 @@ TEST_F(SandboxTest, PassedChallengeServesOneOrderOfItsOffer) {
             "A passed skill-testing challenge is required for offer '103'");
 
   const std::string id = question()["skills_test_question"]["id"];
-  const std::string answer = R"({"challenge":{"skills_test_question":{"response":"1"}}})";
+  const std::string answer = answerBody("1");
   const std::string path = "offers/103/challenges/skills_test_questions/";
   EXPECT_EQ(call(path + id, "{}").status, 400);
   // Once with a key: the same key replays the answer, another finds it answered.
@@ -236,34 +228,29 @@ TEST_F(SandboxTest, PassedChallengeServesOneOrderOfItsOffer) {
 }
 
 TEST_F(SandboxTest, FaultsAreInjectedAndRepeatable) {
-  const auto withFaults = [&](double ZVSandboxFaults::*share, double value = 1,
-                              bool asDate = false) {
-    auto options = defaults();
-    options.faults.*share = value;
-    options.faults.retryAfterSeconds = 7;
-    options.faults.retryAfterAsDate = asDate;
-    options.faults.seed = 7;
-    start(options);
+  using Share = double ZVSandboxFaults::*;
+  const auto withFaults = [&](Share share, double value = 1, bool asDate = false) {
+    start([&](ZVSandboxOptions& options) {
+      options.faults.*share = value;
+      options.faults.retryAfterSeconds = 7;
+      options.faults.retryAfterAsDate = asDate;
+      options.faults.seed = 7;
+    });
   };
   // A 500, a truncated body, no answer at all.
-  const struct {
-    double ZVSandboxFaults::*share;
-    int status;
-  } plain[] = {{&ZVSandboxFaults::http500Share, 500},
-               {&ZVSandboxFaults::malformedShare, 200},
-               {&ZVSandboxFaults::dropShare, 0}};
+  const std::pair<Share, int> plain[] = {{&ZVSandboxFaults::http500Share, 500},
+                                         {&ZVSandboxFaults::malformedShare, 200},
+                                         {&ZVSandboxFaults::dropShare, 0}};
   for (const auto& [share, status] : plain) {
     withFaults(share);
     const auto answer = call("orders");
     EXPECT_EQ(answer.status, status);
-    if (status == 200) {
-      EXPECT_TRUE(answer.body.is_discarded()) << answer.text;
-    }
+    EXPECT_TRUE(status != 200 || answer.body.is_discarded()) << answer.text;
   }
 
   // Retry-After as seconds or as a date; the refused order changes nothing.
-  for (const auto& [share, status] : {std::pair{&ZVSandboxFaults::http429Share, 429},
-                                      std::pair{&ZVSandboxFaults::http503Share, 503}}) {
+  for (const auto& [share, status] : {std::pair<Share, int>{&ZVSandboxFaults::http429Share, 429},
+                                      {&ZVSandboxFaults::http503Share, 503}}) {
     for (const bool asDate : {false, true}) {
       withFaults(share, 1, asDate);
       const auto refused = order("107");
@@ -273,7 +260,7 @@ TEST_F(SandboxTest, FaultsAreInjectedAndRepeatable) {
       EXPECT_TRUE(asDate ? retryAfter.ends_with(" GMT") : retryAfter == "7") << retryAfter;
     }
   }
-  start(defaults());
+  start();
   EXPECT_EQ(ordersKept(), 0u);
 
   const auto statuses = [&] {
@@ -288,7 +275,7 @@ TEST_F(SandboxTest, FaultsAreInjectedAndRepeatable) {
 }
 
 TEST_F(SandboxTest, IdempotencyKeyAnswersOnceAndRefusesAnotherRequest) {
-  start(defaults());
+  start();
   const std::string path = "offers/107/orders";
   const auto first = keyed("k-1", path, R"({"order":{"quantity":1,"email":"a@b.c"}})");
   ASSERT_EQ(first.body["status"], "ok") << first.text;
@@ -338,14 +325,12 @@ TEST_F(SandboxTest, IdempotencyKeyAnswersOnceAndRefusesAnotherRequest) {
 // by its key's retry instead of being placed again; a key older than a day is
 // forgotten; a reset starts afresh.
 TEST_F(SandboxTest, StateAndKeysPersistAcrossRestartsUntilReset) {
-  auto options = defaults();
-  options.faults.dropAfterCommitShare = 1;
-  start(options);
+  start([](ZVSandboxOptions& options) { options.faults.dropAfterCommitShare = 1; });
   const std::string path = "offers/107/orders", body = R"({"order":{"quantity":3}})";
   EXPECT_EQ(keyed("retry-me", path, body).status, 0);
   EXPECT_EQ(ordersKept(), 1u) << "a GET is not dropped";
 
-  start(defaults());
+  start();
   const auto retried = keyed("retry-me", path, body);
   EXPECT_EQ(retried.status, 200);
   EXPECT_EQ(retried.headers.count("Idempotent-Replayed"), 1u);
@@ -359,14 +344,14 @@ TEST_F(SandboxTest, StateAndKeysPersistAcrossRestartsUntilReset) {
                          nullptr, nullptr),
             SQLITE_OK);
   sqlite3_close(db);
-  start(defaults());
+  start();
   EXPECT_EQ(keyed("retry-me", path, R"({"order":{}})").status, 200);
   EXPECT_EQ(ordersKept(), 3u);
 
-  options = defaults();
-  options.reset = true;
-  options.initialPoints = 300;
-  start(options);
+  start([](ZVSandboxOptions& options) {
+    options.reset = true;
+    options.initialPoints = 300;
+  });
   EXPECT_EQ(ordersKept(), 0u);
   EXPECT_EQ(order("107").body["order"]["user"]["available_points"], 50);
 }
@@ -380,11 +365,8 @@ TEST(SandboxFraming, FindsTheEndOfARequestOrRefusesIt) {
   using enum State;
   const std::string get = "GET / HTTP/1.1\r\nHost: x\r\n\r\n", post = "POST / HTTP/1.1\r\n",
                     chunked = post + "Transfer-Encoding: chunked\r\n\r\n";
-  const struct {
-    std::string bytes;
-    State state;
-    size_t endOrStatus;
-  } cases[] = {
+  // The end of a complete request, the status of a refused one.
+  const std::tuple<std::string, State, size_t> cases[] = {
       {get + "GET / HTTP/1.1", complete, get.size()},
       {"GET / HTTP/1.1\r\nHost: x\r\n", incomplete, 0},
       {post + "Content-Length: 3\r\n\r\nab", incomplete, 0},
@@ -406,19 +388,17 @@ TEST(SandboxFraming, FindsTheEndOfARequestOrRefusesIt) {
       {post + "Transfer-Encoding: gzip\r\n\r\n", refused, 501},
       {post + "Content-Encoding: gzip\r\nContent-Length: 1\r\n\r\na", refused, 415},
   };
-  for (const auto& c : cases) {
+  for (const auto& [bytes, state, endOrStatus] : cases) {
     // Byte by byte and all at once: the framer resumes where it stopped.
     for (const bool trickle : {false, true}) {
       zvsandbox::RequestFramer framer(limits);
       zvsandbox::Framing framing;
-      for (size_t size = trickle ? 1 : c.bytes.size(); size <= c.bytes.size(); ++size) {
-        framing = framer.advance(std::string_view(c.bytes).substr(0, size));
-        if (framing.state != incomplete) break;
-      }
-      EXPECT_EQ(framing.state, c.state) << c.bytes;
-      const size_t endOrStatus = c.state == complete ? framing.end : size_t(framing.status);
-      EXPECT_EQ(c.state == incomplete ? 0 : endOrStatus, c.endOrStatus) << c.bytes << "\n"
-                                                                        << framing.message;
+      for (size_t size = trickle ? 1 : bytes.size(); size <= bytes.size(); ++size)
+        if ((framing = framer.advance(std::string_view(bytes).substr(0, size))).state != incomplete)
+          break;
+      EXPECT_EQ(framing.state, state) << bytes;
+      const size_t got = state == complete ? framing.end : size_t(framing.status);
+      EXPECT_EQ(state == incomplete ? 0 : got, endOrStatus) << bytes << "\n" << framing.message;
     }
   }
 }
@@ -429,7 +409,7 @@ TEST_F(SandboxTest, HostileClientsAreRefusedWhileOthersAreServed) {
   ZVSandboxLimits limits;
   limits.requestTimeout = 3s;
   limits.workers = 2;
-  start(defaults(), limits);
+  start({}, limits);
 
   // More slow clients than workers: each sends the start of a head only.
   std::vector<std::unique_ptr<RawConnection>> slow;
@@ -442,33 +422,27 @@ TEST_F(SandboxTest, HostileClientsAreRefusedWhileOthersAreServed) {
   EXPECT_EQ(slow.front()->readAnswer(0ms), "") << "served only after the slow clients timed out";
 
   // Beyond the limits (the framing's table has them all), each is answered
-  // with an error and cut off.
-  const auto head = [](const std::string& method, const std::string& endpoint,
-                       const std::string& headers) {
-    return fmt::format("{} {}{} HTTP/1.1\r\nHost: 127.0.0.1\r\nAuthorization: Bearer {}\r\n{}\r\n",
-                       method, kApp, endpoint, kToken, headers);
+  // with an error and cut off. A chunked body is 8 MiB in 64 KiB chunks.
+  const auto head = [](const std::string& line, const std::string& headers) {
+    return fmt::format("{} HTTP/1.1\r\nHost: 127.0.0.1\r\nAuthorization: Bearer {}\r\n{}\r\n", line,
+                       kToken, headers);
   };
-  const struct {
-    const char* name;
-    std::string head;
-    bool chunked;  // then 8 MiB of a body follow, in 64 KiB chunks
-    const char* status;
-  } cases[] = {
-      {"endless chunked body", head("POST", "offers/107/orders", "Transfer-Encoding: chunked\r\n"),
-       true, "HTTP/1.1 413 Payload Too Large"},
-      {"huge head", head("GET", "orders", "X: " + std::string(20000, 'y') + "\r\n"), false,
+  const std::tuple<std::string, bool, const char*> cases[] = {
+      {head("POST " + kApp + "offers/107/orders", "Transfer-Encoding: chunked\r\n"), true,
+       "HTTP/1.1 413 Payload Too Large"},
+      {head("GET " + kApp + "orders", "X: " + std::string(20000, 'y') + "\r\n"), false,
        "HTTP/1.1 431 Request Header Fields Too Large"},
-      {"slow head", "GET / HTTP/1.1\r\n", false, "HTTP/1.1 408 Request Timeout"},
+      {"GET / HTTP/1.1\r\n", false, "HTTP/1.1 408 Request Timeout"},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
+  const std::string chunk = "10000\r\n" + std::string(0x10000, 'x') + "\r\n";
+  for (const auto& [request, chunked, status] : cases) {
+    SCOPED_TRACE(status);
     RawConnection hostile(sandbox_->port());
-    ASSERT_TRUE(hostile.send(c.head));
-    const std::string chunk = "10000\r\n" + std::string(0x10000, 'x') + "\r\n";
-    for (int i = 0; c.chunked && i < 128 && hostile.send(chunk); ++i) {
+    ASSERT_TRUE(hostile.send(request));
+    for (int i = 0; chunked && i < 128 && hostile.send(chunk); ++i) {
     }
     const std::string answer = hostile.readAnswer();
-    EXPECT_EQ(answer.substr(0, answer.find("\r\n")), c.status) << answer.substr(0, 200);
+    EXPECT_EQ(answer.substr(0, answer.find("\r\n")), status) << answer.substr(0, 200);
     EXPECT_NE(answer.find(R"("status":"error")"), std::string::npos) << answer.substr(0, 200);
   }
   EXPECT_EQ(call("orders").status, 200);
@@ -482,19 +456,20 @@ TEST_F(SandboxTest, StateAndKeyAreReadableByTheirOwnerOnly) {
     return info.st_mode & 07777;
   };
   // A directory the sandbox makes, a state file left wider by someone else.
-  auto options = defaults();
-  options.statePath = (dir_ / "made" / "state.sqlite").string();
-  options.certDir = (dir_ / "made").string();
-  options.tls = true;
-  start(options);
+  const fs::path made = dir_ / "made";
+  const auto inMade = [&](ZVSandboxOptions& options) {
+    options.statePath = (made / "state.sqlite").string();
+    options.certDir = made.string();
+    options.tls = true;
+  };
+  start(inMade);
   sandbox_->stop();
-  ::chmod(options.statePath.c_str(), 0644);
-  ::chmod((dir_ / "made" / "sandbox-key.pem").c_str(), 0644);
-  start(options);
-  EXPECT_EQ(modeOf(dir_ / "made"), 0700u);
+  for (const char* file : {"state.sqlite", "sandbox-key.pem"}) ::chmod((made / file).c_str(), 0644);
+  start(inMade);
+  EXPECT_EQ(modeOf(made), 0700u);
   for (const char* file :
        {"state.sqlite", "state.sqlite-wal", "state.sqlite-shm", "sandbox-key.pem"})
-    EXPECT_EQ(modeOf(dir_ / "made" / file), 0600u) << file;
+    EXPECT_EQ(modeOf(made / file), 0600u) << file;
 }
 
 }  // namespace

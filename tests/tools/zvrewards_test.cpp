@@ -16,6 +16,8 @@
 #include <optional>
 #include <sstream>
 #include <string>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include <fmt/core.h>
@@ -40,6 +42,7 @@ namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 using nlohmann::json;
 using zvtest::ProcessResult;
+using Args = std::vector<std::string>;
 
 // The sandbox's catalogue: an offer anyone can afford, one above the balance,
 // one above the user's tier, and one that needs a passed skill-testing challenge.
@@ -52,19 +55,17 @@ constexpr const char* kToken = "Tok-7f3a9c-never-print-me";
 
 // Our environment without the client's variables, with the sandbox's default
 // files (certificates, state) kept in `stateHome`.
-std::vector<std::string> childEnvironment(const fs::path& stateHome) {
-  std::vector<std::string> env;
-  for (char** entry = environ; *entry; ++entry) {
-    std::string_view text(*entry);
-    if (text.starts_with("ZVREWARDS_") || text.starts_with("XDG_STATE_HOME=")) continue;
-    env.emplace_back(text);
-  }
-  env.push_back("XDG_STATE_HOME=" + stateHome.string());
+Args childEnvironment(const fs::path& stateHome) {
+  Args env{"XDG_STATE_HOME=" + stateHome.string()};
+  for (char** entry = environ; *entry; ++entry)
+    if (const std::string_view text(*entry);
+        !text.starts_with("ZVREWARDS_") && !text.starts_with("XDG_STATE_HOME="))
+      env.emplace_back(text);
   return env;
 }
 
 // `a` followed by `b`.
-std::vector<std::string> operator+(std::vector<std::string> a, const std::vector<std::string>& b) {
+Args operator+(Args a, const Args& b) {
   a.insert(a.end(), b.begin(), b.end());
   return a;
 }
@@ -82,33 +83,29 @@ class ZvrewardsTest : public ::testing::Test {
   }
 
   // Runs zvrewards with `args` as they stand.
-  ProcessResult runRaw(std::vector<std::string> args) {
+  ProcessResult runRaw(Args args) {
     args.insert(args.begin(), ZVREWARDS_BIN);
     return zvtest::runProcess(args, 60s, childEnvironment(dir_));
   }
 
   // Runs zvrewards against the built-in sandbox with this test's state file;
   // the first run of a test starts it afresh.
-  ProcessResult run(std::vector<std::string> args) {
-    std::vector<std::string> full{"--state", (dir_ / "state.sqlite").string()};
-    if (!started_) full.push_back("--reset");
-    started_ = true;
-    full.insert(full.end(), args.begin(), args.end());
-    return runRaw(full);
+  ProcessResult run(const Args& args) {
+    Args full{"--state", (dir_ / "state.sqlite").string()};
+    if (!std::exchange(started_, true)) full.push_back("--reset");
+    return runRaw(full + args);
   }
 
   // Runs zvrewards with a pseudo-terminal as its standard input and output;
   // `typeAt(screen)` says what to type once the screen so far ends in a
   // prompt (empty: nothing yet). Returns the exit status and the screen.
   std::pair<int, std::string> runAtTerminal(
-      std::vector<std::string> args, const std::function<std::string(const std::string&)>& typeAt) {
+      Args args, const std::function<std::string(const std::string&)>& typeAt) {
     const int master = ::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
     char name[128] = {};
     if (master < 0 || ::grantpt(master) != 0 || ::unlockpt(master) != 0 ||
-        ::ptsname_r(master, name, sizeof name) != 0) {
-      ADD_FAILURE() << "no pseudo-terminal";
-      return {-1, ""};
-    }
+        ::ptsname_r(master, name, sizeof name) != 0)
+      return {-1, "no pseudo-terminal"};  // fails every check of the screen
     const int slave = ::open(name, O_RDWR | O_NOCTTY);
     args.insert(args.begin(), ZVREWARDS_BIN);
     const pid_t pid = zvtest::spawnProcess(args, slave, slave, childEnvironment(dir_), slave);
@@ -177,13 +174,9 @@ TEST_F(ZvrewardsTest, CommandsPrintWhatTheyDid) {
   EXPECT_EQ(statuses[kExpensiveOffer], "insufficient_points");
   EXPECT_EQ(statuses[kGoldTierOffer], "not_qualified");
 
-  const std::vector<std::string> demo = {"worked out from the question", ": passed",
-                                         "Balance:", "user-update notification", "CREATED"};
-  const struct {
-    std::vector<std::string> args;
-    int status;
-    std::vector<std::string> shown;
-  } cases[] = {
+  const Args demo = {"worked out from the question", ": passed",
+                     "Balance:", "user-update notification", "CREATED"};
+  const std::tuple<Args, int, Args> cases[] = {
       {{"orders"}, 0, {order.value("id", "?")}},
       {{"offers"}, 0, {"POINTS", "└─ "}},  // options are drawn under their offer
       {{"offers", "--locale", "fr_CA"}, 0, {"Tasse à café"}},
@@ -192,13 +185,11 @@ TEST_F(ZvrewardsTest, CommandsPrintWhatTheyDid) {
       {{"demo"}, 0, demo},
       {{"demo", "--answer", "not a number"}, 1, {"wrong answer"}},
   };
-  for (const auto& c : cases) {
-    const ProcessResult result = run(c.args);
-    EXPECT_EQ(result.exitCode(), c.status) << result.err << result.out;
-    if (c.status == 0) {
-      EXPECT_TRUE(result.err.empty()) << result.err;
-    }
-    for (const std::string& text : c.shown)
+  for (const auto& [args, status, shown] : cases) {
+    const ProcessResult result = run(args);
+    EXPECT_EQ(result.exitCode(), status) << result.err << result.out;
+    EXPECT_TRUE(status != 0 || result.err.empty()) << result.err;
+    for (const std::string& text : shown)
       EXPECT_NE((result.out + result.err).find(text), std::string::npos) << text << "\n"
                                                                          << result.out;
   }
@@ -210,40 +201,28 @@ TEST_F(ZvrewardsTest, FailuresPrintOneLineAndTheirExitStatus) {
   ASSERT_FALSE(questionID.empty()) << question.out << question.err;
 
   // Where nothing listens, with a token that must not be printed.
-  const std::vector<std::string> elsewhere = {
-      "--service", fmt::format("http://127.0.0.1:{}", zvtest::ZVRawServer::closedPort()),
-      "--app",     "a",
-      "--token",   kToken,
-      "-vv",       "--timeout",
-      "5"};
-  struct Case {
-    const char* name;
-    std::vector<std::string> args;
-    int status;
-    std::string message;
-  };
-  const Case cases[] = {
+  const std::string nowhere = fmt::format("http://127.0.0.1:{}", zvtest::ZVRawServer::closedPort());
+  const Args elsewhere = {"--service", nowhere, "--app",     "a", "--token",
+                          kToken,      "-vv",   "--timeout", "5"};
+  const std::tuple<const char*, Args, int, std::string> cases[] = {
       {"unknown offer", {"order", "no-such-offer"}, 1, "Unknown offer 'no-such-offer'"},
       {"insufficient points", {"order", kExpensiveOffer}, 1, "Insufficient points: needs"},
       {"skill test missing", {"order", kSkillOffer}, 1, "skill-testing challenge is required"},
       {"wrong answer", {"answer", kSkillOffer, questionID, "not-a-number"}, 1, "wrong answer"},
       {"unknown question", {"answer", kSkillOffer, "q-none", "3"}, 1, "Unknown question"},
-      {"unreachable", elsewhere + std::vector<std::string>{"--insecure-http", "offers"}, 3,
-       "could not connect"},
-      {"plain http not allowed", elsewhere + std::vector<std::string>{"offers"}, 2,
-       "--insecure-http"},
-      {"unknown command", elsewhere + std::vector<std::string>{"no-such-command"}, 2,
-       "subcommand is required"},
+      {"unreachable", elsewhere + Args{"--insecure-http", "offers"}, 3, "could not connect"},
+      {"plain http not allowed", elsewhere + Args{"offers"}, 2, "--insecure-http"},
+      {"unknown command", elsewhere + Args{"no-such-command"}, 2, "subcommand is required"},
       {"missing argument", {"order"}, 2, "OFFER_ID"},
       {"bad address", {"order", "101", "--ship-to", "Ada Byron, Toronto"}, 2, "six parts"},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    const ProcessResult failed = run(c.args);
-    EXPECT_EQ(failed.exitCode(), c.status) << failed.err;
+  for (const auto& [name, args, status, message] : cases) {
+    SCOPED_TRACE(name);
+    const ProcessResult failed = run(args);
+    EXPECT_EQ(failed.exitCode(), status) << failed.err;
     EXPECT_TRUE(failed.err.starts_with("zvrewards: ")) << failed.err;
     EXPECT_EQ(std::count(failed.err.begin(), failed.err.end(), '\n'), 1) << failed.err;
-    EXPECT_NE(failed.err.find(c.message), std::string::npos) << failed.err;
+    EXPECT_NE(failed.err.find(message), std::string::npos) << failed.err;
     EXPECT_EQ(lowered(failed.out + failed.err).find(lowered(kToken)), std::string::npos);
   }
 }
@@ -259,9 +238,8 @@ TEST_F(ZvrewardsTest, SandboxCommandServesOtherClients) {
                             "sandbox", "--port", host.substr(host.rfind(':') + 1)},
                            fileno(banner), fileno(banner), childEnvironment(dir_));
   ASSERT_GT(server, 0);
-  auto with = [&](std::vector<std::string> args) {
-    args.insert(args.begin(), {"--service", host, "--app", "sandbox-app", "--insecure-http"});
-    return runRaw(args);
+  auto with = [&](const Args& args) {
+    return runRaw(Args{"--service", host, "--app", "sandbox-app", "--insecure-http"} + args);
   };
   // Ask until the sandbox listens.
   ProcessResult good;
@@ -304,42 +282,33 @@ TEST_F(ZvrewardsTest, ServiceTextCannotDriveTheTerminalNorShowTheToken) {
   server.setHandler([&](const zvtest::LoopbackRequest& request) -> zvtest::LoopbackResponse {
     if (failing) return {500, fmt::format(R"({{"status":"error","message":"{}"}})", evil)};
     const std::string& path = request.path;
-    std::string rest;
-    if (path.ends_with("/offers")) {
-      rest = fmt::format(R"("offers":[{}])", offer);
-    } else if (path.ends_with("/orders")) {
-      rest = request.method == "GET" ? fmt::format(R"("orders":[{}])", order)
-                                     : fmt::format(R"("order":{})", order);
-    } else if (path.ends_with("/skills_test_question")) {
+    std::string rest = fmt::format(R"("challenge":{{"id":"{0}","status":"{0}"}})", evil);
+    if (path.ends_with("/offers")) rest = R"("offers":[)" + offer + "]";
+    if (path.ends_with("/orders"))
+      rest = request.method == "GET" ? R"("orders":[)" + order + "]" : R"("order":)" + order;
+    if (path.ends_with("/skills_test_question"))
       rest = fmt::format(
           R"("challenge":{{"skills_test_question":{{"id":"{0}","question":"{0}"}}}})", evil);
-    } else {
-      rest = fmt::format(R"("challenge":{{"id":"{0}","status":"{0}"}})", evil);
-    }
     return {200, R"({"status":"ok",)" + rest + "}"};
   });
 
-  const std::vector<std::vector<std::string>> commands = {
-      {"offers"}, {"orders"}, {"order", "1"}, {"question"}, {"answer", "1", "q", "2"}};
   for (const bool fail : {false, true}) {
     failing = fail;
-    for (const auto& command : commands) {
-      for (const std::vector<std::string>& mode :
-           {std::vector<std::string>{}, {"--json"}, {"-vv"}}) {
-        const auto args =
-            std::vector<std::string>{"--service", server.baseURL(), "--app", "app", "--token",
-                                     token,       "--insecure-http"} +
-            mode + command;
+    for (const Args& command :
+         {Args{"offers"}, {"orders"}, {"order", "1"}, {"question"}, {"answer", "1", "q", "2"}}) {
+      for (const Args& mode : {Args{}, {"--json"}, {"-vv"}}) {
         SCOPED_TRACE(fmt::format("{} {}{}", command[0], mode.empty() ? "" : mode[0],
                                  fail ? ", failing" : ""));
-        const ProcessResult result = runRaw(args);
+        const ProcessResult result = runRaw(Args{"--service", server.baseURL(), "--app", "app",
+                                                 "--token", token, "--insecure-http"} +
+                                            mode + command);
         const std::string all = result.out + result.err;
         EXPECT_FALSE(drivesTheTerminal(all)) << all;
         EXPECT_EQ(lowered(all).find(lowered(token).substr(4)), std::string::npos) << all;
         EXPECT_NE(all.find(fail ? "pwned" : "Tasse à café"), std::string::npos) << all;
-        if (mode == std::vector<std::string>{"--json"} && result.exitCode() == 0) {
-          EXPECT_TRUE(ZVJSONParse(result.out).ok()) << result.out;
-        }
+        EXPECT_TRUE(mode != Args{"--json"} || result.exitCode() != 0 ||
+                    ZVJSONParse(result.out).ok())
+            << result.out;
       }
     }
   }
@@ -353,18 +322,15 @@ TEST_F(ZvrewardsTest, DemoAsksBeforeARealOrder) {
   ZVSandbox service(options);
   std::string error;
   ASSERT_TRUE(service.start(error)) << error;
-  const std::vector<std::string> at = {
-      "--service", service.serviceHost(), "--app",          "sandbox-app",
-      "--token",   "sandbox-token",       "--insecure-http"};
+  const Args at = {"--service", service.serviceHost(), "--app",          "sandbox-app",
+                   "--token",   "sandbox-token",       "--insecure-http"};
   const auto ordersPlaced = [&] {
-    return json::parse(runRaw(at + std::vector<std::string>{"--json", "orders"}).out, nullptr,
-                       false)
-        .size();
+    return json::parse(runRaw(at + Args{"--json", "orders"}).out, nullptr, false).size();
   };
 
   // No terminal: both flags, or nothing is sent at all.
-  for (const auto& more : {std::vector<std::string>{}, {"--answer", "3"}, {"--yes"}}) {
-    const ProcessResult refused = runRaw(at + std::vector<std::string>{"demo"} + more);
+  for (const Args& more : {Args{}, {"--answer", "3"}, {"--yes"}}) {
+    const ProcessResult refused = runRaw(at + Args{"demo"} + more);
     EXPECT_EQ(refused.exitCode(), 2) << refused.err;
     EXPECT_NE(refused.err.find("--answer and confirm the order with --yes"), std::string::npos)
         << refused.err;
@@ -373,17 +339,16 @@ TEST_F(ZvrewardsTest, DemoAsksBeforeARealOrder) {
 
   // At a terminal: the answer typed, then the order confirmed or not.
   for (const char* confirm : {"n", "y"}) {
-    const auto [status, screen] =
-        runAtTerminal(at + std::vector<std::string>{"demo"}, [&](const std::string& screen) {
-          if (screen.ends_with("Your answer: ")) {
-            const size_t line = screen.rfind("Question ");
-            const size_t start = screen.find(": ", line) + 2;
-            const auto value =
-                zvcli::evaluateArithmetic(screen.substr(start, screen.find('\r', start) - start));
-            return value ? zvcli::answerText(*value) + "\n" : std::string("?\n");
-          }
-          return screen.ends_with("[y/N] ") ? std::string(confirm) + "\n" : std::string();
-        });
+    const auto [status, screen] = runAtTerminal(at + Args{"demo"}, [&](const std::string& screen) {
+      if (screen.ends_with("Your answer: ")) {
+        const size_t line = screen.rfind("Question ");
+        const size_t start = screen.find(": ", line) + 2;
+        const auto value =
+            zvcli::evaluateArithmetic(screen.substr(start, screen.find('\r', start) - start));
+        return value ? zvcli::answerText(*value) + "\n" : std::string("?\n");
+      }
+      return screen.ends_with("[y/N] ") ? std::string(confirm) + "\n" : std::string();
+    });
     SCOPED_TRACE(screen);
     EXPECT_NE(screen.find(": passed"), std::string::npos);
     EXPECT_EQ(status, *confirm == 'y' ? 0 : 1);
@@ -392,11 +357,8 @@ TEST_F(ZvrewardsTest, DemoAsksBeforeARealOrder) {
 }
 
 TEST(ZvrewardsOutput, MasksTheTokenAndEscapesWhatDrivesATerminal) {
-  const struct {
-    const char* secret;
-    const char* text;
-    const char* shown;
-  } cases[] = {
+  // The token to mask, the text, what is shown.
+  const std::tuple<const char*, const char*, const char*> cases[] = {
       {"Tok-12345", "a TOK-12345 b tok-12345tok-12345", "a *** b ******"},
       {"Tok-12345", "Tok-1234", "Tok-1234"},
       {"a", "a cat, a", "*** cat, ***"},
@@ -407,20 +369,15 @@ TEST(ZvrewardsOutput, MasksTheTokenAndEscapesWhatDrivesATerminal) {
        "C1 \\u009b, RLO \\u202e, bad \\xff\\xc3"},
       {"", "Tasse à café, Ελληνικά, 日本, 🎁", "Tasse à café, Ελληνικά, 日本, 🎁"},
   };
-  for (const auto& c : cases) {
-    EXPECT_EQ(zvcli::terminalSafe(zvcli::Redactor(c.secret)(c.text)), c.shown) << c.text;
-  }
+  for (const auto& [secret, text, shown] : cases)
+    EXPECT_EQ(zvcli::terminalSafe(zvcli::Redactor(secret)(text)), shown) << text;
   EXPECT_EQ(zvcli::terminalSafe("a\nb", /*keepLineFeeds=*/true), "a\nb");
   // JSON keeps its meaning: the escapes are JSON escapes.
   EXPECT_EQ(zvcli::terminalSafeJSON("[\"\x7f\xc2\x9b\xe2\x80\xae\"]"), R"(["\u007f\u009b\u202e"])");
 }
 
 TEST(ZvrewardsArithmetic, SolvesTheSandboxQuestions) {
-  struct Case {
-    const char* question;
-    std::optional<double> answer;
-  };
-  const Case cases[] = {
+  const std::pair<const char*, std::optional<double>> cases[] = {
       {"(7 x 3) + 9 - 4", 26},
       {"6 + 5 x 8 - 3", 43},
       {"What is 12 ÷ 4 + 2?", 5},
@@ -433,8 +390,8 @@ TEST(ZvrewardsArithmetic, SolvesTheSandboxQuestions) {
       {"what is the answer?", std::nullopt},
       {"", std::nullopt},
   };
-  for (const auto& c : cases)
-    EXPECT_EQ(zvcli::evaluateArithmetic(c.question), c.answer) << c.question;
+  for (const auto& [question, answer] : cases)
+    EXPECT_EQ(zvcli::evaluateArithmetic(question), answer) << question;
 
   // Deep nesting ends in an answer or nullopt, never a crash.
   EXPECT_EQ(zvcli::evaluateArithmetic(std::string(100000, '(') + "1"), std::nullopt);

@@ -10,8 +10,7 @@ using Zorvane.Rewards;
 
 static class FlowTest
 {
-    static int failures;
-    static int mainThread;
+    static int failures, mainThread;
 
     static void Check(bool condition, string what)
     {
@@ -80,8 +79,7 @@ static class FlowTest
         Logger.Level = Logger.LevelCompact;
 
         // Offers with their options tree.
-        RewardsError error;
-        OfferList offers = Await<OfferList>(done => Rewards.FetchOffers(done), out error);
+        OfferList offers = Await<OfferList>(done => Rewards.FetchOffers(done), out RewardsError error);
         Check(error == null && offers != null && offers.Count > 0, "offers");
         Offer mug = Find(offers, "101");
         Check(mug != null && mug.Name == "Coffee mug" && mug.Points == 150 && mug.IsFeatured, "the mug's fields");
