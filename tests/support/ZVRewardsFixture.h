@@ -106,6 +106,15 @@ class LogCapture {
   std::vector<std::string> lines_;
 };
 
+/// A completion handler of any of the manager's types.
+struct AnyHandler {
+  std::function<void(std::shared_ptr<const ZVObject>, ZVErrorPtr)> call;
+  template <class Result>
+  void operator()(Result result, ZVErrorPtr error) const {
+    call(std::move(result), std::move(error));
+  }
+};
+
 /// What one completion handler received, and how often it ran. Handlers run
 /// on the main queue, which the test thread drains: read it once `wait` or
 /// `waitForAll` returned.
@@ -130,35 +139,42 @@ struct Outcome {
 /// The outcome of any operation.
 using Completion = Outcome<>;
 
-/// One public operation, started with a handler that reports into a Completion.
+/// Calls `start` with the handler of a fresh outcome, and waits for it.
+template <class Result = const ZVObject, class Start>
+std::unique_ptr<Outcome<Result>> await(Start start) {
+  auto outcome = std::make_unique<Outcome<Result>>();
+  start(outcome->handler());
+  EXPECT_TRUE(outcome->wait()) << "no answer in time";
+  return outcome;
+}
+
+/// One public operation of the manager.
 struct Operation {
   const char* name;
-  std::function<void(ZVRewardsManager*, Completion&)> start;
+  const char* success;  ///< its success notification; nullptr: refused, nothing sent
+  std::function<void(ZVRewardsManager*, AnyHandler)> start;
 };
 
 /// Every public operation of the manager, each sending one request (the
 /// offers cache must be stale for the cached variants).
 inline const std::vector<Operation>& allOperations() {
+  using M = ZVRewardsManager*;
+  const char* offers = ZV_REWARDS_MANAGER_DID_FETCH_OFFERS_NOTIFICATION;
   static const std::vector<Operation> operations = {
-      {"fetchOffers",
-       [](auto* m, Completion& c) { m->fetchOffersWithCompletionHandler(c.handler()); }},
-      {"fetchOffersWithLocale",
-       [](auto* m, Completion& c) { m->fetchOffersWithLocale(ZVLocale("fr_CA"), c.handler()); }},
-      {"forceFetchOffers",
-       [](auto* m, Completion& c) {
-         m->forceFetchOffersWithLocale(ZVLocale("en_US"), c.handler());
-       }},
-      {"fetchOrders",
-       [](auto* m, Completion& c) { m->fetchOrdersWithCompletionHandler(c.handler()); }},
-      {"placeOrder",
-       [](auto* m, Completion& c) {
-         m->placeOrder(ZVOrderRequest::initWithOfferID("101", 1), c.handler());
-       }},
-      {"fetchSkillQuestion",
-       [](auto* m, Completion& c) { m->fetchSkillQuestionWithCompletionHandler(c.handler()); }},
-      {"answerSkillQuestion",
-       [](auto* m, Completion& c) {
-         m->answerSkillQuestionForOfferID("101", "q1", ZVJSONValue("42"), c.handler());
+      {"fetchOffers", offers, [](M m, AnyHandler h) { m->fetchOffersWithCompletionHandler(h); }},
+      {"fetchOffersWithLocale", offers,
+       [](M m, AnyHandler h) { m->fetchOffersWithLocale(ZVLocale("fr_CA"), h); }},
+      {"forceFetchOffers", offers,
+       [](M m, AnyHandler h) { m->forceFetchOffersWithLocale(ZVLocale("en_US"), h); }},
+      {"fetchOrders", ZV_REWARDS_MANAGER_DID_FETCH_ORDERS_NOTIFICATION,
+       [](M m, AnyHandler h) { m->fetchOrdersWithCompletionHandler(h); }},
+      {"placeOrder", ZV_REWARDS_MANAGER_DID_PLACE_ORDER_NOTIFICATION,
+       [](M m, AnyHandler h) { m->placeOrder(ZVOrderRequest::initWithOfferID("101", 1), h); }},
+      {"fetchSkillQuestion", ZV_REWARDS_MANAGER_DID_FETCH_SKILL_QUESTION_NOTIFICATION,
+       [](M m, AnyHandler h) { m->fetchSkillQuestionWithCompletionHandler(h); }},
+      {"answerSkillQuestion", ZV_REWARDS_MANAGER_DID_ANSWER_SKILL_QUESTION_NOTIFICATION,
+       [](M m, AnyHandler h) {
+         m->answerSkillQuestionForOfferID("101", "q1", ZVJSONValue("42"), h);
        }},
   };
   return operations;
@@ -167,11 +183,10 @@ inline const std::vector<Operation>& allOperations() {
 /// Every operation, plus calls that fail validation and send nothing.
 inline std::vector<Operation> allOperationsAndRefusals() {
   std::vector<Operation> operations = allOperations();
-  operations.push_back({"placeOrder without order",
-                        [](auto* m, Completion& c) { m->placeOrder(nullptr, c.handler()); }});
-  operations.push_back({"answer without offer id", [](auto* m, Completion& c) {
-                          m->answerSkillQuestionForOfferID(std::nullopt, "q", ZVJSONValue("a"),
-                                                           c.handler());
+  operations.push_back({"placeOrder without order", nullptr,
+                        [](auto* m, AnyHandler h) { m->placeOrder(nullptr, h); }});
+  operations.push_back({"answer without offer id", nullptr, [](auto* m, AnyHandler h) {
+                          m->answerSkillQuestionForOfferID(std::nullopt, "q", ZVJSONValue("a"), h);
                         }});
   return operations;
 }
@@ -183,7 +198,7 @@ inline Completions startAll(const std::vector<Operation>& operations) {
   Completions completions;
   for (const Operation& operation : operations) {
     completions.push_back(std::make_unique<Completion>());
-    operation.start(ZVRewardsManager::instance(), *completions.back());
+    operation.start(ZVRewardsManager::instance(), {completions.back()->handler()});
   }
   return completions;
 }
