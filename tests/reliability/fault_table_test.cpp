@@ -159,9 +159,7 @@ TEST_P(FaultTableTest, EveryOperationFailsOnceWithAClearErrorAndTheStateItsContr
   std::string says = fault.says;
   if (const size_t at = says.find("{host}"); at != std::string::npos)
     says.replace(at, 6, host.substr(host.find("//") + 2));
-  ZVConfiguration configuration = Zorvane::configuration();
-  configuration.maxResponseBytes = fault.cap;
-  Zorvane::configure(configuration);
+  reconfigure([&](ZVConfiguration& config) { config.maxResponseBytes = fault.cap; });
 
   ZVRewardsManager* manager = ZVRewardsManager::instance();
   manager->setRefreshInterval(ZVBaseManager::kDefaultRefreshInterval);

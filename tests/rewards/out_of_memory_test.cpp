@@ -138,9 +138,8 @@ class OutOfMemoryOverLoopbackTest : public RewardsTest {};
 
 TEST_F(OutOfMemoryOverLoopbackTest, RecordsFailingOnTheTransportThreadFailTheFetchOnce) {
   constexpr size_t kOffers = 100'003;
-  ZVConfiguration configuration = Zorvane::configuration();
-  configuration.maxResponseBytes = 16u << 20;  // room for that many records
-  Zorvane::configure(configuration);
+  // Room for that many records.
+  reconfigure([](ZVConfiguration& config) { config.maxResponseBytes = 16u << 20; });
   std::string body = R"({"status":"ok","offers":[{})";
   for (size_t i = 1; i < kOffers; ++i) body += ",{}";
   answer(body + "]}");

@@ -42,9 +42,7 @@ TEST_F(ServiceTest, OrdersReplaceTheHistoryWhole) {
 // options at every depth included; elements that are not objects are
 // skipped and count for nothing.
 TEST_F(ServiceTest, RecordsOfOneAnswerAreLimited) {
-  ZVConfiguration configuration = Zorvane::configuration();
-  configuration.maxResponseBytes = 128 * 100;
-  Zorvane::configure(configuration);
+  reconfigure([&](ZVConfiguration& config) { config.maxResponseBytes = 128 * 100; });
   const auto list = [](const char* key, const std::string& record, int count) {
     std::string body = fmt::format(R"({{"status":"ok","{}":[)", key);
     for (int i = 0; i < 50; ++i) body += R"(0,[],"x",null,)";

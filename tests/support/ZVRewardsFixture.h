@@ -10,6 +10,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -35,6 +36,13 @@ inline void configureService(const std::string& serviceHost,
   configuration.allowInsecureHTTP = true;
   configuration.connectTimeout = timeout;
   configuration.requestTimeout = timeout;
+  Zorvane::configure(configuration);
+}
+
+/// Changes the SDK's configuration as `change` says.
+inline void reconfigure(const std::function<void(ZVConfiguration&)>& change) {
+  ZVConfiguration configuration = Zorvane::configuration();
+  change(configuration);
   Zorvane::configure(configuration);
 }
 
@@ -178,6 +186,13 @@ inline const std::vector<Operation>& allOperations() {
        }},
   };
   return operations;
+}
+
+/// The operation of that name in `allOperations`.
+inline const Operation& operation(std::string_view name) {
+  for (const Operation& operation : allOperations())
+    if (operation.name == name) return operation;
+  throw std::invalid_argument("no operation " + std::string(name));
 }
 
 /// Every operation, plus calls that fail validation and send nothing.
