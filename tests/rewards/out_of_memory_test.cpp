@@ -10,7 +10,6 @@
 #include <new>
 
 #include "ZVRewardsFixture.h"
-#include "ZVRewardsRouting.h"
 
 using namespace zvtest;
 
@@ -76,14 +75,6 @@ const Answer kAnswers[] = {
      R"({"status":"ok","challenge":{"skills_test_question":{"id":"q","question":"?"}}})"},
     {kKindAnswerSkillQuestion, R"({"status":"ok","challenge":{"id":"c","status":"passed"}})"},
 };
-
-ZVAnyCompletionHandler handlerFor(const std::string& kind, Completion& c) {
-  if (kind == kKindFetchRewardOffers) return ZVOffersCompletionHandler(c.handler());
-  if (kind == kKindFetchRewardOrders) return ZVOrdersCompletionHandler(c.handler());
-  if (kind == kKindPlaceOrder) return ZVOrderCompletionHandler(c.handler());
-  if (kind == kKindFetchSkillQuestion) return ZVSkillQuestionCompletionHandler(c.handler());
-  return ZVSkillChallengeCompletionHandler(c.handler());
-}
 
 // Fails, in turn, each allocation that routing an answer makes, from the
 // copy of its body to the queueing of its delivery.

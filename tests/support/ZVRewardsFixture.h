@@ -17,6 +17,7 @@
 #include <ZorvaneRewardsKit/ZorvaneRewardsKit.h>
 
 #include "ZVLoopbackServer.h"
+#include "ZVRewardsRouting.h"
 #include "ZVTestSupport.h"
 #include "http/ZVGenericRequestManager.h"
 
@@ -154,6 +155,16 @@ std::unique_ptr<Outcome<Result>> await(Start start) {
   start(outcome->handler());
   EXPECT_TRUE(outcome->wait()) << "no answer in time";
   return outcome;
+}
+
+/// A handler of the type the manager routes answers of `kind` to, reporting
+/// into `c` (the offers' type for an unknown kind).
+inline ZVAnyCompletionHandler handlerFor(const std::string& kind, Completion& c) {
+  if (kind == kKindFetchRewardOrders) return ZVOrdersCompletionHandler(c.handler());
+  if (kind == kKindPlaceOrder) return ZVOrderCompletionHandler(c.handler());
+  if (kind == kKindFetchSkillQuestion) return ZVSkillQuestionCompletionHandler(c.handler());
+  if (kind == kKindAnswerSkillQuestion) return ZVSkillChallengeCompletionHandler(c.handler());
+  return ZVOffersCompletionHandler(c.handler());
 }
 
 /// One public operation of the manager.
