@@ -30,12 +30,7 @@ class HeldTransport : public ZVTransport {
       std::lock_guard lock(mutex_);
       taken.swap(held_);
     }
-    for (Completion& done : taken) {
-      ZVHTTPResult result;
-      result.status = status;
-      result.body = body;
-      done(std::move(result));
-    }
+    for (Completion& done : taken) done(ZVHTTPResult{.status = status, .body = body});
   }
 
  private:
@@ -129,16 +124,13 @@ TEST_F(LifetimesTest, CancelledOperationsEndOnceAndLeaveNoTrace) {
           if (cancelled) {
             EXPECT_EQ(notifications.all().size(), notes);
             if (!queued) {
-              EXPECT_TRUE(manager()->offers()->empty());
-              EXPECT_TRUE(manager()->orders()->empty());
+              EXPECT_TRUE(manager()->offers()->empty() && manager()->orders()->empty());
               EXPECT_EQ(manager()->lastRefreshTime(), 0.0);
             }
           } else {
             EXPECT_GT(notifications.all().size(), notes);
           }
-          if (scope) {
-            EXPECT_EQ(scope->pendingCount(), 0u);
-          }
+          EXPECT_EQ(scope ? scope->pendingCount() : 0u, 0u);
         }
       }
     }
