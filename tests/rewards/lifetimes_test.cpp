@@ -30,7 +30,10 @@ class HeldTransport : public ZVTransport {
       std::lock_guard lock(mutex_);
       taken.swap(held_);
     }
-    for (Completion& done : taken) done(ZVHTTPResult{.status = status, .body = body});
+    ZVHTTPResult result;
+    result.status = status;
+    result.body = body;
+    for (Completion& done : taken) done(result);
   }
 
  private:
