@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <functional>
@@ -64,29 +65,22 @@ inline LoopbackResponse serviceAnswer(const LoopbackRequest& request) {
 /// Every notification posted while it lives, in order.
 class NotificationLog {
  public:
-  NotificationLog() {
-    token_ = ZVNotificationCenter::defaultCenter()->addObserver("", nullptr,
-                                                                [this](const ZVNotification& note) {
-                                                                  std::lock_guard lock(mutex_);
-                                                                  notes_.push_back(note);
-                                                                });
-  }
-  ~NotificationLog() { ZVNotificationCenter::defaultCenter()->removeObserver(token_); }
-
   std::vector<ZVNotification> all() const {
     std::lock_guard lock(mutex_);
     return notes_;
   }
   size_t count(const std::string& name) const {
-    size_t n = 0;
-    for (const auto& note : all()) n += note.name == name;
-    return n;
+    return std::ranges::count_if(all(), [&](const auto& note) { return note.name == name; });
   }
 
  private:
   mutable std::mutex mutex_;
   std::vector<ZVNotification> notes_;
-  ZVObserverToken token_;
+  ZVObservation observation_ = ZVNotificationCenter::defaultCenter()->observe(
+      "", nullptr, [this](const ZVNotification& note) {
+        std::lock_guard lock(mutex_);
+        notes_.push_back(note);
+      });
 };
 
 /// Every line the logger writes, at the level and categories set here.
@@ -235,10 +229,8 @@ inline bool waitForAll(Completions& completions,
                        std::chrono::milliseconds timeout = std::chrono::seconds(20)) {
   const bool done = drainUntil(
       [&] {
-        if (ZVGenericRequestManager::instance()->requestsInFlight() != 0) return false;
-        for (const auto& c : completions)
-          if (c->calls.load() == 0) return false;
-        return true;
+        return ZVGenericRequestManager::instance()->requestsInFlight() == 0 &&
+               std::ranges::all_of(completions, [](const auto& c) { return c->calls > 0; });
       },
       timeout);
   // A second, wrong call would have been queued by now.
