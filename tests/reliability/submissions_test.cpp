@@ -49,19 +49,13 @@ class OrderService {
       host_ = raw_->baseURL();
     } else {
       h2_ = std::make_unique<ZVHTTP2Server>([this](const HTTP2Request& request) {
-        switch (next(request.header("idempotency-key"), request.method == "POST")) {
-          case Fault::None:
-            return HTTP2Reply{200, kOrderAnswer};
-          case Fault::Unavailable:
-            return HTTP2Reply{503, ""};
-          case Fault::RefuseAfterCommit:
-            return HTTP2Reply{.fault = HTTP2Reply::Fault::RefuseStream};
-          case Fault::ResetAfterCommit:
-            return HTTP2Reply{.fault = HTTP2Reply::Fault::ResetStream};
-          case Fault::DropAfterCommit:
-            break;
-        }
-        return HTTP2Reply{.fault = HTTP2Reply::Fault::DropConnection};
+        using Lost = HTTP2Reply::Fault;
+        const Fault fault = next(request.header("idempotency-key"), request.method == "POST");
+        if (fault == Fault::None) return HTTP2Reply{200, kOrderAnswer};
+        if (fault == Fault::Unavailable) return HTTP2Reply{503, ""};
+        return HTTP2Reply{.fault = fault == Fault::RefuseAfterCommit  ? Lost::RefuseStream
+                                   : fault == Fault::ResetAfterCommit ? Lost::ResetStream
+                                                                      : Lost::DropConnection};
       });
       host_ = h2_->baseURL();
     }

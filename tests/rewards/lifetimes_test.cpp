@@ -349,10 +349,9 @@ TEST(ShutdownTest, JoinsTheThreadsAndTheSDKWorksAgain) {
   EXPECT_TRUE(threadsBecome(0)) << sdkThreads();
   EXPECT_EQ(ZVGenericRequestManager::instance()->requestsInFlight(), 0u);
 
-  Completion again;
-  ZVRewardsManager::instance()->fetchOrdersWithCompletionHandler(again.handler());
-  ASSERT_TRUE(again.wait());
-  EXPECT_FALSE(again.error);
+  EXPECT_FALSE(await([](auto h) {
+                 ZVRewardsManager::instance()->fetchOrdersWithCompletionHandler(h);
+               })->error);
 
   ZVMainQueue::shared()->startDedicatedThread();
   std::atomic<bool> returned{false};
