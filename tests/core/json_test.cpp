@@ -52,23 +52,12 @@ TEST(JSONTest, CompactRoundTripKeepsKindsOrderAndEscapes) {
 }
 
 TEST(JSONTest, BadInputIsAClearError) {
-  const std::string cases[] = {
-      "",
-      "[1] x",
-      R"({"a":})",
-      "[1,]",
-      "\"\xff\"",          // invalid UTF-8
-      "\"\xed\xa0\x80\"",  // encoded surrogate
-      // Numbers beyond the ranges are read; malformed ones are not.
-      "01",
-      "[1.]",
-      "[-]",
-      "1e",
-      "[1e400x]",
-      "{\"a\":-01e400}",
-      std::string("[\"a\0b\"]", 7),
-      std::string(100000, '['),
-  };
+  const std::string cases[] = {"", "[1] x", R"({"a":})", "[1,]",
+                               "\"\xff\"",          // invalid UTF-8
+                               "\"\xed\xa0\x80\"",  // encoded surrogate
+                               // Numbers beyond the ranges are read; malformed ones are not.
+                               "01", "[1.]", "[-]", "1e", "[1e400x]", "{\"a\":-01e400}",
+                               std::string("[\"a\0b\"]", 7), std::string(100000, '[')};
   for (const auto& text : cases) {
     ZVJSONParseResult result = ZVJSONParse(text);
     EXPECT_FALSE(result.ok()) << text.substr(0, 40);

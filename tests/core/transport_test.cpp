@@ -142,56 +142,33 @@ TEST_F(TransportTest, RequestArrivesAsBuilt) {
 TEST_F(TransportTest, FailuresEndInOneErrorWithoutTheToken) {
   const std::string path =
       "127.0.0.1:" + std::to_string(server_.port()) + "/api/v1/apps/app%201/offers";
-  auto maker = [](const ZVGenericRequest& request, const ZVDictionaryPtr& raw) {
+  const ZVErrorMessageMaker maker = [](const ZVGenericRequest& request,
+                                       const ZVDictionaryPtr& raw) {
     return request.kind() + " failed: " + raw->objectForKey("message").description();
   };
 
-  struct Case {
-    const char* name;
-    LoopbackResponse answer;
-    ZVErrorMessageMaker maker;
+  const struct {
+    int status;
+    const char* body;
+    bool worded;  // by the request's own message maker
     ZVErrorType type;
     const char* code;
-    int httpStatus;
     std::string message;
-    bool bodyPassedOn = false;
-  };
-  const Case cases[] = {
-      {"HTTP 500 with a JSON message",
-       {.status = 500, .body = R"({"message":"boom"})"},
-       {},
-       ZVErrorTypeHTTP,
-       ZVErrorHTTPStatus,
-       500,
-       "HTTP 500 from " + path + ": boom",
-       true},
-      {"HTTP 409 worded by the request",
-       {.status = 409, .body = R"({"message":"sold out"})"},
-       maker,
-       ZVErrorTypeHTTP,
-       ZVErrorHTTPStatus,
-       409,
-       "kKindTest failed: sold out",
-       true},
-      {"empty body",
-       {.body = ""},
-       {},
-       ZVErrorTypeInvalidAnswer,
-       ZVErrorAnswerNotJSON,
-       0,
+  } cases[] = {
+      {500, R"({"message":"boom"})", false, ZVErrorTypeHTTP, ZVErrorHTTPStatus,
+       "HTTP 500 from " + path + ": boom"},
+      {409, R"({"message":"sold out"})", true, ZVErrorTypeHTTP, ZVErrorHTTPStatus,
+       "kKindTest failed: sold out"},
+      {200, "", false, ZVErrorTypeInvalidAnswer, ZVErrorAnswerNotJSON,
        "answer from http://" + path + " is not JSON: the body is empty"},
-      {"top level an array",
-       {.body = "[1,2]"},
-       {},
-       ZVErrorTypeInvalidAnswer,
-       ZVErrorAnswerNotObject,
-       0,
+      {200, "[1,2]", false, ZVErrorTypeInvalidAnswer, ZVErrorAnswerNotObject,
        "answer from http://" + path + " is a JSON array, not an object"},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    server_.enqueue(c.answer);
-    const Call call = sendOne(makeRequest(0, kOffersURL, {}, {}, c.maker));
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.message);
+    server_.enqueue({.status = c.status, .body = c.body});
+    const Call call =
+        sendOne(makeRequest(0, kOffersURL, {}, {}, c.worded ? maker : ZVErrorMessageMaker()));
 
     EXPECT_EQ(call.kind, "kKindTest");
     EXPECT_EQ(call.response, nullptr);
@@ -199,10 +176,12 @@ TEST_F(TransportTest, FailuresEndInOneErrorWithoutTheToken) {
     ASSERT_NE(call.error, nullptr);
     EXPECT_EQ(call.error->type(), c.type);
     EXPECT_EQ(call.error->code(), c.code);
-    EXPECT_EQ(call.error->httpStatus(), c.httpStatus);
+    // An HTTP error carries its status, and the body is passed on with it.
+    const bool http = c.type == ZVErrorTypeHTTP;
+    EXPECT_EQ(call.error->httpStatus(), http ? c.status : 0);
     EXPECT_EQ(call.error->message(), c.message);
     EXPECT_EQ(call.error->description().find(kToken), std::string::npos);
-    EXPECT_EQ(call.body != nullptr, c.bodyPassedOn);
+    EXPECT_EQ(call.body != nullptr, http);
   }
 }
 
@@ -318,19 +297,15 @@ class AnswerLog : public ZVTransportWrapper {
 };
 
 // Through the request manager, which hands each request to the transport.
-TEST(HTTP2Test, SixteenInFlightShareOneMultiplexedConnection) {
+TEST_F(TransportTest, HTTP2SixteenInFlightShareOneMultiplexedConnection) {
   constexpr int kTotal = 64;
   constexpr int kInFlight = 16;
   constexpr const char* kBody = R"({"status":"ok","offers":[]})";
-  const ZVConfiguration saved = Zorvane::configuration();
   zvtest::ZVHTTP2Server server(kBody);
   auto log = std::make_shared<AnswerLog>(ZVMakeCurlTransport());
-  ZVConfiguration config;
+  ZVConfiguration config = Zorvane::configuration();
   config.serviceHost = server.baseURL();
-  config.appID = "app";
-  config.accessToken = kToken;
   config.caFile = server.caFile();
-  config.requestTimeout = 5s;
   Zorvane::configure(config);
   ZVGenericRequestManager::instance()->setTransport(log);
 
@@ -362,7 +337,6 @@ TEST(HTTP2Test, SixteenInFlightShareOneMultiplexedConnection) {
   }
   EXPECT_EQ(server.streams(), size_t{kTotal});
   EXPECT_EQ(server.connections(), 1u);
-  Zorvane::configure(saved);
 }
 
 }  // namespace

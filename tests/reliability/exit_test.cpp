@@ -35,15 +35,10 @@ TEST_P(ExitTest, EveryRunEndsCleanlyAndInTime) {
   // which LeakSanitizer would report: no leak check for those runs.
   std::vector<std::string> environment;
   if (scenario.argv[0] == ZV_UNLOAD_CHILD) {
-    std::string asan = "ASAN_OPTIONS=detect_leaks=0";
-    for (char** entry = environ; *entry != nullptr; ++entry) {
-      const std::string text = *entry;
-      if (text.starts_with("ASAN_OPTIONS="))
-        asan = text + ":detect_leaks=0";
-      else
-        environment.push_back(text);
-    }
-    environment.push_back(asan);
+    for (char** entry = environ; *entry != nullptr; ++entry)
+      if (!std::string_view(*entry).starts_with("ASAN_OPTIONS=")) environment.emplace_back(*entry);
+    const char* asan = std::getenv("ASAN_OPTIONS");
+    environment.push_back("ASAN_OPTIONS=" + std::string(asan ? asan : "") + ":detect_leaks=0");
   }
   const char* runsSet = std::getenv("ZV_EXIT_RUNS");
   const int runs = runsSet != nullptr && std::atoi(runsSet) > 0 ? std::atoi(runsSet) : 25;

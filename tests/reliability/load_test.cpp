@@ -61,7 +61,8 @@ TEST(LoadTest, ThreadsCallEveryOperationWhileUserStateIsClearedAndEachHandlerRun
   for (size_t t = 0; t < kThreads; ++t)
     callers.emplace_back([&, t] {
       for (size_t i = 0; i < perThread; ++i)
-        operations[(t + i) % operations.size()].start(manager, *completions[t * perThread + i]);
+        operations[(t + i) % operations.size()].start(manager,
+                                                      {completions[t * perThread + i]->handler()});
     });
   // The test thread is the host's main loop meanwhile.
   ASSERT_TRUE(waitForAll(completions, 60s));

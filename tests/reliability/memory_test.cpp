@@ -20,6 +20,7 @@
 
 #include "ZVProcess.h"
 #include "ZVRawServer.h"
+#include "ZVTestSupport.h"
 
 using namespace zvtest;
 
@@ -245,12 +246,6 @@ TEST_P(MemoryTest, DecodingTheAnswerStaysUnderTheBound) {
   EXPECT_LE(increaseMB, kBoundTimesLimit * static_cast<double>(kLimit >> 20)) << outcome;
 }
 
-INSTANTIATE_TEST_SUITE_P(WorstAnswers, MemoryTest, ::testing::ValuesIn(shapes()),
-                         [](const ::testing::TestParamInfo<Shape>& info) {
-                           std::string name;
-                           for (char c : info.param.name)
-                             if (std::isalnum(static_cast<unsigned char>(c))) name += c;
-                           return name;
-                         });
+INSTANTIATE_TEST_SUITE_P(WorstAnswers, MemoryTest, ::testing::ValuesIn(shapes()), caseName<Shape>);
 
 }  // namespace

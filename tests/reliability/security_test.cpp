@@ -66,20 +66,18 @@ TEST(SecurityTest, HostileIdsStayInTheirSlotOfTheirEndpoint) {
     for (const bool order : {true, false}) {
       SCOPED_TRACE(::testing::PrintToString(id) + (order ? " in an order" : " in an answer"));
       const size_t before = server.requestCount();
-      Completion done;
-      if (order)
-        manager->placeOrder(ZVOrderRequest::initWithOfferID(id, 1), done.handler());
-      else
-        manager->answerSkillQuestionForOfferID(id, id, ZVJSONValue("x"), done.handler());
-      ASSERT_TRUE(done.wait());
-      ASSERT_TRUE(
-          drainUntil([] { return ZVGenericRequestManager::instance()->requestsInFlight() == 0; }));
-      if (!done.result) {
+      Completions done = startAll({{"", nullptr, [&](auto* m, AnyHandler h) {
+                                      order
+                                          ? m->placeOrder(ZVOrderRequest::initWithOfferID(id, 1), h)
+                                          : m->answerSkillQuestionForOfferID(id, id, "x", h);
+                                    }}});
+      ASSERT_TRUE(waitForAll(done));
+      if (const ZVErrorPtr error = done[0]->error; !done[0]->result) {
         // Refused before anything was sent: a dot segment cannot be an id, and
         // an order body cannot carry text that is not UTF-8.
-        ASSERT_TRUE(done.error);
-        EXPECT_EQ(done.error->type(), ZVErrorTypeValidation);
-        EXPECT_EQ(done.error->code() == ZVErrorInvalidPathValue, id == "." || id == "..");
+        ASSERT_TRUE(error);
+        EXPECT_EQ(error->type(), ZVErrorTypeValidation);
+        EXPECT_EQ(error->code() == ZVErrorInvalidPathValue, id == "." || id == "..");
         EXPECT_EQ(server.requestCount(), before);
         continue;
       }

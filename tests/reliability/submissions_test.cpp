@@ -49,19 +49,13 @@ class OrderService {
       host_ = raw_->baseURL();
     } else {
       h2_ = std::make_unique<ZVHTTP2Server>([this](const HTTP2Request& request) {
-        switch (next(request.header("idempotency-key"), request.method == "POST")) {
-          case Fault::None:
-            return HTTP2Reply{200, kOrderAnswer};
-          case Fault::Unavailable:
-            return HTTP2Reply{503, ""};
-          case Fault::RefuseAfterCommit:
-            return HTTP2Reply{.fault = HTTP2Reply::Fault::RefuseStream};
-          case Fault::ResetAfterCommit:
-            return HTTP2Reply{.fault = HTTP2Reply::Fault::ResetStream};
-          case Fault::DropAfterCommit:
-            break;
-        }
-        return HTTP2Reply{.fault = HTTP2Reply::Fault::DropConnection};
+        using Lost = HTTP2Reply::Fault;
+        const Fault fault = next(request.header("idempotency-key"), request.method == "POST");
+        if (fault == Fault::None) return HTTP2Reply{200, kOrderAnswer};
+        if (fault == Fault::Unavailable) return HTTP2Reply{503, ""};
+        return HTTP2Reply{.fault = fault == Fault::RefuseAfterCommit  ? Lost::RefuseStream
+                                   : fault == Fault::ResetAfterCommit ? Lost::ResetStream
+                                                                      : Lost::DropConnection};
       });
       host_ = h2_->baseURL();
     }
@@ -70,11 +64,11 @@ class OrderService {
   // Configures the SDK for this service, with `attempts` per call.
   void configure(int attempts) const {
     configureService(host_, 60s);
-    ZVConfiguration config = Zorvane::configuration();
-    config.caFile = h2_ ? h2_->caFile() : "";
-    config.maxRequestsInFlight = 256;
-    config.retry = {.maxAttempts = attempts, .baseDelay = 2ms, .maxDelay = 20ms};
-    Zorvane::configure(config);
+    reconfigure([&](ZVConfiguration& config) {
+      config.caFile = h2_ ? h2_->caFile() : "";
+      config.maxRequestsInFlight = 256;
+      config.retry = {.maxAttempts = attempts, .baseDelay = 2ms, .maxDelay = 20ms};
+    });
   }
   std::map<std::string, int> arrivals() const {
     std::lock_guard lock(mutex_);
@@ -98,17 +92,13 @@ class OrderService {
   std::string host_;
 };
 
-void placeOrder(Completion& done) {
-  ZVRewardsManager::instance()->placeOrder(ZVOrderRequest::initWithOfferID("101", 1),
-                                           done.handler());
+template <class Handler>
+void placeOrder(Handler handler) {
+  ZVRewardsManager::instance()->placeOrder(ZVOrderRequest::initWithOfferID("101", 1), handler);
 }
 
 Completions placeOrders(size_t count) {
-  Completions completions;
-  for (size_t i = 0; i < count; ++i) {
-    completions.push_back(std::make_unique<Completion>());
-    placeOrder(*completions.back());
-  }
+  Completions completions = startAll(std::vector(count, operation("placeOrder")));
   EXPECT_TRUE(waitForAll(completions));
   return completions;
 }
@@ -198,9 +188,7 @@ struct ScriptedServer {
   // Points the SDK at the server with this retry policy.
   void configure(std::chrono::milliseconds timeout, ZVRetryPolicy retry) {
     configureService(server.baseURL(), timeout);
-    ZVConfiguration config = Zorvane::configuration();
-    config.retry = retry;
-    Zorvane::configure(config);
+    reconfigure([&](ZVConfiguration& config) { config.retry = retry; });
   }
 };
 
@@ -212,48 +200,43 @@ std::string status(int code, std::string_view extra = "") {
 const std::string kOK = ZVRawServer::answer(200, "application/json", kOrderAnswer);
 
 TEST(RetryPolicyTest, RetriesTheFaultsItShouldAndNothingElse) {
+  using Answers = std::vector<std::string>;
   const struct {
     const char* name;
     bool submission;
     size_t requests;  // how many reached the server
     bool succeeds;
-    std::vector<std::string> answers;  // "" resets the connection
+    Answers answers;  // "" resets the connection
   } cases[] = {
-      {"a read through 408, 429, 500, 502, 503, 504 and a reset",
-       false,
-       8,
-       true,
-       {status(408), status(429), status(500), status(502), status(503), status(504), "", kOK}},
+      {"a read through 408, 429, 500, 502, 503, 504 and a reset", false, 8, true,
+       Answers{status(408), status(429), status(500), status(502), status(503), status(504), "",
+               kOK}},
       {"a submission through 503 and a reset", true, 3, true, {status(503), "", kOK}},
       {"404 is not retried", false, 1, false, {status(404), kOK}},
       {"400 to a submission is not retried", true, 1, false, {status(400), kOK}},
-      {"a Retry-After above the cap is not retried",
-       true,
-       1,
-       false,
-       {status(503, "Retry-After: 3600\r\n"), kOK}},
+      {"a Retry-After above the cap is not retried", true, 1, false,
+       Answers{status(503, "Retry-After: 3600\r\n"), kOK}},
       {"attempts run out", false, 8, false, {status(503)}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     ScriptedServer script{c.answers};
     script.configure(10s, {.maxAttempts = 8, .baseDelay = 1ms, .maxDelay = 4ms});
-    Completion done;
-    if (c.submission)
-      placeOrder(done);
-    else
-      ZVRewardsManager::instance()->fetchOrdersWithCompletionHandler(done.handler());
-    ASSERT_TRUE(done.wait());
-    EXPECT_EQ(done.calls.load(), 1);
-    EXPECT_EQ(done.error == nullptr, c.succeeds);
+    const auto done = await([&](auto h) {
+      c.submission ? placeOrder(h)
+                   : ZVRewardsManager::instance()->fetchOrdersWithCompletionHandler(h);
+    });
+    EXPECT_EQ(done->calls.load(), 1);
+    const ZVErrorPtr& error = done->error;
+    EXPECT_EQ(error == nullptr, c.succeeds);
     std::lock_guard lock(script.mutex);
     EXPECT_EQ(script.requests.size(), c.requests);
-    if (done.error) {
-      EXPECT_EQ(done.error->attempts(), static_cast<int>(c.requests));
+    if (error) {
+      EXPECT_EQ(error->attempts(), static_cast<int>(c.requests));
       if (c.requests > 1) {
-        EXPECT_NE(done.error->message()->find(fmt::format("(after {} attempts)", c.requests)),
+        EXPECT_NE(error->message()->find(fmt::format("(after {} attempts)", c.requests)),
                   std::string::npos)
-            << *done.error->message();
+            << *error->message();
       }
     }
     // Every attempt of a submission carries the call's one key.
@@ -274,15 +257,14 @@ TEST(RetryPolicyTest, HostKeysTravelAsTheHeader) {
        {std::string("order-7f3a-restart-safe"), std::string("bad key"), std::string(256, 'k')}) {
     auto order = ZVOrderRequest::initWithOfferID("101", 1);
     order->setIdempotencyKey(key);
-    Completion done;
-    ZVRewardsManager::instance()->placeOrder(order, done.handler());
-    ASSERT_TRUE(done.wait());
+    const ZVErrorPtr error =
+        await([&](auto h) { ZVRewardsManager::instance()->placeOrder(order, h); })->error;
     if (key != "order-7f3a-restart-safe") {
-      ASSERT_TRUE(done.error);
-      EXPECT_EQ(done.error->code(), ZVErrorInvalidIdempotencyKey);
+      ASSERT_TRUE(error);
+      EXPECT_EQ(error->code(), ZVErrorInvalidIdempotencyKey);
       continue;
     }
-    ASSERT_FALSE(done.error);
+    ASSERT_FALSE(error);
     std::lock_guard lock(script.mutex);
     const std::string& sent = script.requests.back();
     EXPECT_EQ(ZVRawServer::header(sent, "Idempotency-Key"), key);
@@ -311,9 +293,7 @@ TEST(RetryPolicyTest, RetryAfterHoldsLaterCallsToTheService) {
   ASSERT_TRUE(drainUntil([&] { return sent("/orders ") > 0; }));
   // Probes too short to wait out the hold: once one is refused, the 429 has
   // set the hold (a probe sent before that gets an answer of no use to it).
-  ZVConfiguration config = Zorvane::configuration();
-  config.requestTimeout = 300ms;
-  Zorvane::configure(config);
+  reconfigure([&](ZVConfiguration& config) { config.requestTimeout = 300ms; });
   int probes = 0;
   for (bool held = false; !held && probes < 100; ++probes) {
     Completion probe;
@@ -322,8 +302,7 @@ TEST(RetryPolicyTest, RetryAfterHoldsLaterCallsToTheService) {
     held = probe.error && probe.error->message()->find("Retry-After") != std::string::npos;
   }
   ASSERT_LT(probes, 100) << "no call was held";
-  config.requestTimeout = 5s;
-  Zorvane::configure(config);
+  reconfigure([](ZVConfiguration& config) { config.requestTimeout = 5s; });
   manager->fetchOrdersWithCompletionHandler(second.handler());
   ASSERT_TRUE(first.wait() && second.wait());
   EXPECT_FALSE(first.error);
@@ -366,19 +345,18 @@ TEST(RetryPolicyTest, AttemptsAndWaitsFitTheRequestTimeout) {
   ScriptedServer script{{status(503)}};
   script.configure(400ms, {.maxAttempts = 1000, .baseDelay = 20ms, .maxDelay = 100ms});
   const auto start = std::chrono::steady_clock::now();
-  Completion done;
-  ZVRewardsManager::instance()->fetchOrdersWithCompletionHandler(done.handler());
-  ASSERT_TRUE(done.wait());
+  const ZVErrorPtr error = await([](auto h) {
+                             ZVRewardsManager::instance()->fetchOrdersWithCompletionHandler(h);
+                           })->error;
   // Bounded by the deadline, not by the attempts allowed (minutes of waits);
   // the slack leaves room for a sanitized build on a busy machine.
   EXPECT_LT(std::chrono::steady_clock::now() - start, 400ms + 4s);
-  ASSERT_TRUE(done.error);
+  ASSERT_TRUE(error);
   // The last attempt either got its 503 or was cut by the deadline (a busy
   // machine leaves it only a few milliseconds).
-  EXPECT_TRUE(done.error->httpStatus() == 503 ||
-              done.error->code() == std::string(ZVErrorTransportTimeout))
-      << done.error->description();
-  EXPECT_GT(done.error->attempts(), 1);
+  EXPECT_TRUE(error->httpStatus() == 503 || error->code() == std::string(ZVErrorTransportTimeout))
+      << error->description();
+  EXPECT_GT(error->attempts(), 1);
 }
 
 // Past maxRequestsInFlight a call fails at once, on the main queue.
@@ -391,14 +369,8 @@ TEST(AdmissionTest, CallsPastTheLimitFailOnTheMainQueue) {
     return answer;
   });
   configureService(server.baseURL());
-  ZVConfiguration config = Zorvane::configuration();
-  config.maxRequestsInFlight = 2;
-  Zorvane::configure(config);
-  Completions done;
-  for (int i = 0; i < 4; ++i) {
-    done.push_back(std::make_unique<Completion>());
-    ZVRewardsManager::instance()->fetchOrdersWithCompletionHandler(done.back()->handler());
-  }
+  reconfigure([&](ZVConfiguration& config) { config.maxRequestsInFlight = 2; });
+  Completions done = startAll(std::vector(4, operation("fetchOrders")));
   for (const auto& c : done) EXPECT_EQ(c->calls.load(), 0) << "called inside the call";
   ASSERT_TRUE(waitForAll(done));
   const auto refused = [](const auto& c) {

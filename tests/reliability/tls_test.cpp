@@ -38,9 +38,9 @@ TEST(TLSTest, CertificateMustChainToTheCAFileAndNameTheHost) {
     std::string problem;
     ASSERT_TRUE(sandbox.start(problem)) << problem;
     configureService(sandbox.serviceHost(), std::chrono::seconds(10));
-    ZVConfiguration configuration = Zorvane::configuration();
-    configuration.caFile = c.trustCertificate ? sandbox.certificatePath() : "";
-    Zorvane::configure(configuration);
+    reconfigure([&](ZVConfiguration& config) {
+      config.caFile = c.trustCertificate ? sandbox.certificatePath() : "";
+    });
     ZVRewardsManager::instance()->resetData();
 
     Completions completions = startAll(allOperations());
@@ -67,9 +67,7 @@ TEST(TLSTest, PlainHTTPIsRefusedUnlessTheHostAllowsIt) {
   ZVLoopbackServer server;
   CloseConnectionsFirst closeFirst;
   configureService(server.baseURL());
-  ZVConfiguration configuration = Zorvane::configuration();
-  configuration.allowInsecureHTTP = false;
-  Zorvane::configure(configuration);
+  reconfigure([&](ZVConfiguration& config) { config.allowInsecureHTTP = false; });
   Completions refused = startAll(allOperations());
   ASSERT_TRUE(waitForAll(refused));
   for (const auto& c : refused) {

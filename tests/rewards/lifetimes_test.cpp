@@ -30,12 +30,10 @@ class HeldTransport : public ZVTransport {
       std::lock_guard lock(mutex_);
       taken.swap(held_);
     }
-    for (Completion& done : taken) {
-      ZVHTTPResult result;
-      result.status = status;
-      result.body = body;
-      done(std::move(result));
-    }
+    ZVHTTPResult result;
+    result.status = status;
+    result.body = body;
+    for (Completion& done : taken) done(result);
   }
 
  private:
@@ -48,46 +46,13 @@ constexpr const char* kGoodAnswer =
     R"({"status":"ok","offers":[{"id":"1"}],"orders":[{"id":"1"}],)"
     R"("order":{"id":"9","user":{"available_points":10}},"challenge":{"id":"c"}})";
 
-// A completion handler of any of the manager's types; it holds `token`, so
-// the test can tell when its captures are released.
-struct Probe {
-  std::shared_ptr<int> token;
-  std::atomic<int>* calls;
-  bool throws = false;
-  template <class Result>
-  void operator()(Result, ZVErrorPtr) const {
-    ++*calls;
+// A handler of any of the manager's types that counts its calls; it holds
+// `token`, so the test can tell when its captures are released.
+AnyHandler probe(std::shared_ptr<int> token, std::atomic<int>& calls, bool throws = false) {
+  return {[token = std::move(token), &calls, throws](auto, auto) {
+    ++calls;
     if (throws) throw std::runtime_error("handler failure");
-  }
-};
-
-struct Op {
-  const char* name;
-  const char* success;  // the success notification
-  bool sends;           // false: refused by validation, nothing sent
-  std::function<void(ZVRewardsManager*, Probe)> start;
-};
-
-const std::vector<Op>& operations() {
-  static const std::vector<Op> ops = {
-      {"fetchOffers", ZV_REWARDS_MANAGER_DID_FETCH_OFFERS_NOTIFICATION, true,
-       [](auto* m, Probe p) { m->fetchOffersWithCompletionHandler(p); }},
-      {"forceFetchOffers", ZV_REWARDS_MANAGER_DID_FETCH_OFFERS_NOTIFICATION, true,
-       [](auto* m, Probe p) { m->forceFetchOffersWithLocale(ZVLocale("en_US"), p); }},
-      {"fetchOrders", ZV_REWARDS_MANAGER_DID_FETCH_ORDERS_NOTIFICATION, true,
-       [](auto* m, Probe p) { m->fetchOrdersWithCompletionHandler(p); }},
-      {"placeOrder", ZV_REWARDS_MANAGER_DID_PLACE_ORDER_NOTIFICATION, true,
-       [](auto* m, Probe p) { m->placeOrder(ZVOrderRequest::initWithOfferID("101", 1), p); }},
-      {"fetchSkillQuestion", ZV_REWARDS_MANAGER_DID_FETCH_SKILL_QUESTION_NOTIFICATION, true,
-       [](auto* m, Probe p) { m->fetchSkillQuestionWithCompletionHandler(p); }},
-      {"answerSkillQuestion", ZV_REWARDS_MANAGER_DID_ANSWER_SKILL_QUESTION_NOTIFICATION, true,
-       [](auto* m, Probe p) {
-         m->answerSkillQuestionForOfferID("101", "q1", ZVJSONValue("42"), p);
-       }},
-      {"placeOrder without order", nullptr, false,
-       [](auto* m, Probe p) { m->placeOrder(nullptr, p); }},
-  };
-  return ops;
+  }};
 }
 
 class LifetimesTest : public ::testing::Test {
@@ -133,8 +98,8 @@ TEST_F(LifetimesTest, CancelledOperationsEndOnceAndLeaveNoTrace) {
   for (const auto& end : ends) {
     for (const bool queued : {false, true}) {
       for (const int status : {200, 500}) {
-        for (const Op& op : operations()) {
-          if (!op.sends && (!queued || status != 200)) continue;
+        for (const Operation& op : allOperationsAndRefusals()) {
+          if (!op.success && (!queued || status != 200)) continue;
           SCOPED_TRACE(std::string(end.name) + (queued ? ", queued, " : ", in flight, ") +
                        std::to_string(status) + ", " + op.name);
           manager()->resetData();
@@ -145,7 +110,7 @@ TEST_F(LifetimesTest, CancelledOperationsEndOnceAndLeaveNoTrace) {
           const std::weak_ptr<int> captures = token;
           {
             ZVScope::Activation active(scope.get(), [&] { ++cancellations; });
-            op.start(manager(), Probe{std::move(token), &calls});
+            op.start(manager(), probe(std::move(token), calls));
           }
           EXPECT_EQ(scope->pendingCount(), 1u);
           if (queued) transport->answer(status, kGoodAnswer);
@@ -162,16 +127,13 @@ TEST_F(LifetimesTest, CancelledOperationsEndOnceAndLeaveNoTrace) {
           if (cancelled) {
             EXPECT_EQ(notifications.all().size(), notes);
             if (!queued) {
-              EXPECT_TRUE(manager()->offers()->empty());
-              EXPECT_TRUE(manager()->orders()->empty());
+              EXPECT_TRUE(manager()->offers()->empty() && manager()->orders()->empty());
               EXPECT_EQ(manager()->lastRefreshTime(), 0.0);
             }
           } else {
             EXPECT_GT(notifications.all().size(), notes);
           }
-          if (scope) {
-            EXPECT_EQ(scope->pendingCount(), 0u);
-          }
+          EXPECT_EQ(scope ? scope->pendingCount() : 0u, 0u);
         }
       }
     }
@@ -245,8 +207,7 @@ TEST_F(LifetimesTest, ThrowingHostCodeBreaksNoPromise) {
        "the clock source", true},
   };
   for (const auto& c : cases) {
-    for (const Op& op : operations()) {
-      if (!op.sends) continue;
+    for (const Operation& op : allOperations()) {
       const bool offers =
           op.success == std::string(ZV_REWARDS_MANAGER_DID_FETCH_OFFERS_NOTIFICATION);
       if (c.offersOnly && !offers) continue;
@@ -255,11 +216,11 @@ TEST_F(LifetimesTest, ThrowingHostCodeBreaksNoPromise) {
       reported.clear();
       ZVObservation observation;
       if (c.arrange) c.arrange(observation);
-      const size_t success = op.success ? notifications.count(op.success) : 0;
+      const size_t success = notifications.count(op.success);
       const size_t failure = notifications.count(ZV_REWARDS_MANAGER_REQUEST_DID_FAIL_NOTIFICATION);
       const size_t balance = notifications.count(ZV_USER_MANAGER_DID_UPDATE_USER_INTERNAL);
       std::atomic<int> calls{0};
-      op.start(manager(), Probe{nullptr, &calls, c.handlerThrows});
+      op.start(manager(), probe(nullptr, calls, c.handlerThrows));
       transport->answer(c.status, kGoodAnswer);
       ZVMainQueue::shared()->drain();
       EXPECT_EQ(calls.load(), 1);
@@ -388,10 +349,9 @@ TEST(ShutdownTest, JoinsTheThreadsAndTheSDKWorksAgain) {
   EXPECT_TRUE(threadsBecome(0)) << sdkThreads();
   EXPECT_EQ(ZVGenericRequestManager::instance()->requestsInFlight(), 0u);
 
-  Completion again;
-  ZVRewardsManager::instance()->fetchOrdersWithCompletionHandler(again.handler());
-  ASSERT_TRUE(again.wait());
-  EXPECT_FALSE(again.error);
+  EXPECT_FALSE(await([](auto h) {
+                 ZVRewardsManager::instance()->fetchOrdersWithCompletionHandler(h);
+               })->error);
 
   ZVMainQueue::shared()->startDedicatedThread();
   std::atomic<bool> returned{false};

@@ -3,26 +3,10 @@
 #include <thread>
 
 #include "ZVRewardsFixture.h"
-#include "ZVRewardsRouting.h"
 
 using namespace zvtest;
 
 namespace {
-
-// A handler of the kind's own type that records its calls.
-ZVAnyCompletionHandler recorder(const std::string& kind, int& calls, bool& gotResult,
-                                ZVErrorPtr& error) {
-  auto record = [&](auto result, ZVErrorPtr e) {
-    ++calls;
-    gotResult = result != nullptr;
-    error = e;
-  };
-  if (kind == kKindPlaceOrder) return ZVOrderCompletionHandler(record);
-  if (kind == kKindFetchRewardOrders) return ZVOrdersCompletionHandler(record);
-  if (kind == kKindFetchSkillQuestion) return ZVSkillQuestionCompletionHandler(record);
-  if (kind == kKindAnswerSkillQuestion) return ZVSkillChallengeCompletionHandler(record);
-  return ZVOffersCompletionHandler(record);
-}
 
 using ManagerCoreTest = RewardsTest;
 
@@ -80,28 +64,22 @@ TEST_F(ManagerCoreTest, AnswersAndFailuresAreRoutedByKind) {
     }
     for (const auto& c : cases) {
       SCOPED_TRACE(kind + " " + std::to_string(c.errorType));
-      int calls = 0;
-      bool gotResult = false;
-      ZVErrorPtr error;
-      routing.requestKind(kind, c.response, c.error, recorder(kind, calls, gotResult, error));
+      Completion got;
+      routing.requestKind(kind, c.response, c.error, handlerFor(kind, got));
       ZVMainQueue::shared()->runUntil([] { return false; }, std::chrono::milliseconds(20));
-      EXPECT_EQ(calls, known ? 1 : 0);
+      EXPECT_EQ(got.calls, known ? 1 : 0);
       if (!known) continue;
-      EXPECT_EQ(gotResult, c.errorType == 0);
-      EXPECT_EQ(error ? error->type() : 0, c.errorType);
+      EXPECT_EQ(got.result != nullptr, c.errorType == 0);
+      EXPECT_EQ(got.error ? got.error->type() : 0, c.errorType);
       if (c.error) {
-        EXPECT_EQ(error, c.error) << "the core error is delivered unchanged";
+        EXPECT_EQ(got.error, c.error) << "the core error is delivered unchanged";
       }
     }
-    int calls = 0;
-    bool gotResult = false;
-    ZVErrorPtr error;
-    routing.dispatchFailWithError(down, kind, recorder(kind, calls, gotResult, error));
-    EXPECT_EQ(calls, known ? 1 : 0);
-    EXPECT_FALSE(gotResult);
-    if (known) {
-      EXPECT_EQ(error, down);
-    }
+    Completion failed;
+    routing.dispatchFailWithError(down, kind, handlerFor(kind, failed));
+    EXPECT_EQ(failed.calls, known ? 1 : 0);
+    EXPECT_FALSE(failed.result);
+    EXPECT_EQ(failed.error, known ? down : nullptr);
     routing.dispatchFailWithError(down, kind, {});  // must not crash
   }
 }

@@ -16,13 +16,14 @@ constexpr const char* kTwoOffers =
 
 class OffersTest : public RewardsTest {
  protected:
-  void fetchFresh(const char* body = kTwoOffers) {
-    answer(body);
-    Outcome<const ZVOfferArray> outcome;
-    manager()->forceFetchOffersWithLocale(ZVLocale("en_US"), outcome.handler());
-    ASSERT_TRUE(outcome.wait());
-    ASSERT_TRUE(outcome.result);
+  // Answers the next offers fetch with `body`, and fetches (forced, `locale`).
+  std::unique_ptr<Outcome<const ZVOfferArray>> fetch(
+      const char* body, std::optional<ZVLocale> locale = ZVLocale("en_US")) {
+    if (body) answer(body);
+    return await<const ZVOfferArray>(
+        [&](auto h) { manager()->forceFetchOffersWithLocale(locale, h); });
   }
+  void fetchFresh(const char* body = kTwoOffers) { ASSERT_TRUE(fetch(body)->result); }
   void setClock(double t) {
     ZVClock::setSource([t] { return t; });
   }
@@ -97,14 +98,13 @@ TEST_F(OffersTest, CacheFreshnessFollowsTheRefreshInterval) {
     manager()->setRefreshInterval(c.interval);
     setClock(1'000'000.0 + c.age);
     if (c.sends) answer(kTwoOffers);
-    Outcome<const ZVOfferArray> outcome;
     // Another locale than the cached list's: the cache does not look at it.
-    manager()->fetchOffersWithLocale(ZVLocale(c.force ? "en_US" : "de_DE"), c.force,
-                                     outcome.handler());
-    ASSERT_TRUE(outcome.wait());
+    const auto outcome = await<const ZVOfferArray>([&](auto h) {
+      manager()->fetchOffersWithLocale(ZVLocale(c.force ? "en_US" : "de_DE"), c.force, h);
+    });
     EXPECT_EQ(server.requestCount() - before, c.sends ? 1u : 0u);
     if (!c.sends) {
-      EXPECT_EQ(outcome.result, cached) << "a hit shares the cached records";
+      EXPECT_EQ(outcome->result, cached) << "a hit shares the cached records";
     }
     manager()->setRefreshInterval(ZVBaseManager::kDefaultRefreshInterval);
   }
@@ -153,14 +153,11 @@ TEST_F(OffersTest, AnswerWithoutOkEmptiesTheCatalogueAndZeroesTheStamp) {
   for (const char* body : bodies) {
     SCOPED_TRACE(body);
     fetchFresh();
-    answer(body);
-    Outcome<const ZVOfferArray> outcome;
-    manager()->forceFetchOffersWithLocale(std::nullopt, outcome.handler());
-    ASSERT_TRUE(outcome.wait());
-    EXPECT_EQ(outcome.result, nullptr);
-    ASSERT_NE(outcome.error, nullptr);
-    EXPECT_EQ(outcome.error->type(), ZVErrorTypeService);
-    EXPECT_NE(dynamic_cast<ZVRewardsError*>(outcome.error.get()), nullptr);
+    const auto outcome = fetch(body, std::nullopt);
+    EXPECT_EQ(outcome->result, nullptr);
+    ASSERT_NE(outcome->error, nullptr);
+    EXPECT_EQ(outcome->error->type(), ZVErrorTypeService);
+    EXPECT_NE(dynamic_cast<ZVRewardsError*>(outcome->error.get()), nullptr);
     EXPECT_TRUE(manager()->offers()->empty());
     EXPECT_EQ(manager()->lastRefreshTime(), 0.0);
   }
@@ -173,10 +170,7 @@ TEST_F(OffersTest, NullLocaleFallsBackToCustomThenDeviceLocale) {
   setenv("LC_ALL", "pt_BR.UTF-8", 1);
   for (bool custom : {true, false}) {
     Zorvane::setCustomLocale(custom ? std::optional<ZVLocale>(ZVLocale("fr_CA")) : std::nullopt);
-    answer(kTwoOffers);
-    Outcome<const ZVOfferArray> outcome;
-    manager()->forceFetchOffersWithLocale(std::nullopt, outcome.handler());
-    ASSERT_TRUE(outcome.wait());
+    fetch(kTwoOffers, std::nullopt);
     EXPECT_EQ(server.requests().back().query, custom ? "locale=fr-CA" : "locale=pt-BR");
   }
   if (saved)

@@ -10,7 +10,6 @@
 #include <new>
 
 #include "ZVRewardsFixture.h"
-#include "ZVRewardsRouting.h"
 
 using namespace zvtest;
 
@@ -77,14 +76,6 @@ const Answer kAnswers[] = {
     {kKindAnswerSkillQuestion, R"({"status":"ok","challenge":{"id":"c","status":"passed"}})"},
 };
 
-ZVAnyCompletionHandler handlerFor(const std::string& kind, Completion& c) {
-  if (kind == kKindFetchRewardOffers) return ZVOffersCompletionHandler(c.handler());
-  if (kind == kKindFetchRewardOrders) return ZVOrdersCompletionHandler(c.handler());
-  if (kind == kKindPlaceOrder) return ZVOrderCompletionHandler(c.handler());
-  if (kind == kKindFetchSkillQuestion) return ZVSkillQuestionCompletionHandler(c.handler());
-  return ZVSkillChallengeCompletionHandler(c.handler());
-}
-
 // Fails, in turn, each allocation that routing an answer makes, from the
 // copy of its body to the queueing of its delivery.
 TEST(OutOfMemoryTest, EachFailedAllocationEndsInOneCallAndOneNotification) {
@@ -138,9 +129,8 @@ class OutOfMemoryOverLoopbackTest : public RewardsTest {};
 
 TEST_F(OutOfMemoryOverLoopbackTest, RecordsFailingOnTheTransportThreadFailTheFetchOnce) {
   constexpr size_t kOffers = 100'003;
-  ZVConfiguration configuration = Zorvane::configuration();
-  configuration.maxResponseBytes = 16u << 20;  // room for that many records
-  Zorvane::configure(configuration);
+  // Room for that many records.
+  reconfigure([](ZVConfiguration& config) { config.maxResponseBytes = 16u << 20; });
   std::string body = R"({"status":"ok","offers":[{})";
   for (size_t i = 1; i < kOffers; ++i) body += ",{}";
   answer(body + "]}");

@@ -14,21 +14,26 @@ ZVJSONValue parsed(const std::string& text) {
   return ZVJSONParse(text).value;
 }
 
+std::unique_ptr<Outcome<ZVOrder>> placeOrder() {
+  return await<ZVOrder>([](auto h) {
+    ZVRewardsManager::instance()->placeOrder(ZVOrderRequest::initWithOfferID("12", 1), h);
+  });
+}
+
 // (An answer that is not "ok" empties the history: the fault table.)
 TEST_F(ServiceTest, OrdersReplaceTheHistoryWhole) {
   for (const std::string ids : {"12", ""}) {
     std::string body = R"({"status":"ok")";
     if (!ids.empty()) body += R"(,"orders":[{"id":"1","status":"approved"},{"id":"2"}])";
     answer(body + "}");
-    Outcome<const ZVOrderArray> outcome;
-    manager()->fetchOrdersWithCompletionHandler(outcome.handler());
-    ASSERT_TRUE(outcome.wait());
+    const auto outcome =
+        await<const ZVOrderArray>([](auto h) { manager()->fetchOrdersWithCompletionHandler(h); });
     EXPECT_EQ(server.requests().back().path, "/api/v1/apps/app%201/orders");
-    ASSERT_TRUE(outcome.result);
+    ASSERT_TRUE(outcome->result);
     std::string got;
-    for (const auto& order : *outcome.result) got += order->orderID().value_or("?");
+    for (const auto& order : *outcome->result) got += order->orderID().value_or("?");
     EXPECT_EQ(got, ids);
-    EXPECT_EQ(manager()->orders(), outcome.result);
+    EXPECT_EQ(manager()->orders(), outcome->result);
   }
   EXPECT_EQ(notifications.count(ZV_REWARDS_MANAGER_DID_FETCH_ORDERS_NOTIFICATION), 2u);
 }
@@ -37,9 +42,7 @@ TEST_F(ServiceTest, OrdersReplaceTheHistoryWhole) {
 // options at every depth included; elements that are not objects are
 // skipped and count for nothing.
 TEST_F(ServiceTest, RecordsOfOneAnswerAreLimited) {
-  ZVConfiguration configuration = Zorvane::configuration();
-  configuration.maxResponseBytes = 128 * 100;
-  Zorvane::configure(configuration);
+  reconfigure([&](ZVConfiguration& config) { config.maxResponseBytes = 128 * 100; });
   const auto list = [](const char* key, const std::string& record, int count) {
     std::string body = fmt::format(R"({{"status":"ok","{}":[)", key);
     for (int i = 0; i < 50; ++i) body += R"(0,[],"x",null,)";
@@ -62,28 +65,26 @@ TEST_F(ServiceTest, RecordsOfOneAnswerAreLimited) {
     answer(c.body);
     manager()->setOffers(offersBefore);
     manager()->setLastRefreshTime(1000.0);
-    Completion outcome;
-    if (c.offers)
-      manager()->forceFetchOffersWithLocale(ZVLocale("en_US"), outcome.handler());
-    else
-      manager()->fetchOrdersWithCompletionHandler(outcome.handler());
-    ASSERT_TRUE(outcome.wait());
+    const auto outcome = await([&](auto h) {
+      c.offers ? manager()->forceFetchOffersWithLocale(ZVLocale("en_US"), h)
+               : manager()->fetchOrdersWithCompletionHandler(h);
+    });
     if (c.delivered != 0) {
-      ASSERT_TRUE(outcome.result) << outcome.error->description();
-      const auto* offers = dynamic_cast<const ZVOfferArray*>(outcome.result.get());
-      const auto* orders = dynamic_cast<const ZVOrderArray*>(outcome.result.get());
+      ASSERT_TRUE(outcome->result) << outcome->error->description();
+      const auto* offers = dynamic_cast<const ZVOfferArray*>(outcome->result.get());
+      const auto* orders = dynamic_cast<const ZVOrderArray*>(outcome->result.get());
       EXPECT_EQ(offers ? offers->size() : orders->size(), c.delivered);
       if (offers) {
         EXPECT_EQ((*offers)[0]->options()->at(0)->options()->size(), 0u);
       }
       continue;
     }
-    ASSERT_TRUE(outcome.error);
-    EXPECT_EQ(outcome.error->code(), ZVErrorAnswerTooLarge);
-    EXPECT_NE(outcome.error->message()->find(
+    ASSERT_TRUE(outcome->error);
+    EXPECT_EQ(outcome->error->code(), ZVErrorAnswerTooLarge);
+    EXPECT_NE(outcome->error->message()->find(
                   "holds more than 100 records (one per 128 bytes of maxResponseBytes)"),
               std::string::npos)
-        << *outcome.error->message();
+        << *outcome->error->message();
     // As for any unusable answer: the cached offers and their stamp stay.
     EXPECT_EQ(manager()->offers(), offersBefore);
     EXPECT_EQ(manager()->lastRefreshTime(), 1000.0);
@@ -93,17 +94,14 @@ TEST_F(ServiceTest, RecordsOfOneAnswerAreLimited) {
 TEST_F(ServiceTest, PlaceOrderSendsTheBodyAndAnnouncesBalances) {
   answer(R"({"status":"ok","order":{"id":"7","user":{"available_points":1200,"test_points":0}}})");
   const auto ordersBefore = manager()->orders();
-  Outcome<ZVOrder> outcome;
-  manager()->placeOrder(ZVOrderRequest::initWithOfferID("12", 1), outcome.handler());
-  ASSERT_TRUE(outcome.wait());
-
+  const auto outcome = placeOrder();
   auto request = server.requests().at(0);
   EXPECT_EQ(request.method, "POST");
   EXPECT_EQ(request.path, "/api/v1/apps/app%201/offers/12/orders");
   EXPECT_EQ(parsed(request.body),
             parsed(R"({"order": {"offer_id": "12", "quantity": 1, "ip": "127.0.0.1"}})"));
-  ASSERT_TRUE(outcome.result);
-  EXPECT_EQ(outcome.result->orderID(), "7");
+  ASSERT_TRUE(outcome->result);
+  EXPECT_EQ(outcome->result->orderID(), "7");
   EXPECT_EQ(manager()->orders(), ordersBefore);
 
   auto notes = notifications.all();
@@ -118,11 +116,9 @@ TEST_F(ServiceTest, PlaceOrderSendsTheBodyAndAnnouncesBalances) {
 
   // Without an order object, the balances are still announced (as zero).
   answer(R"({"status":"ok"})");
-  Outcome<ZVOrder> bare;
-  manager()->placeOrder(ZVOrderRequest::initWithOfferID("12", 1), bare.handler());
-  ASSERT_TRUE(bare.wait());
-  ASSERT_TRUE(bare.result);
-  EXPECT_FALSE(bare.result->orderID());
+  const auto bare = placeOrder();
+  ASSERT_TRUE(bare->result);
+  EXPECT_FALSE(bare->result->orderID());
   ASSERT_TRUE(drainUntil(
       [&] { return notifications.count(ZV_USER_MANAGER_DID_UPDATE_USER_INTERNAL) == 2; }));
 }
@@ -142,57 +138,42 @@ TEST_F(ServiceTest, RefusedOrderIsWordedFromTheBody) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.body);
     answer(c.body, c.status);
-    Outcome<ZVOrder> outcome;
-    manager()->placeOrder(ZVOrderRequest::initWithOfferID("12", 1), outcome.handler());
-    ASSERT_TRUE(outcome.wait());
-    ASSERT_TRUE(outcome.error);
-    EXPECT_EQ(outcome.error->type(), c.type);
-    EXPECT_EQ(outcome.error->message(), c.message);
+    const auto outcome = placeOrder();
+    ASSERT_TRUE(outcome->error);
+    EXPECT_EQ(outcome->error->type(), c.type);
+    EXPECT_EQ(outcome->error->message(), c.message);
   }
   // Indented, a nested body would be hundreds of times its size: the
   // message quotes 16 KiB of it.
   answer(R"({"x":)" + std::string(400, '[') + std::string(400, ']') + "}", 500);
-  Outcome<ZVOrder> outcome;
-  manager()->placeOrder(ZVOrderRequest::initWithOfferID("12", 1), outcome.handler());
-  ASSERT_TRUE(outcome.wait());
-  ASSERT_TRUE(outcome.error && outcome.error->message());
-  EXPECT_EQ(outcome.error->message()->size(), (16u << 10) + 3);
-  EXPECT_TRUE(outcome.error->message()->ends_with("..."));
+  const auto outcome = placeOrder();
+  ASSERT_TRUE(outcome->error && outcome->error->message());
+  EXPECT_EQ(outcome->error->message()->size(), (16u << 10) + 3);
+  EXPECT_TRUE(outcome->error->message()->ends_with("..."));
 }
 
 TEST_F(ServiceTest, ValidationFailuresSendNothing) {
-  struct Case {
-    const char* name;
-    std::function<void(Completion&)> call;
+  const std::string skill = " parameter for answering skill question";
+  const struct {
+    bool order;  // placeOrder(nullptr), else an answer with these
+    std::optional<std::string> offer, question;
+    ZVJSONValue answer;
     const char* code;
-    const char* message;
-  };
-  const std::vector<Case> cases = {
-      {"no order", [](Completion& c) { manager()->placeOrder(nullptr, c.handler()); },
-       ZVErrorServerNoRequest, "Missing 'order' parameter"},
-      {"no offer id and no question id",
-       [](Completion& c) {
-         manager()->answerSkillQuestionForOfferID(std::nullopt, std::nullopt, "3", c.handler());
-       },
-       ZVErrorValidationNoOfferID, "Missing 'offerID' parameter for answering skill question"},
-      {"no question id",
-       [](Completion& c) {
-         manager()->answerSkillQuestionForOfferID("1", std::nullopt, "3", c.handler());
-       },
-       ZVErrorValidationNoQuestionID,
-       "Missing 'questionID' parameter for answering skill question"},
-      {"no answer",
-       [](Completion& c) {
-         manager()->answerSkillQuestionForOfferID("1", "q", ZVJSONValue(), c.handler());
-       },
-       ZVErrorValidationNoAnswer, "Missing 'answer' parameter for answering skill question"},
+    std::string message;
+  } cases[] = {
+      {true, {}, {}, {}, ZVErrorServerNoRequest, "Missing 'order' parameter"},
+      {false, {}, {}, "3", ZVErrorValidationNoOfferID, "Missing 'offerID'" + skill},
+      {false, "1", {}, "3", ZVErrorValidationNoQuestionID, "Missing 'questionID'" + skill},
+      {false, "1", "q", {}, ZVErrorValidationNoAnswer, "Missing 'answer'" + skill},
   };
   LogCapture log(1, 1);
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    Completions completion;
-    completion.push_back(std::make_unique<Completion>());
-    c.call(*completion[0]);
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.message);
+    Completions completion =
+        startAll({{"", nullptr, [&](auto* m, AnyHandler h) {
+                     c.order ? m->placeOrder(nullptr, h)
+                             : m->answerSkillQuestionForOfferID(c.offer, c.question, c.answer, h);
+                   }}});
     ASSERT_TRUE(waitForAll(completion));
     EXPECT_FALSE(completion[0]->result);
     const ZVErrorPtr error = completion[0]->error;
@@ -204,32 +185,31 @@ TEST_F(ServiceTest, ValidationFailuresSendNothing) {
     ASSERT_FALSE(log.lines().empty());
     EXPECT_EQ(log.lines().back(), manager()->description() + " " + c.message);
   }
-  EXPECT_EQ(log.lines().size(), cases.size());
+  EXPECT_EQ(log.lines().size(), std::size(cases));
   EXPECT_EQ(server.requestCount(), 0u);
-  EXPECT_EQ(notifications.count(ZV_REWARDS_MANAGER_VALIDATION_DID_FAIL_NOTIFICATION), cases.size());
+  EXPECT_EQ(notifications.count(ZV_REWARDS_MANAGER_VALIDATION_DID_FAIL_NOTIFICATION),
+            std::size(cases));
 }
 
 TEST_F(ServiceTest, SkillQuestionFlow) {
   answer(
       R"({"status":"ok","challenge":{"skills_test_question":{"id":"q1","question":"2 + 2","x":1}}})");
-  Outcome<ZVSkillQuestion> question;
-  manager()->fetchSkillQuestionWithCompletionHandler(question.handler());
-  ASSERT_TRUE(question.wait());
-  EXPECT_EQ(server.requests()[0].path, "/api/v1/apps/app%201/challenges/skills_test_question");
-  ASSERT_TRUE(question.result);
-  EXPECT_EQ(question.result->questionID(), "q1");
-  EXPECT_EQ(question.result->question(), ZVJSONValue("2 + 2"));
+  const auto question =
+      await<ZVSkillQuestion>([](auto h) { manager()->fetchSkillQuestionWithCompletionHandler(h); });
+  EXPECT_EQ(server.requests().at(0).path, "/api/v1/apps/app%201/challenges/skills_test_question");
+  ASSERT_TRUE(question->result);
+  EXPECT_EQ(question->result->questionID(), "q1");
+  EXPECT_EQ(question->result->question(), ZVJSONValue("2 + 2"));
 
   answer(R"({"status":"ok","challenge":{"id":99,"status":"passed"}})");
-  Outcome<ZVSkillChallenge> challenge;
-  manager()->answerSkillQuestionForOfferID("5", "q1", "", challenge.handler());
-  ASSERT_TRUE(challenge.wait());
-  auto request = server.requests()[1];
+  const auto challenge = await<ZVSkillChallenge>(
+      [](auto h) { manager()->answerSkillQuestionForOfferID("5", "q1", "", h); });
+  auto request = server.requests().at(1);
   EXPECT_EQ(request.path, "/api/v1/apps/app%201/offers/5/challenges/skills_test_questions/q1");
   EXPECT_EQ(parsed(request.body),
             parsed(R"({"challenge":{"skills_test_question":{"response":""}}})"));
-  ASSERT_TRUE(challenge.result);
-  EXPECT_EQ(challenge.result->challengeID(), "99");
+  ASSERT_TRUE(challenge->result);
+  EXPECT_EQ(challenge->result->challengeID(), "99");
 
   answer(R"({"status":"ok"})");
   manager()->fetchSkillQuestionWithCompletionHandler(nullptr);

@@ -1,6 +1,5 @@
 #include "ZVHTTP2Server.h"
 
-#include <poll.h>
 #include <pthread.h>
 #include <signal.h>
 
@@ -16,7 +15,6 @@
 #include <openssl/ssl.h>
 
 #include "SandboxCertificate.h"
-#include "ZVLoopbackSocket.h"
 
 namespace zvtest {
 
@@ -143,56 +141,23 @@ ZVHTTP2Server::ZVHTTP2Server(std::function<HTTP2Reply(const HTTP2Request&)> hand
         SSL_CTX_use_PrivateKey_file(context_, files.privateKey.c_str(), SSL_FILETYPE_PEM) != 1)
       throw std::runtime_error("HTTP/2 server: cannot set up TLS with the certificate");
     SSL_CTX_set_alpn_select_cb(context_, selectH2, nullptr);
-    listener_ = listenOnLoopback(port_, "HTTP/2 server");
   } catch (...) {
     SSL_CTX_free(context_);
     std::filesystem::remove_all(directory_);
     throw;
   }
-  acceptor_ = std::thread([this] { acceptLoop(); });
+  listener_.start([this](int socket) { serve(socket); });
 }
 
 ZVHTTP2Server::~ZVHTTP2Server() {
-  {
-    std::lock_guard lock(mutex_);
-    stopping_ = true;
-    // Wakes workers blocked in a TLS read or write; each closes its own socket.
-    for (const int socket : open_) ::shutdown(socket, SHUT_RDWR);
-  }
-  acceptor_.join();
-  std::vector<std::thread> workers;
-  {
-    std::lock_guard lock(mutex_);
-    workers.swap(workers_);
-  }
-  for (std::thread& worker : workers) worker.join();
-  ::close(listener_);
+  listener_.stop();  // wakes workers blocked in a TLS read or write, and joins them
   SSL_CTX_free(context_);
   std::error_code ignored;
   std::filesystem::remove_all(directory_, ignored);
 }
 
 std::string ZVHTTP2Server::baseURL() const {
-  return "https://127.0.0.1:" + std::to_string(port_);
-}
-
-void ZVHTTP2Server::acceptLoop() {
-  pollfd entry{listener_, POLLIN, 0};
-  while (!stopping_) {
-    if (::poll(&entry, 1, 20) <= 0) continue;
-    const int socket = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
-    if (socket < 0) continue;
-    std::lock_guard lock(mutex_);
-    // Checked under the lock the destructor shuts sockets down with, so that
-    // no connection escapes it.
-    if (stopping_) {
-      ::close(socket);
-      break;
-    }
-    ++connections_;
-    open_.insert(socket);
-    workers_.emplace_back([this, socket] { serve(socket); });
-  }
+  return "https://127.0.0.1:" + std::to_string(port());
 }
 
 // Blocking TLS on one connection: read what the client sent, feed it to the
@@ -230,7 +195,7 @@ void ZVHTTP2Server::serve(int socket) {
     return written;
   };
   uint8_t buffer[16 * 1024];
-  while (alive && !stopping_) {
+  while (alive && !listener_.stopping()) {
     while (alive) {
       const uint8_t* data = nullptr;
       const ssize_t n = nghttp2_session_mem_send(session, &data);
@@ -249,11 +214,6 @@ void ZVHTTP2Server::serve(int socket) {
   ERR_clear_error();
   nghttp2_session_del(session);
   SSL_free(ssl);
-  {
-    std::lock_guard lock(mutex_);
-    open_.erase(socket);
-  }
-  ::close(socket);
 }
 
 }  // namespace zvtest

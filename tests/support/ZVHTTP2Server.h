@@ -5,12 +5,10 @@
 #include <atomic>
 #include <cstddef>
 #include <functional>
-#include <memory>
-#include <mutex>
-#include <set>
 #include <string>
-#include <thread>
 #include <vector>
+
+#include "ZVLoopbackSocket.h"
 
 struct ssl_ctx_st;
 
@@ -61,22 +59,19 @@ class ZVHTTP2Server {
   /// `handler` is called on the connections' threads once a request's stream has ended.
   explicit ZVHTTP2Server(std::function<HTTP2Reply(const HTTP2Request&)> handler);
   ~ZVHTTP2Server();
-  ZVHTTP2Server(const ZVHTTP2Server&) = delete;
-  ZVHTTP2Server& operator=(const ZVHTTP2Server&) = delete;
 
-  int port() const { return port_; }
+  int port() const { return listener_.port(); }
   /// "https://127.0.0.1:<port>".
   std::string baseURL() const;
   /// The certificate to trust (`ZVHTTPRequest::caFile`, `ZVConfiguration::caFile`).
   const std::string& caFile() const { return caFile_; }
 
   /// TCP connections accepted so far.
-  size_t connections() const { return connections_.load(); }
+  size_t connections() const { return listener_.connections(); }
   /// Requests answered so far (one stream each).
   size_t streams() const { return streams_.load(); }
 
  private:
-  void acceptLoop();
   void serve(int socket);
 
   friend struct HTTP2Session;
@@ -84,17 +79,9 @@ class ZVHTTP2Server {
   std::string directory_;
   std::string caFile_;
   ssl_ctx_st* context_ = nullptr;
-  int listener_ = -1;
-  int port_ = 0;
-  std::atomic<bool> stopping_{false};
-  std::atomic<size_t> connections_{0};
   std::atomic<size_t> streams_{0};
-  std::thread acceptor_;
-
   const std::function<HTTP2Reply(const HTTP2Request&)> handler_;
-  std::mutex mutex_;
-  std::set<int> open_;                // guarded by mutex_: sockets the workers still use
-  std::vector<std::thread> workers_;  // guarded by mutex_
+  LoopbackListener listener_{"HTTP/2 server"};
 };
 
 }  // namespace zvtest

@@ -2,39 +2,21 @@
 
 #include <fmt/format.h>
 
-#include <algorithm>
-#include <cctype>
-
 namespace zvtest {
 
 namespace {
-
-bool sameName(std::string_view a, std::string_view b) {
-  return std::ranges::equal(a, b, [](char x, char y) {
-    return std::tolower(static_cast<unsigned char>(x)) ==
-           std::tolower(static_cast<unsigned char>(y));
-  });
-}
 
 // A whole request as it arrived: the request line, header lines, the body.
 LoopbackRequest parse(const std::string& raw, int clientPort) {
   LoopbackRequest request;
   const size_t headEnd = raw.find("\r\n\r\n");
-  size_t at = raw.find("\r\n");
   const size_t space = raw.find(' ');
   request.method = raw.substr(0, space);
-  request.target = raw.substr(space + 1, raw.rfind(' ', at) - space - 1);
+  request.target = raw.substr(space + 1, raw.rfind(' ', raw.find("\r\n")) - space - 1);
   const size_t question = request.target.find('?');
   request.path = request.target.substr(0, question);
   if (question != std::string::npos) request.query = request.target.substr(question + 1);
-  while (at < headEnd) {
-    const size_t next = raw.find("\r\n", at + 2);
-    const std::string field = raw.substr(at + 2, next - at - 2);
-    const size_t colon = field.find(':');
-    const size_t value = std::min(field.find_first_not_of(' ', colon + 1), field.size());
-    request.headers.emplace_back(field.substr(0, colon), field.substr(value));
-    at = next;
-  }
+  request.head = raw.substr(0, headEnd + 2);
   request.body = raw.substr(headEnd + 4);
   request.remotePort = clientPort;
   return request;
@@ -43,9 +25,7 @@ LoopbackRequest parse(const std::string& raw, int clientPort) {
 }  // namespace
 
 std::string LoopbackRequest::header(std::string_view name) const {
-  for (const auto& [key, value] : headers)
-    if (sameName(key, name)) return value;
-  return "";
+  return ZVRawServer::header(head, name);
 }
 
 ZVLoopbackServer::ZVLoopbackServer()

@@ -23,7 +23,7 @@ struct LoopbackRequest {
   std::string target;  ///< path and query exactly as sent (still percent-encoded)
   std::string path;    ///< `target` up to the '?', still percent-encoded
   std::string query;   ///< after the '?', or empty
-  std::vector<std::pair<std::string, std::string>> headers;  ///< names as sent
+  std::string head;    ///< the request line and header lines, as sent
   std::string body;
   int remotePort = 0;  ///< the client's port: equal ports mean a reused connection
 

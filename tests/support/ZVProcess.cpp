@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <memory>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -17,12 +18,14 @@ namespace zvtest {
 
 namespace {
 
-std::string readAndClose(FILE* file) {
+using File = std::unique_ptr<FILE, int (*)(FILE*)>;
+
+std::string readAll(const File& file) {
   std::string text;
-  std::rewind(file);
+  std::rewind(file.get());
   char buffer[4096];
-  while (const size_t got = std::fread(buffer, 1, sizeof buffer, file)) text.append(buffer, got);
-  std::fclose(file);
+  while (const size_t got = std::fread(buffer, 1, sizeof buffer, file.get()))
+    text.append(buffer, got);
   return text;
 }
 
@@ -73,20 +76,17 @@ ProcessResult waitProcess(pid_t pid, std::chrono::milliseconds limit) {
 
 ProcessResult runProcess(const std::vector<std::string>& argv, std::chrono::milliseconds limit,
                          const std::vector<std::string>& environment) {
-  FILE* out = std::tmpfile();
-  FILE* err = std::tmpfile();
+  const File out(std::tmpfile(), &std::fclose), err(std::tmpfile(), &std::fclose);
   if (!out || !err) {
     ADD_FAILURE() << "no temporary file for the output of " << argv[0];
-    if (out) std::fclose(out);
-    if (err) std::fclose(err);
     return {};
   }
-  const pid_t pid = spawnProcess(argv, fileno(out), fileno(err), environment);
+  const pid_t pid = spawnProcess(argv, fileno(out.get()), fileno(err.get()), environment);
   if (pid < 0) ADD_FAILURE() << "could not start " << argv[0];
   ProcessResult result = waitProcess(pid, limit);
   if (result.hung) ADD_FAILURE() << argv[0] << " did not finish in time";
-  result.out = readAndClose(out);
-  result.err = readAndClose(err);
+  result.out = readAll(out);
+  result.err = readAll(err);
   return result;
 }
 

@@ -1,21 +1,16 @@
 #include "ZVRawServer.h"
 
 #include <netinet/tcp.h>
-#include <poll.h>
 #include <strings.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdlib>
-
-#include "ZVLoopbackSocket.h"
 
 namespace zvtest {
 
 namespace {
 
-// How often blocked loops look at the stop flag.
-constexpr int kPollMs = 20;
+constexpr auto kPoll = std::chrono::milliseconds(LoopbackListener::kPollMs);
 
 // The length of the first request in `data` once it has all arrived, else 0.
 size_t requestLength(const std::string& data) {
@@ -30,24 +25,11 @@ size_t requestLength(const std::string& data) {
 }  // namespace
 
 ZVRawServer::ZVRawServer(Scripter scripter) : scripter_(std::move(scripter)) {
-  listener_ = listenOnLoopback(port_, "raw server");
-  acceptor_ = std::thread([this] { acceptLoop(); });
-}
-
-ZVRawServer::~ZVRawServer() {
-  stopping_ = true;
-  acceptor_.join();
-  std::vector<std::thread> workers;
-  {
-    std::lock_guard lock(mutex_);
-    workers.swap(workers_);
-  }
-  for (std::thread& worker : workers) worker.join();
-  ::close(listener_);
+  listener_.start([this](int socket) { serve(socket); });
 }
 
 std::string ZVRawServer::baseURL() const {
-  return "http://127.0.0.1:" + std::to_string(port_);
+  return "http://127.0.0.1:" + std::to_string(port());
 }
 
 std::string ZVRawServer::answer(int status, std::string_view contentType, std::string_view body) {
@@ -76,25 +58,6 @@ int ZVRawServer::closedPort() {
   return port;
 }
 
-bool ZVRawServer::waitReadable(int socket) {
-  pollfd entry{socket, POLLIN, 0};
-  while (!stopping_) {
-    const int ready = ::poll(&entry, 1, kPollMs);
-    if (ready > 0) return true;
-    if (ready < 0 && errno != EINTR) return false;
-  }
-  return false;
-}
-
-void ZVRawServer::acceptLoop() {
-  while (waitReadable(listener_)) {
-    const int socket = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
-    if (socket < 0) continue;
-    std::lock_guard lock(mutex_);
-    workers_.emplace_back([this, socket] { serve(socket); });
-  }
-}
-
 void ZVRawServer::serve(int socket) {
   const int one = 1;
   ::setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
@@ -105,10 +68,10 @@ void ZVRawServer::serve(int socket) {
   char buffer[4096];
   RawScript::End end = RawScript::End::Next;
   bool peerGone = false;
-  while (end == RawScript::End::Next && !peerGone && !stopping_) {
+  while (end == RawScript::End::Next && !peerGone && !listener_.stopping()) {
     size_t length = 0;
     while ((length = requestLength(received)) == 0) {
-      if (!waitReadable(socket)) break;
+      if (!listener_.waitReadable(socket)) break;
       const ssize_t got = ::recv(socket, buffer, sizeof buffer, 0);
       if (got <= 0) break;
       received.append(buffer, static_cast<size_t>(got));
@@ -119,22 +82,21 @@ void ZVRawServer::serve(int socket) {
     }
     const RawScript script = scripter_(received.substr(0, length), ntohs(client.sin_port));
     received.erase(0, length);
-    for (auto waited = std::chrono::milliseconds(0); !stopping_ && waited < script.delay;
-         waited += std::chrono::milliseconds(kPollMs))
-      std::this_thread::sleep_for(std::chrono::milliseconds(kPollMs));
+    for (auto waited = 0 * kPoll; !listener_.stopping() && waited < script.delay; waited += kPoll)
+      std::this_thread::sleep_for(kPoll);
     end = script.end;
     const std::string& bytes = script.bytes;
     const size_t step = script.byteInterval.count() > 0 ? 1 : bytes.size();
-    for (size_t at = 0; !peerGone && at < bytes.size() && !stopping_; at += step) {
+    for (size_t at = 0; !peerGone && at < bytes.size() && !listener_.stopping(); at += step) {
       const size_t chunk = std::min(step, bytes.size() - at);
       if (::send(socket, bytes.data() + at, chunk, MSG_NOSIGNAL) != static_cast<ssize_t>(chunk))
         peerGone = true;
       // Sleep in short steps so that a stop or a vanished client ends it promptly.
-      for (auto waited = std::chrono::milliseconds(0);
-           !peerGone && !stopping_ && waited < script.byteInterval;
-           waited += std::chrono::milliseconds(kPollMs)) {
+      for (auto waited = 0 * kPoll;
+           !peerGone && !listener_.stopping() && waited < script.byteInterval; waited += kPoll) {
         pollfd entry{socket, POLLIN, 0};
-        if (::poll(&entry, 1, kPollMs) > 0 && ::recv(socket, buffer, sizeof buffer, 0) <= 0)
+        if (::poll(&entry, 1, LoopbackListener::kPollMs) > 0 &&
+            ::recv(socket, buffer, sizeof buffer, 0) <= 0)
           peerGone = true;
       }
     }
@@ -144,10 +106,9 @@ void ZVRawServer::serve(int socket) {
     const linger abort{1, 0};
     ::setsockopt(socket, SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
   } else if (end == RawScript::End::Hold) {
-    while (!peerGone && waitReadable(socket))
+    while (!peerGone && listener_.waitReadable(socket))
       if (::recv(socket, buffer, sizeof buffer, 0) <= 0) peerGone = true;
   }
-  ::close(socket);
 }
 
 }  // namespace zvtest

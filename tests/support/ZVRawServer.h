@@ -3,15 +3,12 @@
 // second, a head that lies about its length).
 #pragma once
 
-#include <atomic>
 #include <chrono>
-#include <cstddef>
 #include <functional>
-#include <mutex>
 #include <string>
 #include <string_view>
-#include <thread>
-#include <vector>
+
+#include "ZVLoopbackSocket.h"
 
 namespace zvtest {
 
@@ -52,11 +49,8 @@ class ZVRawServer {
       : ZVRawServer(
             Scripter([scripter](const std::string& request, int) { return scripter(request); })) {}
   explicit ZVRawServer(Scripter scripter);
-  ~ZVRawServer();
-  ZVRawServer(const ZVRawServer&) = delete;
-  ZVRawServer& operator=(const ZVRawServer&) = delete;
 
-  int port() const { return port_; }
+  int port() const { return listener_.port(); }
   /// "http://127.0.0.1:<port>".
   std::string baseURL() const;
 
@@ -70,17 +64,11 @@ class ZVRawServer {
   static std::string header(std::string_view raw, std::string_view name);
 
  private:
-  void acceptLoop();
   void serve(int socket);
-  bool waitReadable(int socket);
 
   const Scripter scripter_;
-  int listener_ = -1;
-  int port_ = 0;
-  std::atomic<bool> stopping_{false};
-  std::thread acceptor_;
-  std::mutex mutex_;
-  std::vector<std::thread> workers_;  // guarded by mutex_
+  // Last, so that it stops (joining the workers, which use the above) first.
+  LoopbackListener listener_{"raw server"};
 };
 
 }  // namespace zvtest

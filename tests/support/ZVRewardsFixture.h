@@ -5,17 +5,20 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
 #include <ZorvaneRewardsKit/ZorvaneRewardsKit.h>
 
 #include "ZVLoopbackServer.h"
+#include "ZVRewardsRouting.h"
 #include "ZVTestSupport.h"
 #include "http/ZVGenericRequestManager.h"
 
@@ -38,6 +41,13 @@ inline void configureService(const std::string& serviceHost,
   Zorvane::configure(configuration);
 }
 
+/// Changes the SDK's configuration as `change` says.
+inline void reconfigure(const std::function<void(ZVConfiguration&)>& change) {
+  ZVConfiguration configuration = Zorvane::configuration();
+  change(configuration);
+  Zorvane::configure(configuration);
+}
+
 /// A good answer from every endpoint of the service.
 inline LoopbackResponse serviceAnswer(const LoopbackRequest& request) {
   auto ok = [](const char* rest) {
@@ -55,29 +65,22 @@ inline LoopbackResponse serviceAnswer(const LoopbackRequest& request) {
 /// Every notification posted while it lives, in order.
 class NotificationLog {
  public:
-  NotificationLog() {
-    token_ = ZVNotificationCenter::defaultCenter()->addObserver("", nullptr,
-                                                                [this](const ZVNotification& note) {
-                                                                  std::lock_guard lock(mutex_);
-                                                                  notes_.push_back(note);
-                                                                });
-  }
-  ~NotificationLog() { ZVNotificationCenter::defaultCenter()->removeObserver(token_); }
-
   std::vector<ZVNotification> all() const {
     std::lock_guard lock(mutex_);
     return notes_;
   }
   size_t count(const std::string& name) const {
-    size_t n = 0;
-    for (const auto& note : all()) n += note.name == name;
-    return n;
+    return std::ranges::count_if(all(), [&](const auto& note) { return note.name == name; });
   }
 
  private:
   mutable std::mutex mutex_;
   std::vector<ZVNotification> notes_;
-  ZVObserverToken token_;
+  ZVObservation observation_ = ZVNotificationCenter::defaultCenter()->observe(
+      "", nullptr, [this](const ZVNotification& note) {
+        std::lock_guard lock(mutex_);
+        notes_.push_back(note);
+      });
 };
 
 /// Every line the logger writes, at the level and categories set here.
@@ -106,6 +109,15 @@ class LogCapture {
   std::vector<std::string> lines_;
 };
 
+/// A completion handler of any of the manager's types.
+struct AnyHandler {
+  std::function<void(std::shared_ptr<const ZVObject>, ZVErrorPtr)> call;
+  template <class Result>
+  void operator()(Result result, ZVErrorPtr error) const {
+    call(std::move(result), std::move(error));
+  }
+};
+
 /// What one completion handler received, and how often it ran. Handlers run
 /// on the main queue, which the test thread drains: read it once `wait` or
 /// `waitForAll` returned.
@@ -130,48 +142,71 @@ struct Outcome {
 /// The outcome of any operation.
 using Completion = Outcome<>;
 
-/// One public operation, started with a handler that reports into a Completion.
+/// Calls `start` with the handler of a fresh outcome, and waits for it.
+template <class Result = const ZVObject, class Start>
+std::unique_ptr<Outcome<Result>> await(Start start) {
+  auto outcome = std::make_unique<Outcome<Result>>();
+  start(outcome->handler());
+  EXPECT_TRUE(outcome->wait()) << "no answer in time";
+  return outcome;
+}
+
+/// A handler of the type the manager routes answers of `kind` to, reporting
+/// into `c` (the offers' type for an unknown kind).
+inline ZVAnyCompletionHandler handlerFor(const std::string& kind, Completion& c) {
+  if (kind == kKindFetchRewardOrders) return ZVOrdersCompletionHandler(c.handler());
+  if (kind == kKindPlaceOrder) return ZVOrderCompletionHandler(c.handler());
+  if (kind == kKindFetchSkillQuestion) return ZVSkillQuestionCompletionHandler(c.handler());
+  if (kind == kKindAnswerSkillQuestion) return ZVSkillChallengeCompletionHandler(c.handler());
+  return ZVOffersCompletionHandler(c.handler());
+}
+
+/// One public operation of the manager.
 struct Operation {
   const char* name;
-  std::function<void(ZVRewardsManager*, Completion&)> start;
+  const char* success;  ///< its success notification; nullptr: refused, nothing sent
+  std::function<void(ZVRewardsManager*, AnyHandler)> start;
 };
 
 /// Every public operation of the manager, each sending one request (the
 /// offers cache must be stale for the cached variants).
 inline const std::vector<Operation>& allOperations() {
+  using M = ZVRewardsManager*;
+  const char* offers = ZV_REWARDS_MANAGER_DID_FETCH_OFFERS_NOTIFICATION;
   static const std::vector<Operation> operations = {
-      {"fetchOffers",
-       [](auto* m, Completion& c) { m->fetchOffersWithCompletionHandler(c.handler()); }},
-      {"fetchOffersWithLocale",
-       [](auto* m, Completion& c) { m->fetchOffersWithLocale(ZVLocale("fr_CA"), c.handler()); }},
-      {"forceFetchOffers",
-       [](auto* m, Completion& c) {
-         m->forceFetchOffersWithLocale(ZVLocale("en_US"), c.handler());
-       }},
-      {"fetchOrders",
-       [](auto* m, Completion& c) { m->fetchOrdersWithCompletionHandler(c.handler()); }},
-      {"placeOrder",
-       [](auto* m, Completion& c) {
-         m->placeOrder(ZVOrderRequest::initWithOfferID("101", 1), c.handler());
-       }},
-      {"fetchSkillQuestion",
-       [](auto* m, Completion& c) { m->fetchSkillQuestionWithCompletionHandler(c.handler()); }},
-      {"answerSkillQuestion",
-       [](auto* m, Completion& c) {
-         m->answerSkillQuestionForOfferID("101", "q1", ZVJSONValue("42"), c.handler());
+      {"fetchOffers", offers, [](M m, AnyHandler h) { m->fetchOffersWithCompletionHandler(h); }},
+      {"fetchOffersWithLocale", offers,
+       [](M m, AnyHandler h) { m->fetchOffersWithLocale(ZVLocale("fr_CA"), h); }},
+      {"forceFetchOffers", offers,
+       [](M m, AnyHandler h) { m->forceFetchOffersWithLocale(ZVLocale("en_US"), h); }},
+      {"fetchOrders", ZV_REWARDS_MANAGER_DID_FETCH_ORDERS_NOTIFICATION,
+       [](M m, AnyHandler h) { m->fetchOrdersWithCompletionHandler(h); }},
+      {"placeOrder", ZV_REWARDS_MANAGER_DID_PLACE_ORDER_NOTIFICATION,
+       [](M m, AnyHandler h) { m->placeOrder(ZVOrderRequest::initWithOfferID("101", 1), h); }},
+      {"fetchSkillQuestion", ZV_REWARDS_MANAGER_DID_FETCH_SKILL_QUESTION_NOTIFICATION,
+       [](M m, AnyHandler h) { m->fetchSkillQuestionWithCompletionHandler(h); }},
+      {"answerSkillQuestion", ZV_REWARDS_MANAGER_DID_ANSWER_SKILL_QUESTION_NOTIFICATION,
+       [](M m, AnyHandler h) {
+         m->answerSkillQuestionForOfferID("101", "q1", ZVJSONValue("42"), h);
        }},
   };
   return operations;
 }
 
+/// The operation of that name in `allOperations`.
+inline const Operation& operation(std::string_view name) {
+  for (const Operation& operation : allOperations())
+    if (operation.name == name) return operation;
+  throw std::invalid_argument("no operation " + std::string(name));
+}
+
 /// Every operation, plus calls that fail validation and send nothing.
 inline std::vector<Operation> allOperationsAndRefusals() {
   std::vector<Operation> operations = allOperations();
-  operations.push_back({"placeOrder without order",
-                        [](auto* m, Completion& c) { m->placeOrder(nullptr, c.handler()); }});
-  operations.push_back({"answer without offer id", [](auto* m, Completion& c) {
-                          m->answerSkillQuestionForOfferID(std::nullopt, "q", ZVJSONValue("a"),
-                                                           c.handler());
+  operations.push_back({"placeOrder without order", nullptr,
+                        [](auto* m, AnyHandler h) { m->placeOrder(nullptr, h); }});
+  operations.push_back({"answer without offer id", nullptr, [](auto* m, AnyHandler h) {
+                          m->answerSkillQuestionForOfferID(std::nullopt, "q", ZVJSONValue("a"), h);
                         }});
   return operations;
 }
@@ -183,7 +218,7 @@ inline Completions startAll(const std::vector<Operation>& operations) {
   Completions completions;
   for (const Operation& operation : operations) {
     completions.push_back(std::make_unique<Completion>());
-    operation.start(ZVRewardsManager::instance(), *completions.back());
+    operation.start(ZVRewardsManager::instance(), {completions.back()->handler()});
   }
   return completions;
 }
@@ -194,10 +229,8 @@ inline bool waitForAll(Completions& completions,
                        std::chrono::milliseconds timeout = std::chrono::seconds(20)) {
   const bool done = drainUntil(
       [&] {
-        if (ZVGenericRequestManager::instance()->requestsInFlight() != 0) return false;
-        for (const auto& c : completions)
-          if (c->calls.load() == 0) return false;
-        return true;
+        return ZVGenericRequestManager::instance()->requestsInFlight() == 0 &&
+               std::ranges::all_of(completions, [](const auto& c) { return c->calls > 0; });
       },
       timeout);
   // A second, wrong call would have been queued by now.
