@@ -95,13 +95,8 @@ const std::string kDeeper = std::string(509, '[') + std::string(509, ']');
 
 // `n` records of the record limit: 256 offers of 255 options each.
 std::string optionsTree(size_t offers) {
-  std::string out;
-  for (size_t i = 0; i < offers; ++i) {
-    out += i == 0 ? R"({"options":[)" : R"(,{"options":[)";
-    for (int j = 0; j < 255; ++j) out += j == 0 ? "{}" : ",{}";
-    out += "]}";
-  }
-  return out;
+  const std::string offer = R"({"options":[)" + repeat("{}", 3 * 255 - 1) + "]}";
+  return repeat(offer, (offer.size() + 1) * offers - 1);
 }
 
 struct Shape {

@@ -60,7 +60,6 @@ TEST(SecurityTest, HostileIdsStayInTheirSlotOfTheirEndpoint) {
   ids.insert(ids.end(), {"a\r\nX-Injected: 1", "a\nb", "\t", "a\x01\x7f", "\xc3\xa9\xff"});
   ids.emplace_back("a\0b", 3);
   ids.emplace_back("5/challenges/skills_test_questions");
-  ZVRewardsManager* manager = ZVRewardsManager::instance();
   const std::string root = "/api/v1/apps/app/offers/";
   for (const std::string& id : ids) {
     for (const bool order : {true, false}) {

@@ -5,7 +5,6 @@
 
 #include <cstring>
 #include <filesystem>
-#include <map>
 #include <stdexcept>
 #include <string_view>
 
@@ -106,7 +105,7 @@ struct HTTP2Session {
     else if (key == ":path")
       request.path = std::move(text);
     else if (!key.starts_with(':'))
-      request.headers.emplace_back(key, std::move(text));
+      request.headers.emplace(key, std::move(text));
     return 0;
   }
 
@@ -115,12 +114,6 @@ struct HTTP2Session {
     return 0;
   }
 };
-
-std::string HTTP2Request::header(const std::string& name) const {
-  for (const auto& [key, value] : headers)
-    if (key == name) return value;
-  return "";
-}
 
 ZVHTTP2Server::ZVHTTP2Server(std::function<HTTP2Reply(const HTTP2Request&)> handler)
     : handler_(std::move(handler)) {

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cstddef>
 #include <functional>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -18,9 +19,12 @@ namespace zvtest {
 struct HTTP2Request {
   std::string method;
   std::string path;
-  std::vector<std::pair<std::string, std::string>> headers;  ///< names in lower case
-  /// The first header of that (lower-case) name, or "".
-  std::string header(const std::string& name) const;
+  std::map<std::string, std::string> headers;  ///< names in lower case; the first of each
+  /// The header of that (lower-case) name, or "".
+  std::string header(const std::string& name) const {
+    const auto found = headers.find(name);
+    return found == headers.end() ? "" : found->second;
+  }
 };
 
 /// What the HTTP/2 server does with one request.

@@ -52,8 +52,6 @@ class LoopbackListener {
   explicit LoopbackListener(const std::string& server)
       : listener_(listenOnLoopback(port_, server)) {}
   ~LoopbackListener() { stop(); }
-  LoopbackListener(const LoopbackListener&) = delete;
-  LoopbackListener& operator=(const LoopbackListener&) = delete;
 
   int port() const { return port_; }
   bool stopping() const { return stopping_; }

@@ -41,13 +41,10 @@ class ZVRawServer {
   using Scripter = std::function<RawScript(const std::string& request, int clientPort)>;
 
   explicit ZVRawServer(RawScript script)
-      : ZVRawServer([script](const std::string&) { return script; }) {}
+      : ZVRawServer([script](const std::string&, int) { return script; }) {}
   /// Answers each request (head and body, as received) with the script that
   /// `scripter` makes of it; a script ending in `Next` keeps the connection
   /// for the next request. Called on the connections' threads.
-  explicit ZVRawServer(std::function<RawScript(const std::string& request)> scripter)
-      : ZVRawServer(
-            Scripter([scripter](const std::string& request, int) { return scripter(request); })) {}
   explicit ZVRawServer(Scripter scripter);
 
   int port() const { return listener_.port(); }
