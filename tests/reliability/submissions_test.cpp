@@ -42,9 +42,9 @@ class OrderService {
         if (fault == Fault::Unavailable)
           return RawScript{ZVRawServer::answer(503, "", ""), {}, RawScript::End::Close};
         if (fault != Fault::None) return RawScript{"", {}, RawScript::End::Close};
-        std::string answer = ZVRawServer::answer(200, "application/json", kOrderAnswer);
-        answer.replace(answer.find("Connection: close"), 17, "Connection: keep-alive");
-        return RawScript{answer, {}, RawScript::End::Next};
+        return RawScript{ZVRawServer::answer(200, "application/json", kOrderAnswer, false),
+                         {},
+                         RawScript::End::Next};
       });
       host_ = raw_->baseURL();
     } else {

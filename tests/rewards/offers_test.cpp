@@ -1,6 +1,5 @@
 // Offer catalogue: requests, cache, answers and deliveries, end to end
 // through the libcurl transport to a loopback server.
-#include <cmath>
 #include <cstdlib>
 #include <limits>
 
@@ -33,7 +32,7 @@ TEST_F(OffersTest, FirstFetchSendsLocaleAndDeliversRecordsInOrder) {
   answer(kTwoOffers);
   Outcome<const ZVOfferArray> outcome;
   std::vector<std::string> order;
-  auto token = ZVNotificationCenter::defaultCenter()->addObserver(
+  const ZVObservation observation = ZVNotificationCenter::defaultCenter()->observe(
       ZV_REWARDS_MANAGER_DID_FETCH_OFFERS_NOTIFICATION, manager(),
       [&](const ZVNotification&) { order.push_back("notification"); });
   manager()->fetchOffersWithLocale(ZVLocale("fr_CA.UTF-8"),
@@ -43,7 +42,6 @@ TEST_F(OffersTest, FirstFetchSendsLocaleAndDeliversRecordsInOrder) {
                                    });
   EXPECT_EQ(outcome.calls, 0) << "never delivered from inside the call";
   ASSERT_TRUE(outcome.wait());
-  ZVNotificationCenter::defaultCenter()->removeObserver(token);
 
   auto requests = server.requests();
   ASSERT_EQ(requests.size(), 1u);

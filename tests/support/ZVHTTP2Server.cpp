@@ -8,7 +8,6 @@
 #include <stdexcept>
 #include <string_view>
 
-#include <netinet/tcp.h>
 #include <nghttp2/nghttp2.h>
 #include <openssl/err.h>
 #include <openssl/ssl.h>
@@ -162,8 +161,6 @@ void ZVHTTP2Server::serve(int socket) {
   sigemptyset(&pipe);
   sigaddset(&pipe, SIGPIPE);
   pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
-  const int one = 1;
-  ::setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
   SSL* ssl = SSL_new(context_);
   HTTP2Session state{*this, {}};
   nghttp2_session* session = nullptr;

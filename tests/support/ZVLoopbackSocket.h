@@ -4,6 +4,7 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -58,7 +59,8 @@ class LoopbackListener {
   /// Connections accepted so far.
   size_t connections() const { return connections_; }
 
-  /// `serve` runs on each connection's thread; the socket closes once it returns.
+  /// `serve` runs on each connection's thread (the socket sends without
+  /// delay, and closes once it returns).
   void start(std::function<void(int socket)> serve) {
     serve_ = std::move(serve);
     acceptor_ = std::thread([this] {
@@ -73,6 +75,8 @@ class LoopbackListener {
           break;
         }
         ++connections_;
+        const int one = 1;
+        ::setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
         open_.insert(socket);
         workers_.emplace_back([this, socket] {
           serve_(socket);

@@ -51,9 +51,10 @@ class ZVRawServer {
   /// "http://127.0.0.1:<port>".
   std::string baseURL() const;
 
-  /// A complete HTTP/1.1 answer with a Content-Length and "Connection: close";
-  /// an empty `contentType` sends none.
-  static std::string answer(int status, std::string_view contentType, std::string_view body);
+  /// A complete HTTP/1.1 answer with a Content-Length and, when `close`,
+  /// "Connection: close"; an empty `contentType` sends none.
+  static std::string answer(int status, std::string_view contentType, std::string_view body,
+                            bool close = true);
   /// A port on 127.0.0.1 on which nothing listens (bound, then released).
   static int closedPort();
   /// The value of the first header of that name (case-insensitive) in a raw
