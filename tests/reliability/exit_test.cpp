@@ -5,7 +5,6 @@
 // the runs), and every run must end with status 0 within a time limit.
 // ZV_EXIT_RUNS sets the runs per scenario.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include <cstdlib>
 #include <string>
@@ -53,11 +52,9 @@ TEST_P(ExitTest, EveryRunEndsCleanlyAndInTime) {
     for (std::string& arg : argv)
       if (arg == "HOST") arg = scenario.answering ? answering.baseURL() : silent.baseURL();
     const ProcessResult child = runProcess(argv, std::chrono::seconds(30), environment);
-    ASSERT_FALSE(child.hung) << "run " << run << " hung\n" << child.err;
-    ASSERT_TRUE(WIFEXITED(child.status))
-        << "run " << run << " killed by signal " << WTERMSIG(child.status) << "\n"
-        << child.err;
-    ASSERT_EQ(child.exitCode(), 0) << "run " << run << "\n" << child.err;
+    // Not 0 when it hung, was killed by a signal or failed.
+    ASSERT_EQ(child.exitCode(), 0) << "run " << run << ", wait status " << child.status << "\n"
+                                   << child.err;
   }
 }
 
