@@ -27,11 +27,11 @@ TEST(ManagerUtilsTest, PostsTheFailureThenRunsTheStepOnceOnTheMainQueue) {
   Sender sender;
   auto error = std::make_shared<ZVError>(2, ZVErrorValidationNoOfferID, "missing");
   std::vector<std::string> events;
-  auto* center = ZVNotificationCenter::defaultCenter();
-  auto token = center->addObserver("test.failure", &sender, [&](const ZVNotification& n) {
-    auto it = n.userInfo.find(ZV_MANAGER_NOTIFICATION_ERROR_KEY);
-    events.push_back(it != n.userInfo.end() && it->second == error ? "notified" : "bad info");
-  });
+  const ZVObservation observation =
+      ZVNotificationCenter::defaultCenter()->observe("test.failure", &sender, [&](auto& n) {
+        auto it = n.userInfo.find(ZV_MANAGER_NOTIFICATION_ERROR_KEY);
+        events.push_back(it != n.userInfo.end() && it->second == error ? "notified" : "bad info");
+      });
   using Handler = std::function<void(int)>;
   auto fail = [&](Handler handler) {
     ZVPManagerUtils::callDidFailWithError<Handler>(
@@ -47,7 +47,6 @@ TEST(ManagerUtilsTest, PostsTheFailureThenRunsTheStepOnceOnTheMainQueue) {
   EXPECT_TRUE(events.empty());  // nothing inline
   EXPECT_TRUE(zvtest::drainUntil([&] { return events.size() >= 5; }));
   ZVMainQueue::shared()->drain();
-  center->removeObserver(token);
   EXPECT_EQ(events, (std::vector<std::string>{"notified", "step", "handler", "notified", "step"}));
 }
 

@@ -16,7 +16,6 @@
 namespace {
 
 using namespace std::chrono_literals;
-using zvtest::LoopbackResponse;
 using zvtest::ZVLoopbackServer;
 
 constexpr const char* kToken = "tok-SECRET-42";
@@ -31,29 +30,27 @@ struct Call {
 };
 
 // Records callbacks; every wait is bounded.
-class Recorder {
- public:
+struct Recorder {
+  std::mutex mutex;
+  std::vector<Call> calls;  // guarded by mutex
+
   ZVRequestCallback callback() {
     return [this](const std::string& kind, std::shared_ptr<ZVGenericResponse> response,
                   ZVErrorPtr error, ZVDictionaryPtr body) {
-      std::lock_guard lock(mutex_);
-      calls_.push_back({kind, std::move(response), std::move(error), std::move(body),
-                        std::this_thread::get_id()});
+      std::lock_guard lock(mutex);
+      calls.push_back({kind, std::move(response), std::move(error), std::move(body),
+                       std::this_thread::get_id()});
     };
   }
-  // The calls once `count` arrived and the manager holds no request any more.
-  std::vector<Call> waitFor(size_t count) {
+  // The calls once one arrived and the manager holds no request any more.
+  std::vector<Call> wait() {
     zvtest::drainUntil([&] {
-      std::lock_guard lock(mutex_);
-      return calls_.size() >= count && ZVGenericRequestManager::instance()->requestsInFlight() == 0;
+      std::lock_guard lock(mutex);
+      return !calls.empty() && ZVGenericRequestManager::instance()->requestsInFlight() == 0;
     });
-    std::lock_guard lock(mutex_);
-    return calls_;
+    std::lock_guard lock(mutex);
+    return calls;
   }
-
- private:
-  std::mutex mutex_;
-  std::vector<Call> calls_;
 };
 
 std::shared_ptr<ZVGenericRequest> makeRequest(
@@ -88,7 +85,7 @@ class TransportTest : public ::testing::Test {
   Call sendOne(std::shared_ptr<ZVGenericRequest> request) {
     Recorder recorder;
     ZVGenericRequestManager::instance()->sendRequest(std::move(request), recorder.callback());
-    std::vector<Call> calls = recorder.waitFor(1);
+    std::vector<Call> calls = recorder.wait();
     EXPECT_EQ(calls.size(), 1u) << "the callback must run exactly once";
     return calls.empty() ? Call{} : calls.front();
   }
@@ -261,7 +258,7 @@ TEST_F(TransportTest, ReplacingTheTransportFailsRequestsInFlight) {
   ZVGenericRequestManager::instance()->sendRequest(makeRequest(0, kOffersURL), recorder.callback());
   ASSERT_TRUE(server_.waitForRequests(1));
   ZVGenericRequestManager::instance()->setTransport(ZVMakeCurlTransport());
-  const std::vector<Call> calls = recorder.waitFor(1);
+  const std::vector<Call> calls = recorder.wait();
   ASSERT_EQ(calls.size(), 1u);
   ASSERT_NE(calls[0].error, nullptr);
   EXPECT_EQ(calls[0].error->type(), ZVErrorTypeTransport);
@@ -296,7 +293,9 @@ TEST_F(TransportTest, HTTP2SixteenInFlightShareOneMultiplexedConnection) {
   constexpr int kTotal = 64;
   constexpr int kInFlight = 16;
   constexpr const char* kBody = R"({"status":"ok","offers":[]})";
-  zvtest::ZVHTTP2Server server(kBody);
+  zvtest::ZVHTTP2Server server([&](const zvtest::HTTP2Request&) {
+    return zvtest::HTTP2Reply{200, kBody};
+  });
   auto log = std::make_shared<AnswerLog>(ZVMakeCurlTransport());
   ZVConfiguration config = Zorvane::configuration();
   config.serviceHost = server.baseURL();

@@ -10,8 +10,7 @@
 
 namespace {
 
-using zvtest::dict;
-using zvtest::json;
+using namespace zvtest;
 
 TEST(OfferTest, MugOfferIsConsumedAndLeavesUnknownKeys) {
   auto input = dict(R"({"id": "42", "name": "Mug", "points": "150", "weight": 3,

@@ -8,8 +8,7 @@
 
 namespace {
 
-using zvtest::dict;
-using zvtest::json;
+using namespace zvtest;
 
 TEST(OrderTest, WrappedOrderLeavesItsRemainsInTheOuterExtras) {
   auto input = dict(R"({"order": {"id": "7", "offer_id": "12", "status": "approved",

@@ -10,8 +10,7 @@
 
 namespace {
 
-using zvtest::dict;
-using zvtest::json;
+using namespace zvtest;
 
 TEST(SkillQuestionTest, InnerObjectIsConsumedAndStaysInExtras) {
   auto input = dict(R"({"skills_test_question": {"id": 42, "question": 7, "hint": "sum"},

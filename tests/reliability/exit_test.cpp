@@ -13,6 +13,7 @@
 #include "ZVLoopbackServer.h"
 #include "ZVProcess.h"
 #include "ZVRawServer.h"
+#include "ZVTestSupport.h"
 
 extern char** environ;
 
@@ -39,9 +40,8 @@ TEST_P(ExitTest, EveryRunEndsCleanlyAndInTime) {
     const char* asan = std::getenv("ASAN_OPTIONS");
     environment.push_back("ASAN_OPTIONS=" + std::string(asan ? asan : "") + ":detect_leaks=0");
   }
-  const char* runsSet = std::getenv("ZV_EXIT_RUNS");
-  const int runs = runsSet != nullptr && std::atoi(runsSet) > 0 ? std::atoi(runsSet) : 25;
-  for (int run = 0; run < runs; ++run) {
+  const size_t runs = envOr("ZV_EXIT_RUNS", 25);
+  for (size_t run = 0; run < runs; ++run) {
     // One server never answers (requests stay in flight); the other answers at
     // once (deliveries keep arriving on the main queue).
     ZVRawServer silent({.bytes = "", .end = RawScript::End::Hold});

@@ -4,7 +4,6 @@
 #include <ZVSandbox.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <filesystem>
 #include <set>
 #include <thread>
@@ -15,11 +14,6 @@ using namespace zvtest;
 using namespace std::chrono_literals;
 
 namespace {
-
-size_t envOr(const char* name, size_t fallback) {
-  const char* value = std::getenv(name);
-  return value && *value ? std::strtoull(value, nullptr, 10) : fallback;
-}
 
 // Open descriptors and threads of this process.
 std::pair<size_t, size_t> resourcesNow() {

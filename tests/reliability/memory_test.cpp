@@ -26,9 +26,7 @@ using namespace zvtest;
 
 namespace {
 
-const size_t kLimit = std::getenv("ZV_MEMORY_LIMIT_MB") != nullptr
-                          ? std::strtoull(std::getenv("ZV_MEMORY_LIMIT_MB"), nullptr, 10) << 20
-                          : ZVConfiguration{}.maxResponseBytes;
+const size_t kLimit = envOr("ZV_MEMORY_LIMIT_MB", ZVConfiguration{}.maxResponseBytes >> 20) << 20;
 // What the decoding of one answer may add to a host's resident memory, in
 // times the limit (docs/reliability.md).
 constexpr double kBoundTimesLimit = 13;

@@ -55,25 +55,20 @@ AnyHandler probe(std::shared_ptr<int> token, std::atomic<int>& calls, bool throw
   }};
 }
 
-class LifetimesTest : public ::testing::Test {
+// The manager's fixture, with a transport that holds every exchange.
+class LifetimesTest : public RewardsTest {
  protected:
   void SetUp() override {
-    configureService("http://127.0.0.1:9");  // never reached: the held transport answers
+    RewardsTest::SetUp();
     Zorvane::setTransport(transport);
-    manager()->setRefreshInterval(ZVBaseManager::kDefaultRefreshInterval);
-    manager()->resetData();
-    ZVMainQueue::shared()->drain();
   }
   void TearDown() override {
     Zorvane::cancelAllOperations();
     transport->answer(503, "{}");
-    ZVMainQueue::shared()->drain();
-    Zorvane::setTransport(nullptr);
     Zorvane::setHostExceptionHandler({});
-    ZVClock::setSource({});
+    RewardsTest::TearDown();  // and a transport of its own again
     manager()->resetData();
   }
-  static ZVRewardsManager* manager() { return ZVRewardsManager::instance(); }
 
   std::shared_ptr<HeldTransport> transport = std::make_shared<HeldTransport>();
 };

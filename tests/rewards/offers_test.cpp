@@ -23,9 +23,6 @@ class OffersTest : public RewardsTest {
         [&](auto h) { manager()->forceFetchOffersWithLocale(locale, h); });
   }
   void fetchFresh(const char* body = kTwoOffers) { ASSERT_TRUE(fetch(body)->result); }
-  void setClock(double t) {
-    ZVClock::setSource([t] { return t; });
-  }
 };
 
 TEST_F(OffersTest, FirstFetchSendsLocaleAndDeliversRecordsInOrder) {
@@ -87,14 +84,14 @@ TEST_F(OffersTest, CacheFreshnessFollowsTheRefreshInterval) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     manager()->resetData();
-    setClock(1'000'000.0);
+    ZVClock::setSource([] { return 1'000'000.0; });
     fetchFresh(c.cachedBody);
     ASSERT_EQ(manager()->lastRefreshTime(), 1'000'000.0);
     const ZVOfferArrayPtr cached = manager()->offers();
     const size_t before = server.requestCount();
 
     manager()->setRefreshInterval(c.interval);
-    setClock(1'000'000.0 + c.age);
+    ZVClock::setSource([&] { return 1'000'000.0 + c.age; });
     if (c.sends) answer(kTwoOffers);
     // Another locale than the cached list's: the cache does not look at it.
     const auto outcome = await<const ZVOfferArray>([&](auto h) {

@@ -54,11 +54,6 @@ struct HTTP2Reply {
 /// Every member is safe from any thread.
 class ZVHTTP2Server {
  public:
-  /// Answers every request with status 200 and `body`.
-  explicit ZVHTTP2Server(std::string body = "{}")
-      : ZVHTTP2Server([body](const HTTP2Request&) {
-          return HTTP2Reply{200, body};
-        }) {}
   /// `handler` is called on the connections' threads once a request's stream has ended.
   explicit ZVHTTP2Server(std::function<HTTP2Reply(const HTTP2Request&)> handler);
   ~ZVHTTP2Server();
