@@ -91,17 +91,14 @@ TEST_F(OffersTest, CacheFreshnessFollowsTheRefreshInterval) {
     const size_t before = server.requestCount();
 
     manager()->setRefreshInterval(c.interval);
-    ZVClock::setSource([&] { return 1'000'000.0 + c.age; });
+    ZVClock::setSource([t = 1'000'000.0 + c.age] { return t; });
     if (c.sends) answer(kTwoOffers);
     // Another locale than the cached list's: the cache does not look at it.
     const auto outcome = await<const ZVOfferArray>([&](auto h) {
       manager()->fetchOffersWithLocale(ZVLocale(c.force ? "en_US" : "de_DE"), c.force, h);
     });
     EXPECT_EQ(server.requestCount() - before, c.sends ? 1u : 0u);
-    if (!c.sends) {
-      EXPECT_EQ(outcome->result, cached) << "a hit shares the cached records";
-    }
-    manager()->setRefreshInterval(ZVBaseManager::kDefaultRefreshInterval);
+    EXPECT_TRUE(c.sends || outcome->result == cached) << "a hit shares the cached records";
   }
 }
 
