@@ -1,7 +1,9 @@
+#include <ZorvaneCoreKit/ZVAddress.h>
 #include <ZorvaneCoreKit/ZVBaseManager.h>
 #include <ZorvaneCoreKit/ZVClock.h>
 #include <ZorvaneCoreKit/ZVError.h>
 #include <ZorvaneCoreKit/ZVIdentity.h>
+#include <ZorvaneCoreKit/ZVJSON.h>
 #include <ZorvaneCoreKit/ZVMainQueue.h>
 #include "runtime/ZVPManagerUtils.h"
 
@@ -27,11 +29,11 @@ TEST(ManagerUtilsTest, PostsTheFailureThenRunsTheStepOnceOnTheMainQueue) {
   Sender sender;
   auto error = std::make_shared<ZVError>(2, ZVErrorValidationNoOfferID, "missing");
   std::vector<std::string> events;
-  auto* center = ZVNotificationCenter::defaultCenter();
-  auto token = center->addObserver("test.failure", &sender, [&](const ZVNotification& n) {
-    auto it = n.userInfo.find(ZV_MANAGER_NOTIFICATION_ERROR_KEY);
-    events.push_back(it != n.userInfo.end() && it->second == error ? "notified" : "bad info");
-  });
+  const ZVObservation observation =
+      ZVNotificationCenter::defaultCenter()->observe("test.failure", &sender, [&](auto& n) {
+        auto it = n.userInfo.find(ZV_MANAGER_NOTIFICATION_ERROR_KEY);
+        events.push_back(it != n.userInfo.end() && it->second == error ? "notified" : "bad info");
+      });
   using Handler = std::function<void(int)>;
   auto fail = [&](Handler handler) {
     ZVPManagerUtils::callDidFailWithError<Handler>(
@@ -47,7 +49,6 @@ TEST(ManagerUtilsTest, PostsTheFailureThenRunsTheStepOnceOnTheMainQueue) {
   EXPECT_TRUE(events.empty());  // nothing inline
   EXPECT_TRUE(zvtest::drainUntil([&] { return events.size() >= 5; }));
   ZVMainQueue::shared()->drain();
-  center->removeObserver(token);
   EXPECT_EQ(events, (std::vector<std::string>{"notified", "step", "handler", "notified", "step"}));
 }
 
@@ -75,6 +76,32 @@ TEST(ClockTest, SourceIsReplaceableAndRestorable) {
   EXPECT_EQ(ZVClock::now(), 42.5);
   ZVClock::setSource({});
   EXPECT_GT(ZVClock::now(), 1.6e9);
+}
+
+TEST(AddressTest, ConsumesItsKeysAndKeepsTheRestAsExtras) {
+  auto dict = ZVJSONParse(R"({"name":"Ann","street1":"1 Main","city":"Lyon","postal_code":69001,
+      "country":"FR","phone":null,"floor":3,"note":null})")
+                  .value.dictionary();
+  ASSERT_TRUE(dict);
+  auto address = ZVAddress::initMutableWithDictionary(dict);
+  EXPECT_EQ(address->postalCode, "69001");
+  EXPECT_EQ(address->street2, std::nullopt);
+  EXPECT_EQ(address->phone, std::nullopt);
+  EXPECT_EQ(address->extras, dict);
+  EXPECT_EQ(dict->allKeys(), std::vector<std::string>{"floor"});
+  EXPECT_EQ(address->description(), "\rName: Ann\rCity: Lyon\rCountry: FR");
+
+  std::string out;
+  ASSERT_TRUE(ZVJSONSerialize(address->asDictionary(), false, out));
+  EXPECT_EQ(
+      out,
+      R"({"name":"Ann","street1":"1 Main","city":"Lyon","postal_code":"69001","country":"FR"})");
+
+  for (const auto& empty : {ZVAddress::initMutableWithDictionary(ZVDictionaryPtr()),
+                            ZVAddress::initMutableWithDictionary(ZVJSONValue("text"))}) {
+    EXPECT_EQ(empty->description(), "\rName: (null)\rCity: (null)\rCountry: (null)");
+    EXPECT_TRUE(empty->asDictionary()->empty());
+  }
 }
 
 }  // namespace

@@ -16,7 +16,6 @@
 namespace {
 
 using namespace std::chrono_literals;
-using zvtest::LoopbackResponse;
 using zvtest::ZVLoopbackServer;
 
 constexpr const char* kToken = "tok-SECRET-42";
@@ -31,29 +30,27 @@ struct Call {
 };
 
 // Records callbacks; every wait is bounded.
-class Recorder {
- public:
+struct Recorder {
+  std::mutex mutex;
+  std::vector<Call> calls;  // guarded by mutex
+
   ZVRequestCallback callback() {
     return [this](const std::string& kind, std::shared_ptr<ZVGenericResponse> response,
                   ZVErrorPtr error, ZVDictionaryPtr body) {
-      std::lock_guard lock(mutex_);
-      calls_.push_back({kind, std::move(response), std::move(error), std::move(body),
-                        std::this_thread::get_id()});
+      std::lock_guard lock(mutex);
+      calls.push_back({kind, std::move(response), std::move(error), std::move(body),
+                       std::this_thread::get_id()});
     };
   }
-  // The calls once `count` arrived and the manager holds no request any more.
-  std::vector<Call> waitFor(size_t count) {
+  // The calls once one arrived and the manager holds no request any more.
+  std::vector<Call> wait() {
     zvtest::drainUntil([&] {
-      std::lock_guard lock(mutex_);
-      return calls_.size() >= count && ZVGenericRequestManager::instance()->requestsInFlight() == 0;
+      std::lock_guard lock(mutex);
+      return !calls.empty() && ZVGenericRequestManager::instance()->requestsInFlight() == 0;
     });
-    std::lock_guard lock(mutex_);
-    return calls_;
+    std::lock_guard lock(mutex);
+    return calls;
   }
-
- private:
-  std::mutex mutex_;
-  std::vector<Call> calls_;
 };
 
 std::shared_ptr<ZVGenericRequest> makeRequest(
@@ -88,7 +85,7 @@ class TransportTest : public ::testing::Test {
   Call sendOne(std::shared_ptr<ZVGenericRequest> request) {
     Recorder recorder;
     ZVGenericRequestManager::instance()->sendRequest(std::move(request), recorder.callback());
-    std::vector<Call> calls = recorder.waitFor(1);
+    std::vector<Call> calls = recorder.wait();
     EXPECT_EQ(calls.size(), 1u) << "the callback must run exactly once";
     return calls.empty() ? Call{} : calls.front();
   }
@@ -202,37 +199,32 @@ std::string resolve(const char* host, bool allowHTTP, const char* appID, const s
 }
 
 TEST(ResolveURLTest, EncodesPathValuesAndRefusesBadConfigurations) {
+  using V = std::vector<std::string>;
   const ZVConfiguration saved = Zorvane::configuration();
   const struct {
     const char* url;
-    std::vector<std::string> values;  // its "%@" segments
-    const char* expected;             // the URL, or the error
+    V values;              // its "%@" segments
+    const char* expected;  // the URL, or the error
   } paths[] = {
       {"https://:host/apps/:appid/offers", {}, "https://r.example.com/apps/a%2Fb%3F/offers"},
       {"https://:host/o/%@", {"a b%20c?d#e"}, "https://r.example.com/o/a%20b%2520c%3Fd%23e"},
-      {"https://:host/o/%@/x",
-       {"\xC3\xA9\t\n:@!$&'()*+,;=~"},
+      {"https://:host/o/%@/x", V{"\xC3\xA9\t\n:@!$&'()*+,;=~"},
        "https://r.example.com/o/%C3%A9%09%0A:@!$&'()*+,;=~/x"},
       // An id is one segment: it cannot reach another endpoint.
-      {"https://:host/offers/%@/orders",
-       {"5/challenges/skills_test_questions"},
+      {"https://:host/offers/%@/orders", V{"5/challenges/skills_test_questions"},
        "https://r.example.com/offers/5%2Fchallenges%2Fskills_test_questions/orders"},
       {"https://:host/o/%@/%@", {"", "..."}, "https://r.example.com/o//..."},
       {"https://:host/apps/:appid/%@", {":appid"}, "https://r.example.com/apps/a%2Fb%3F/:appid"},
       // Dot segments are folded away even when encoded: refused, not sent.
-      {"https://:host/o/%@/orders",
-       {".."},
+      {"https://:host/o/%@/orders", V{".."},
        "the path value \"..\" is a dot segment and cannot be sent as an id"},
-      {"https://:host/o/%@/orders",
-       {"."},
+      {"https://:host/o/%@/orders", V{"."},
        "the path value \".\" is a dot segment and cannot be sent as an id"},
       {"https://:host/o/%@/%@", {"1"}, "the request URL has more \"%@\" segments than path values"},
       {"https://:host/o", {"1"}, "the request has more path values than \"%@\" segments"},
-      {"https://:hostevil.com/x",
-       {},
+      {"https://:hostevil.com/x", V{},
        "request URL of kKindTest does not start with \"https://:host/\""},
-      {"https://other.example.com/x",
-       {},
+      {"https://other.example.com/x", V{},
        "request URL of kKindTest does not start with \"https://:host/\""},
   };
   for (const auto& c : paths)
@@ -266,7 +258,7 @@ TEST_F(TransportTest, ReplacingTheTransportFailsRequestsInFlight) {
   ZVGenericRequestManager::instance()->sendRequest(makeRequest(0, kOffersURL), recorder.callback());
   ASSERT_TRUE(server_.waitForRequests(1));
   ZVGenericRequestManager::instance()->setTransport(ZVMakeCurlTransport());
-  const std::vector<Call> calls = recorder.waitFor(1);
+  const std::vector<Call> calls = recorder.wait();
   ASSERT_EQ(calls.size(), 1u);
   ASSERT_NE(calls[0].error, nullptr);
   EXPECT_EQ(calls[0].error->type(), ZVErrorTypeTransport);
@@ -301,7 +293,9 @@ TEST_F(TransportTest, HTTP2SixteenInFlightShareOneMultiplexedConnection) {
   constexpr int kTotal = 64;
   constexpr int kInFlight = 16;
   constexpr const char* kBody = R"({"status":"ok","offers":[]})";
-  zvtest::ZVHTTP2Server server(kBody);
+  zvtest::ZVHTTP2Server server([&](const zvtest::HTTP2Request&) {
+    return zvtest::HTTP2Reply{200, kBody};
+  });
   auto log = std::make_shared<AnswerLog>(ZVMakeCurlTransport());
   ZVConfiguration config = Zorvane::configuration();
   config.serviceHost = server.baseURL();

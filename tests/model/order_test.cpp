@@ -1,5 +1,10 @@
+// Orders as the service describes them, the request that places one, and
+// the error made of the service's refusal.
 #include <ZorvaneRewardsKit/ZVOrder.h>
+#include <ZorvaneRewardsKit/ZVOrderRequest.h>
+#include <ZorvaneRewardsKit/ZVRewardsError.h>
 
+#include <optional>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -8,8 +13,7 @@
 
 namespace {
 
-using zvtest::dict;
-using zvtest::json;
+using namespace zvtest;
 
 TEST(OrderTest, WrappedOrderLeavesItsRemainsInTheOuterExtras) {
   auto input = dict(R"({"order": {"id": "7", "offer_id": "12", "status": "approved",
@@ -122,6 +126,108 @@ TEST(OrderTest, AnyJSONTypeUnderAnyKey) {
       }
     }
   }
+}
+
+TEST(OrderRequestTest, BodyLayout) {
+  auto address = std::make_shared<ZVAddress>();
+  address->city = "Lyon";
+  struct Case {
+    const char* name;
+    std::shared_ptr<ZVOrderRequest> request;
+    ZVJSONValue expected;
+  } cases[] = {
+      {"offer and quantity", ZVOrderRequest::initWithOfferID("12", 1),
+       json(R"({"offer_id": "12", "quantity": 1, "ip": "127.0.0.1"})")},
+      {"ip and challenge", ZVOrderRequest::initWithOfferID("12", 1),
+       json(R"({"offer_id": "12", "quantity": 1, "ip": "10.0.0.5", "challenge": {"id": "99"}})")},
+      {"nothing set", std::make_shared<ZVOrderRequest>(), json(R"({"ip": "127.0.0.1"})")},
+      {"empty ip kept", std::make_shared<ZVOrderRequest>(), json(R"({"ip": ""})")},
+      {"fractional quantity, email and address", ZVOrderRequest::initWithOfferID({}, 1.5),
+       json(R"({"quantity": 1.5, "ip": "127.0.0.1", "email": "a@b.c",
+                "shippingAddress": {"city": "Lyon"}})")},
+  };
+  cases[1].request->setIp("10.0.0.5");
+  cases[1].request->setChallengeID("99");
+  cases[3].request->setIp("");
+  cases[4].request->setEmail("a@b.c");
+  cases[4].request->setShippingAddress(address);
+
+  for (const Case& c : cases) {
+    ZVDictionaryPtr body = c.request->asDictionary();
+    EXPECT_EQ(ZVJSONValue(body), c.expected) << c.name;
+    EXPECT_NE(body, c.request->asDictionary()) << c.name << ": each call builds a new body";
+  }
+}
+
+TEST(OrderRequestTest, Description) {
+  EXPECT_EQ(ZVOrderRequest::initWithOfferID("12", 2)->description(), "\rOffer ID: 12\rQuantity: 2");
+  EXPECT_EQ(ZVOrderRequest().description(), "\rOffer ID: (null)\rQuantity: (null)");
+}
+
+TEST(RewardsErrorTest, MessageComposedFromTheBody) {
+  struct Case {
+    const char* body;
+    std::optional<std::string> message;
+  } cases[] = {
+      {R"({"message": "Out of stock", "order": {"user_id": "42"}})", "Out of stock"},
+      {R"({"message": 5})", std::nullopt},
+      {R"({"message": ""})", std::nullopt},
+      {R"({"message": "", "order": {"base": ["A", "B"], "user_id": "42"}})",
+       "Reward: A, B\nUser: 42"},
+      {R"({"order": {"base": ["A", "B"]}})", "Reward: A, B"},
+      {R"({"order": {"user_id": "42"}})", "User: 42"},
+      {R"({"order": {}})", std::nullopt},
+      {R"({"order": ["base"]})", std::nullopt},
+      {R"({"order": "base"})", std::nullopt},
+      {R"({"order": {"status": "failed"}})", ""},
+      {R"({"order": {"base": []}})", ""},
+      {R"({"order": {"base": ["", "A"]}})", "Reward: A"},
+      {R"({"order": {"base": ["A", "", "B"]}})", "Reward: A, , B"},
+      {R"({"order": {"base": ["", ""], "user_id": "7"}})", "Reward: \nUser: 7"},
+      {R"({"order": {"base": [3, 2.5, null, true]}})", "Reward: 3, 2.5, <null>, 1"},
+      {R"({"order": {"base": "A", "user_id": 42}})", ""},
+      {R"({"order": {"user_id": ""}})", ""},
+  };
+  for (const Case& c : cases) {
+    ZVDictionaryPtr body = zvtest::dict(c.body);
+    ZVRewardsError error(ZVErrorTypeService, body);
+    EXPECT_EQ(error.message(), c.message) << c.body;
+    EXPECT_EQ(error.raw(), body) << c.body;
+    EXPECT_EQ(error.type(), ZVErrorTypeService);
+  }
+}
+
+// A nested container's indented text is hundreds of times longer than its
+// JSON: the message quotes about 4 KiB of "base" at most, whatever it holds.
+TEST(RewardsErrorTest, MessageStaysSmallWhateverBaseHolds) {
+  const std::string deep = std::string(500, '[') + std::string(500, ']');
+  std::string containers = deep;
+  std::string strings = R"("x")";
+  for (int i = 0; i < 3000; ++i) {
+    if (i < 50) containers += "," + deep;
+    strings += R"(, "x")";
+  }
+  for (const std::string& base : {containers, strings}) {
+    ZVRewardsError error(ZVErrorTypeService,
+                         zvtest::dict(R"({"order": {"base": [)" + base + "]}}"));
+    ASSERT_TRUE(error.message());
+    EXPECT_TRUE(error.message()->starts_with("Reward: ")) << base.substr(0, 10);
+    EXPECT_TRUE(error.message()->ends_with("...")) << base.substr(0, 10);
+    EXPECT_LE(error.message()->size(), 4096u + 16u) << base.substr(0, 10);
+  }
+}
+
+TEST(RewardsErrorTest, AnyJSONTypeUnderAnyKey) {
+  for (const std::string& value : zvtest::everyJSONType()) {
+    for (const std::string& body :
+         {zvtest::withKey("message", value), zvtest::withKey("order", value),
+          zvtest::withKey("order", zvtest::withKey("base", value)),
+          zvtest::withKey("order", zvtest::withKey("user_id", value))}) {
+      ZVRewardsError error(ZVErrorTypeService, zvtest::dict(body));
+      EXPECT_TRUE(error.description().starts_with("Error Domain=ZVError Type=3 ")) << body;
+    }
+  }
+  EXPECT_FALSE(ZVRewardsError(ZVErrorTypeService, ZVDictionaryPtr()).message());
 }
 
 }  // namespace

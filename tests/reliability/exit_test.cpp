@@ -5,7 +5,6 @@
 // the runs), and every run must end with status 0 within a time limit.
 // ZV_EXIT_RUNS sets the runs per scenario.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include <cstdlib>
 #include <string>
@@ -14,6 +13,7 @@
 #include "ZVLoopbackServer.h"
 #include "ZVProcess.h"
 #include "ZVRawServer.h"
+#include "ZVTestSupport.h"
 
 extern char** environ;
 
@@ -40,9 +40,8 @@ TEST_P(ExitTest, EveryRunEndsCleanlyAndInTime) {
     const char* asan = std::getenv("ASAN_OPTIONS");
     environment.push_back("ASAN_OPTIONS=" + std::string(asan ? asan : "") + ":detect_leaks=0");
   }
-  const char* runsSet = std::getenv("ZV_EXIT_RUNS");
-  const int runs = runsSet != nullptr && std::atoi(runsSet) > 0 ? std::atoi(runsSet) : 25;
-  for (int run = 0; run < runs; ++run) {
+  const size_t runs = envOr("ZV_EXIT_RUNS", 25);
+  for (size_t run = 0; run < runs; ++run) {
     // One server never answers (requests stay in flight); the other answers at
     // once (deliveries keep arriving on the main queue).
     ZVRawServer silent({.bytes = "", .end = RawScript::End::Hold});
@@ -53,11 +52,9 @@ TEST_P(ExitTest, EveryRunEndsCleanlyAndInTime) {
     for (std::string& arg : argv)
       if (arg == "HOST") arg = scenario.answering ? answering.baseURL() : silent.baseURL();
     const ProcessResult child = runProcess(argv, std::chrono::seconds(30), environment);
-    ASSERT_FALSE(child.hung) << "run " << run << " hung\n" << child.err;
-    ASSERT_TRUE(WIFEXITED(child.status))
-        << "run " << run << " killed by signal " << WTERMSIG(child.status) << "\n"
-        << child.err;
-    ASSERT_EQ(child.exitCode(), 0) << "run " << run << "\n" << child.err;
+    // Not 0 when it hung, was killed by a signal or failed.
+    ASSERT_EQ(child.exitCode(), 0) << "run " << run << ", wait status " << child.status << "\n"
+                                   << child.err;
   }
 }
 

@@ -4,7 +4,6 @@
 #include <ZVSandbox.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <filesystem>
 #include <set>
 #include <thread>
@@ -15,11 +14,6 @@ using namespace zvtest;
 using namespace std::chrono_literals;
 
 namespace {
-
-size_t envOr(const char* name, size_t fallback) {
-  const char* value = std::getenv(name);
-  return value && *value ? std::strtoull(value, nullptr, 10) : fallback;
-}
 
 // Open descriptors and threads of this process.
 std::pair<size_t, size_t> resourcesNow() {
@@ -46,9 +40,8 @@ TEST(LoadTest, ThreadsCallEveryOperationWhileUserStateIsClearedAndEachHandlerRun
 
   constexpr size_t kThreads = 6;
   const size_t perThread = envOr("ZV_LOAD_CALLS", 60);
-  Completions completions;
-  for (size_t i = 0; i < kThreads * perThread; ++i)
-    completions.push_back(std::make_unique<Completion>());
+  Completions completions(kThreads * perThread);
+  std::ranges::generate(completions, std::make_unique<Completion>);
   std::atomic<bool> running{true};
   std::thread clearer([&] {
     while (running) {
@@ -140,8 +133,8 @@ TEST(LoadTest, ConcurrentOrdersNeverSpendMorePointsThanTheUserHas) {
 
   // Offer 102 costs 400 points: 12 of 40 orders fit in 5000.
   constexpr int kOrders = 40;
-  Completions completions;
-  for (int i = 0; i < kOrders; ++i) completions.push_back(std::make_unique<Completion>());
+  Completions completions(kOrders);
+  std::ranges::generate(completions, std::make_unique<Completion>);
   std::vector<std::thread> threads;
   for (int t = 0; t < 8; ++t)
     threads.emplace_back([&, t] {

@@ -26,9 +26,7 @@ using namespace zvtest;
 
 namespace {
 
-const size_t kLimit = std::getenv("ZV_MEMORY_LIMIT_MB") != nullptr
-                          ? std::strtoull(std::getenv("ZV_MEMORY_LIMIT_MB"), nullptr, 10) << 20
-                          : ZVConfiguration{}.maxResponseBytes;
+const size_t kLimit = envOr("ZV_MEMORY_LIMIT_MB", ZVConfiguration{}.maxResponseBytes >> 20) << 20;
 // What the decoding of one answer may add to a host's resident memory, in
 // times the limit (docs/reliability.md).
 constexpr double kBoundTimesLimit = 13;
@@ -95,13 +93,8 @@ const std::string kDeeper = std::string(509, '[') + std::string(509, ']');
 
 // `n` records of the record limit: 256 offers of 255 options each.
 std::string optionsTree(size_t offers) {
-  std::string out;
-  for (size_t i = 0; i < offers; ++i) {
-    out += i == 0 ? R"({"options":[)" : R"(,{"options":[)";
-    for (int j = 0; j < 255; ++j) out += j == 0 ? "{}" : ",{}";
-    out += "]}";
-  }
-  return out;
+  const std::string offer = R"({"options":[)" + repeat("{}", 3 * 255 - 1) + "]}";
+  return repeat(offer, (offer.size() + 1) * offers - 1);
 }
 
 struct Shape {

@@ -36,15 +36,15 @@ class OrderService {
  public:
   OrderService(Protocol protocol, std::function<Fault(size_t)> plan) : plan_(std::move(plan)) {
     if (protocol == Protocol::HTTP1) {
-      raw_ = std::make_unique<ZVRawServer>([this](const std::string& request) {
+      raw_ = std::make_unique<ZVRawServer>([this](const std::string& request, int) {
         const Fault fault =
             next(ZVRawServer::header(request, "Idempotency-Key"), request.starts_with("POST"));
         if (fault == Fault::Unavailable)
           return RawScript{ZVRawServer::answer(503, "", ""), {}, RawScript::End::Close};
         if (fault != Fault::None) return RawScript{"", {}, RawScript::End::Close};
-        std::string answer = ZVRawServer::answer(200, "application/json", kOrderAnswer);
-        answer.replace(answer.find("Connection: close"), 17, "Connection: keep-alive");
-        return RawScript{answer, {}, RawScript::End::Next};
+        return RawScript{ZVRawServer::answer(200, "application/json", kOrderAnswer, false),
+                         {},
+                         RawScript::End::Next};
       });
       host_ = raw_->baseURL();
     } else {
@@ -175,7 +175,7 @@ struct ScriptedServer {
   std::mutex mutex;
   std::vector<std::string> requests;                            // guarded by mutex
   std::vector<std::chrono::steady_clock::time_point> arrivals;  // guarded by mutex
-  ZVRawServer server{[this](const std::string& request) {
+  ZVRawServer server{[this](const std::string& request, int) {
     std::lock_guard lock(mutex);
     requests.push_back(request);
     arrivals.push_back(std::chrono::steady_clock::now());

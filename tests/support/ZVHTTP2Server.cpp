@@ -5,11 +5,9 @@
 
 #include <cstring>
 #include <filesystem>
-#include <map>
 #include <stdexcept>
 #include <string_view>
 
-#include <netinet/tcp.h>
 #include <nghttp2/nghttp2.h>
 #include <openssl/err.h>
 #include <openssl/ssl.h>
@@ -106,7 +104,7 @@ struct HTTP2Session {
     else if (key == ":path")
       request.path = std::move(text);
     else if (!key.starts_with(':'))
-      request.headers.emplace_back(key, std::move(text));
+      request.headers.emplace(key, std::move(text));
     return 0;
   }
 
@@ -115,12 +113,6 @@ struct HTTP2Session {
     return 0;
   }
 };
-
-std::string HTTP2Request::header(const std::string& name) const {
-  for (const auto& [key, value] : headers)
-    if (key == name) return value;
-  return "";
-}
 
 ZVHTTP2Server::ZVHTTP2Server(std::function<HTTP2Reply(const HTTP2Request&)> handler)
     : handler_(std::move(handler)) {
@@ -169,8 +161,6 @@ void ZVHTTP2Server::serve(int socket) {
   sigemptyset(&pipe);
   sigaddset(&pipe, SIGPIPE);
   pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
-  const int one = 1;
-  ::setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
   SSL* ssl = SSL_new(context_);
   HTTP2Session state{*this, {}};
   nghttp2_session* session = nullptr;

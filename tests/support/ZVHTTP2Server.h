@@ -5,8 +5,8 @@
 #include <atomic>
 #include <cstddef>
 #include <functional>
+#include <map>
 #include <string>
-#include <vector>
 
 #include "ZVLoopbackSocket.h"
 
@@ -18,9 +18,12 @@ namespace zvtest {
 struct HTTP2Request {
   std::string method;
   std::string path;
-  std::vector<std::pair<std::string, std::string>> headers;  ///< names in lower case
-  /// The first header of that (lower-case) name, or "".
-  std::string header(const std::string& name) const;
+  std::map<std::string, std::string> headers;  ///< names in lower case; the first of each
+  /// The header of that (lower-case) name, or "".
+  std::string header(const std::string& name) const {
+    const auto found = headers.find(name);
+    return found == headers.end() ? "" : found->second;
+  }
 };
 
 /// What the HTTP/2 server does with one request.
@@ -51,11 +54,6 @@ struct HTTP2Reply {
 /// Every member is safe from any thread.
 class ZVHTTP2Server {
  public:
-  /// Answers every request with status 200 and `body`.
-  explicit ZVHTTP2Server(std::string body = "{}")
-      : ZVHTTP2Server([body](const HTTP2Request&) {
-          return HTTP2Reply{200, body};
-        }) {}
   /// `handler` is called on the connections' threads once a request's stream has ended.
   explicit ZVHTTP2Server(std::function<HTTP2Reply(const HTTP2Request&)> handler);
   ~ZVHTTP2Server();

@@ -1,7 +1,5 @@
 #include "ZVLoopbackServer.h"
 
-#include <fmt/format.h>
-
 namespace zvtest {
 
 namespace {
@@ -31,11 +29,10 @@ std::string LoopbackRequest::header(std::string_view name) const {
 ZVLoopbackServer::ZVLoopbackServer()
     : server_(std::make_unique<ZVRawServer>([this](const std::string& raw, int clientPort) {
         const LoopbackResponse response = answer(parse(raw, clientPort));
-        return RawScript{.bytes = fmt::format("HTTP/1.1 {} S\r\nContent-Type: application/json\r\n"
-                                              "Content-Length: {}\r\n\r\n{}",
-                                              response.status, response.body.size(), response.body),
-                         .end = RawScript::End::Next,
-                         .delay = response.delay};
+        return RawScript{
+            .bytes = ZVRawServer::answer(response.status, "application/json", response.body, false),
+            .end = RawScript::End::Next,
+            .delay = response.delay};
       })) {}
 
 ZVLoopbackServer::~ZVLoopbackServer() = default;
@@ -57,11 +54,6 @@ void ZVLoopbackServer::enqueue(LoopbackResponse response) {
 std::vector<LoopbackRequest> ZVLoopbackServer::requests() const {
   std::lock_guard lock(mutex_);
   return requests_;
-}
-
-size_t ZVLoopbackServer::requestCount() const {
-  std::lock_guard lock(mutex_);
-  return requests_.size();
 }
 
 bool ZVLoopbackServer::waitForRequests(size_t count, std::chrono::milliseconds timeout) const {

@@ -10,7 +10,6 @@
 #include <mutex>
 #include <string>
 #include <string_view>
-#include <utility>
 #include <vector>
 
 #include "ZVRawServer.h"
@@ -69,7 +68,7 @@ class ZVLoopbackServer {
 
   /// The requests received so far, in arrival order.
   std::vector<LoopbackRequest> requests() const;
-  size_t requestCount() const;
+  size_t requestCount() const { return requests().size(); }
   /// Waits until at least `count` requests arrived; false on timeout.
   bool waitForRequests(size_t count,
                        std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;

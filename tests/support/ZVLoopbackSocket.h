@@ -4,6 +4,7 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -52,15 +53,14 @@ class LoopbackListener {
   explicit LoopbackListener(const std::string& server)
       : listener_(listenOnLoopback(port_, server)) {}
   ~LoopbackListener() { stop(); }
-  LoopbackListener(const LoopbackListener&) = delete;
-  LoopbackListener& operator=(const LoopbackListener&) = delete;
 
   int port() const { return port_; }
   bool stopping() const { return stopping_; }
   /// Connections accepted so far.
   size_t connections() const { return connections_; }
 
-  /// `serve` runs on each connection's thread; the socket closes once it returns.
+  /// `serve` runs on each connection's thread (the socket sends without
+  /// delay, and closes once it returns).
   void start(std::function<void(int socket)> serve) {
     serve_ = std::move(serve);
     acceptor_ = std::thread([this] {
@@ -75,6 +75,8 @@ class LoopbackListener {
           break;
         }
         ++connections_;
+        const int one = 1;
+        ::setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
         open_.insert(socket);
         workers_.emplace_back([this, socket] {
           serve_(socket);

@@ -1,6 +1,5 @@
 #include "ZVRawServer.h"
 
-#include <netinet/tcp.h>
 #include <strings.h>
 
 #include <algorithm>
@@ -32,12 +31,13 @@ std::string ZVRawServer::baseURL() const {
   return "http://127.0.0.1:" + std::to_string(port());
 }
 
-std::string ZVRawServer::answer(int status, std::string_view contentType, std::string_view body) {
+std::string ZVRawServer::answer(int status, std::string_view contentType, std::string_view body,
+                                bool close) {
   const std::string code = std::to_string(status);
   std::string head = "HTTP/1.1 " + code + " Status " + code + "\r\n";
   if (!contentType.empty()) head += "Content-Type: " + std::string(contentType) + "\r\n";
-  head += "Content-Length: " + std::to_string(body.size()) + "\r\nConnection: close\r\n\r\n";
-  return head + std::string(body);
+  head += "Content-Length: " + std::to_string(body.size()) + "\r\n";
+  return head + (close ? "Connection: close\r\n\r\n" : "\r\n") + std::string(body);
 }
 
 std::string ZVRawServer::header(std::string_view raw, std::string_view name) {
@@ -59,8 +59,6 @@ int ZVRawServer::closedPort() {
 }
 
 void ZVRawServer::serve(int socket) {
-  const int one = 1;
-  ::setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
   sockaddr_in client{};
   socklen_t clientLength = sizeof client;
   ::getpeername(socket, reinterpret_cast<sockaddr*>(&client), &clientLength);

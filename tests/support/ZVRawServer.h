@@ -41,22 +41,20 @@ class ZVRawServer {
   using Scripter = std::function<RawScript(const std::string& request, int clientPort)>;
 
   explicit ZVRawServer(RawScript script)
-      : ZVRawServer([script](const std::string&) { return script; }) {}
+      : ZVRawServer([script](const std::string&, int) { return script; }) {}
   /// Answers each request (head and body, as received) with the script that
   /// `scripter` makes of it; a script ending in `Next` keeps the connection
   /// for the next request. Called on the connections' threads.
-  explicit ZVRawServer(std::function<RawScript(const std::string& request)> scripter)
-      : ZVRawServer(
-            Scripter([scripter](const std::string& request, int) { return scripter(request); })) {}
   explicit ZVRawServer(Scripter scripter);
 
   int port() const { return listener_.port(); }
   /// "http://127.0.0.1:<port>".
   std::string baseURL() const;
 
-  /// A complete HTTP/1.1 answer with a Content-Length and "Connection: close";
-  /// an empty `contentType` sends none.
-  static std::string answer(int status, std::string_view contentType, std::string_view body);
+  /// A complete HTTP/1.1 answer with a Content-Length and, when `close`,
+  /// "Connection: close"; an empty `contentType` sends none.
+  static std::string answer(int status, std::string_view contentType, std::string_view body,
+                            bool close = true);
   /// A port on 127.0.0.1 on which nothing listens (bound, then released).
   static int closedPort();
   /// The value of the first header of that name (case-insensitive) in a raw

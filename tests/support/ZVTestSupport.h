@@ -5,12 +5,21 @@
 
 #include <cctype>
 #include <chrono>
+#include <cstdlib>
 #include <functional>
 #include <string>
 
 #include <ZorvaneCoreKit/ZVMainQueue.h>
 
 namespace zvtest {
+
+/// The number in the environment variable `name`, or `fallback` when it is
+/// unset, empty or 0.
+inline size_t envOr(const char* name, size_t fallback) {
+  const char* value = std::getenv(name);
+  const size_t number = value ? std::strtoull(value, nullptr, 10) : 0;
+  return number != 0 ? number : fallback;
+}
 
 /// Drains the shared main queue until `done()` holds or `timeout` passes.
 inline bool drainUntil(const std::function<bool()>& done,
