@@ -1,5 +1,4 @@
-/* Helpers of the C tests: checks that report and count, and the sandbox
- * rewards service as a child process on a free loopback port. */
+/* Helpers of the C tests: checks that report and count, and main-queue waits. */
 #ifndef ZVR_TEST_H
 #define ZVR_TEST_H
 
@@ -7,7 +6,6 @@
 
 #include <stdio.h>
 #include <string.h>
-#include <sys/types.h>
 
 extern _Atomic int zvr_test_failures;
 
@@ -39,16 +37,6 @@ extern _Atomic int zvr_test_failures;
       ++zvr_test_failures;                                                                   \
     }                                                                                        \
   } while (0)
-
-/* Starts argv[0] (looked up in PATH) as a child that dies with this process,
- * its stdout on `out` (-1: ours). Returns its pid, or -1. */
-pid_t zvr_test_spawn(char* const argv[], int out);
-/* Starts `server` (zv_sandbox_server) on a free port with its state in
- * memory and writes its service host ("http://127.0.0.1:PORT") into `host`.
- * The child dies with this process. Returns 0 on success. */
-int zvr_test_start_sandbox(const char* server, char* host, size_t size);
-/* Stops the child started above (also done at exit). */
-void zvr_test_stop_sandbox(void);
 
 /* Runs the main queue until `*flag` is non-zero, 20 s at most. */
 int zvr_test_wait_for(const int* flag);
