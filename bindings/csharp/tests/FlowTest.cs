@@ -5,6 +5,7 @@
 // scopes, exceptions, disposal, and no native handle left.
 using System;
 using System.Collections.Generic;
+using System.Linq;
 using System.Threading;
 using Zorvane.Rewards;
 
@@ -44,11 +45,7 @@ static class FlowTest
         return result;
     }
 
-    static Offer Find(OfferList list, string id)
-    {
-        foreach (Offer offer in list) if (offer.Id == id) return offer;
-        return null;
-    }
+    static Offer Find(OfferList list, string id) => list.FirstOrDefault(offer => offer.Id == id);
 
     static int Main()
     {
