@@ -60,7 +60,7 @@ using Clock = std::chrono::steady_clock;
 constexpr const char* kSandboxToken = "sandbox-token";
 const std::string kApp = "/api/v1/apps/sandbox-app/";
 
-// ---- The sandbox service ------------------------------------------------------
+// ---- The sandbox service ----------------------------------------------------
 
 // A connection that writes raw bytes and reads whatever comes back.
 struct RawConnection {
