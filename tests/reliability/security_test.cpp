@@ -18,11 +18,9 @@ using namespace zvtest;
 namespace {
 
 TEST(SecurityTest, TokenNeverReachesALogLineAtAnyLevelOrCategory) {
-  ZVLoopbackServer server;
-  CloseConnectionsFirst closeFirst;
   std::atomic<bool> fail{false};
   // When failing, failures of every kind, by endpoint.
-  server.setHandler([&](const LoopbackRequest& r) {
+  ServiceServer server([&](const LoopbackRequest& r) {
     if (!fail) return serviceAnswer(r);
     if (r.path.ends_with("/offers"))
       return LoopbackResponse{401, R"({"status":"error","message":"expired"})"};
@@ -30,7 +28,6 @@ TEST(SecurityTest, TokenNeverReachesALogLineAtAnyLevelOrCategory) {
       return LoopbackResponse{200, R"({"status":"error","message":"no"})"};
     return LoopbackResponse{500, "oops"};
   });
-  configureService(server.baseURL());
   for (int64_t level : {0, 1, 2, 3}) {
     SCOPED_TRACE(level);
     LogCapture log(level);
@@ -52,12 +49,9 @@ TEST(SecurityTest, TokenNeverReachesALogLineAtAnyLevelOrCategory) {
 }
 
 TEST(SecurityTest, HostileIdsStayInTheirSlotOfTheirEndpoint) {
-  ZVLoopbackServer server;
-  CloseConnectionsFirst closeFirst;
-  server.setHandler([](const LoopbackRequest&) {
+  ServiceServer server([](const LoopbackRequest&) {
     return LoopbackResponse{200, R"({"status":"ok"})"};
   });
-  configureService(server.baseURL());
   // Path separators, dot segments, encodings, control characters, bad UTF-8,
   // and an id that takes a whole path.
   std::vector<std::string> ids = {"a/b",  "a b",          "..",   ".",           "...",
@@ -163,9 +157,7 @@ TEST(TLSTest, CertificateMustChainToTheCAFileAndNameTheHost) {
 // Every operation is refused before anything is sent (the tests that talk to
 // a loopback service show plain http allowed).
 TEST(TLSTest, PlainHTTPIsRefusedUnlessTheHostAllowsIt) {
-  ZVLoopbackServer server;
-  CloseConnectionsFirst closeFirst;
-  configureService(server.baseURL());
+  ServiceServer server;
   reconfigure([&](ZVConfiguration& config) { config.allowInsecureHTTP = false; });
   Completions refused = startAll(allOperations());
   ASSERT_TRUE(waitForAll(refused));

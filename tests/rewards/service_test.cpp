@@ -14,10 +14,6 @@ namespace {
 
 using ServiceTest = RewardsTest;
 
-ZVJSONValue parsed(const std::string& text) {
-  return ZVJSONParse(text).value;
-}
-
 std::unique_ptr<Outcome<ZVOrder>> placeOrder() {
   return await<ZVOrder>([](auto h) {
     ZVRewardsManager::instance()->placeOrder(ZVOrderRequest::initWithOfferID("12", 1), h);
@@ -102,8 +98,8 @@ TEST_F(ServiceTest, PlaceOrderSendsTheBodyAndAnnouncesBalances) {
   auto request = server.requests().at(0);
   EXPECT_EQ(request.method, "POST");
   EXPECT_EQ(request.path, "/api/v1/apps/app%201/offers/12/orders");
-  EXPECT_EQ(parsed(request.body),
-            parsed(R"({"order": {"offer_id": "12", "quantity": 1, "ip": "127.0.0.1"}})"));
+  EXPECT_EQ(json(request.body),
+            json(R"({"order": {"offer_id": "12", "quantity": 1, "ip": "127.0.0.1"}})"));
   ASSERT_TRUE(outcome->result);
   EXPECT_EQ(outcome->result->orderID(), "7");
   EXPECT_EQ(manager()->orders(), ordersBefore);
@@ -210,8 +206,7 @@ TEST_F(ServiceTest, SkillQuestionFlow) {
       [](auto h) { manager()->answerSkillQuestionForOfferID("5", "q1", "", h); });
   auto request = server.requests().at(1);
   EXPECT_EQ(request.path, "/api/v1/apps/app%201/offers/5/challenges/skills_test_questions/q1");
-  EXPECT_EQ(parsed(request.body),
-            parsed(R"({"challenge":{"skills_test_question":{"response":""}}})"));
+  EXPECT_EQ(json(request.body), json(R"({"challenge":{"skills_test_question":{"response":""}}})"));
   ASSERT_TRUE(challenge->result);
   EXPECT_EQ(challenge->result->challengeID(), "99");
 
@@ -249,7 +244,7 @@ TEST_F(ManagerCoreTest, UserChangeNotificationClearsState) {
 // dropped. requestKind delivers on the main queue, dispatchFailWithError at once.
 TEST_F(ManagerCoreTest, AnswersAndFailuresAreRoutedByKind) {
   const auto good = std::make_shared<ZVGenericResponse>(
-      200, "", ZVJSONParse(R"({"status":"ok","offers":[{"id":"1"}]})").value.dictionary());
+      200, "", dict(R"({"status":"ok","offers":[{"id":"1"}]})"));
   const auto down = std::make_shared<ZVError>(ZVErrorTypeTransport, "X", "down");
   const struct {
     std::shared_ptr<ZVGenericResponse> response;
