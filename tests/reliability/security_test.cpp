@@ -66,13 +66,12 @@ TEST(SecurityTest, HostileIdsStayInTheirSlotOfTheirEndpoint) {
     for (const bool order : {true, false}) {
       SCOPED_TRACE(::testing::PrintToString(id) + (order ? " in an order" : " in an answer"));
       const size_t before = server.requestCount();
-      Completions done = startAll({{"", nullptr, [&](auto* m, AnyHandler h) {
-                                      order
-                                          ? m->placeOrder(ZVOrderRequest::initWithOfferID(id, 1), h)
-                                          : m->answerSkillQuestionForOfferID(id, id, "x", h);
-                                    }}});
-      ASSERT_TRUE(waitForAll(done));
-      if (const ZVErrorPtr error = done[0]->error; !done[0]->result) {
+      const auto done = await([&](auto h) {
+        auto* m = ZVRewardsManager::instance();
+        order ? m->placeOrder(ZVOrderRequest::initWithOfferID(id, 1), h)
+              : m->answerSkillQuestionForOfferID(id, id, "x", h);
+      });
+      if (const ZVErrorPtr error = done->error; !done->result) {
         // Refused before anything was sent: a dot segment cannot be an id, and
         // an order body cannot carry text that is not UTF-8.
         ASSERT_TRUE(error);
