@@ -9,15 +9,12 @@
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
+#include "ZVTestSupport.h"
 #include "json/ZVKeyList.h"
 
 namespace {
 
-ZVJSONValue parse(std::string_view text) {
-  ZVJSONParseResult result = ZVJSONParse(text);
-  EXPECT_TRUE(result.ok()) << text << ": " << result.error;
-  return result.value;
-}
+using zvtest::json;
 
 std::string compact(const ZVJSONValue& value) {
   std::string out;
@@ -48,7 +45,7 @@ TEST(JSONTest, CompactRoundTripKeepsKindsOrderAndEscapes) {
        "\"q\\\"b\\\\s/ \\u0001\\t\\n é \xF0\x9F\x98\x80\""},
       {" \"top\" ", "\"top\""},
   };
-  for (const auto& c : cases) EXPECT_EQ(compact(parse(c.in)), c.out) << c.in;
+  for (const auto& c : cases) EXPECT_EQ(compact(json(c.in)), c.out) << c.in;
 }
 
 TEST(JSONTest, BadInputIsAClearError) {
@@ -85,7 +82,7 @@ TEST(JSONTest, NumbersBeyondTheRangesAreDoubles) {
       {"-0.0000001e-99999", -0.0},
   };
   for (const Case& c : cases) {
-    ZVJSONValue v = parse(c.text);
+    ZVJSONValue v = json(c.text);
     if (const ZVArrayPtr array = v.array()) v = (*array)[0];
     if (const ZVDictionaryPtr object = v.dictionary()) v = object->objectForKey("n");
     ASSERT_TRUE(v.isDouble()) << c.text.substr(0, 40);
@@ -93,7 +90,7 @@ TEST(JSONTest, NumbersBeyondTheRangesAreDoubles) {
     EXPECT_EQ(std::signbit(v.doubleValue()), std::signbit(c.value)) << c.text.substr(0, 40);
   }
   // One odd field does not cost the rest of the answer.
-  EXPECT_EQ(parse(R"({"x": 1e999, "offers": [{"id": "1"}]})").dictionary()->count(), 2u);
+  EXPECT_EQ(json(R"({"x": 1e999, "offers": [{"id": "1"}]})").dictionary()->count(), 2u);
 }
 
 TEST(JSONTest, DepthIsBounded) {
@@ -102,7 +99,7 @@ TEST(JSONTest, DepthIsBounded) {
   std::string out;
   EXPECT_TRUE(ZVJSONSerialize(ok.value, true, out));
   EXPECT_TRUE(ok.value.description().starts_with("[\n  [\n    [\n"));
-  EXPECT_EQ(ok.value, parse(nested(512)));
+  EXPECT_EQ(ok.value, json(nested(512)));
   ok = {};  // a 512-deep tree must destroy without trouble
 
   EXPECT_EQ(ZVJSONParse(nested(513)).error, "JSON nesting is deeper than 512 levels");
@@ -137,14 +134,14 @@ TEST(JSONTest, SerialiserRefusesWhatJSONCannotHold) {
 
 TEST(JSONTest, PrettyLayout) {
   std::string out;
-  ASSERT_TRUE(ZVJSONSerialize(parse(R"({"a":[1,{"b":null}],"c":{},"d":[]})"), true, out));
+  ASSERT_TRUE(ZVJSONSerialize(json(R"({"a":[1,{"b":null}],"c":{},"d":[]})"), true, out));
   EXPECT_EQ(out,
             "{\n  \"a\" : [\n    1,\n    {\n      \"b\" : null\n    }\n  ],\n"
             "  \"c\" : {},\n  \"d\" : []\n}");
 }
 
 TEST(JSONTest, NestedContainersAreSharedAndCopiesAreShallow) {
-  ZVDictionaryPtr root = parse(R"({"inner":{"x":1,"y":2},"list":[1]})").dictionary();
+  ZVDictionaryPtr root = json(R"({"inner":{"x":1,"y":2},"list":[1]})").dictionary();
   ZVDictionaryPtr inner = root->objectForKey("inner").dictionary();
   EXPECT_EQ(inner, root->find("inner")->dictionary());
   inner->removeObjectForKey("x");
@@ -163,13 +160,13 @@ TEST(JSONTest, NestedContainersAreSharedAndCopiesAreShallow) {
 }
 
 TEST(JSONTest, DuplicateKeysKeepFirstPositionAndLastValue) {
-  EXPECT_EQ(compact(parse(R"({"a":1,"b":2,"a":3})")), R"({"a":3,"b":2})");
+  EXPECT_EQ(compact(json(R"({"a":1,"b":2,"a":3})")), R"({"a":3,"b":2})");
 
   // Large objects take another path; so does a hostile run of one key.
   std::string wide = "{";
   for (int i = 0; i < 100; ++i) wide += fmt::format("\"k{}\":{},", i, i);
   wide += "\"k5\":\"last\"}";
-  ZVDictionaryPtr dict = parse(wide).dictionary();
+  ZVDictionaryPtr dict = json(wide).dictionary();
   EXPECT_EQ(dict->count(), 100u);
   EXPECT_EQ(dict->allKeys()[5], "k5");
   EXPECT_EQ(*dict->objectForKey("k5").string(), "last");
@@ -177,7 +174,7 @@ TEST(JSONTest, DuplicateKeysKeepFirstPositionAndLastValue) {
   std::string same = "{";
   for (int i = 0; i < 200000; ++i) same += fmt::format("\"k\":{},", i);
   same += "\"k\":-1}";
-  dict = parse(same).dictionary();
+  dict = json(same).dictionary();
   EXPECT_EQ(dict->count(), 1u);
   EXPECT_EQ(dict->objectForKey("k").integerValue(), -1);
 }
@@ -217,8 +214,7 @@ TEST(JSONTest, TakesKeysOfEveryLengthInOnePass) {
   // Inline and shared keys on both sides of the 7-byte boundary, an empty
   // key, an escaped one, and a key too long for the list's index.
   ZVDictionaryPtr dict =
-      parse(
-          fmt::format(R"({{"\u0069d":1,"":2,"seven77":3,"eight888":4,"{}":5,"tail":6}})", longKey))
+      json(fmt::format(R"({{"\u0069d":1,"":2,"seven77":3,"eight888":4,"{}":5,"tail":6}})", longKey))
           .dictionary();
   const zv_detail::ZVKeyList keys = {"id", longKey, "absent", "id", "", "eight888", "seven77"};
   ZVJSONValue taken[7];
@@ -237,7 +233,7 @@ TEST(JSONTest, TakesKeysOfEveryLengthInOnePass) {
     text += fmt::format(R"("key{}":{},)", i, i);
   }
   text.back() = '}';
-  dict = parse(text).dictionary();
+  dict = json(text).dictionary();
   const std::vector<std::string_view> views(names.begin(), names.end());
   std::vector<ZVJSONValue> values(views.size());
   zv_detail::takeObjectsForKeys(*dict, zv_detail::ZVKeyList(views), values);
@@ -246,7 +242,7 @@ TEST(JSONTest, TakesKeysOfEveryLengthInOnePass) {
 }
 
 TEST(JSONTest, PruneDropsTopLevelNullsInPlace) {
-  ZVDictionaryPtr dict = parse(R"({"a":null,"b":{"c":null},"d":0})").dictionary();
+  ZVDictionaryPtr dict = json(R"({"a":null,"b":{"c":null},"d":0})").dictionary();
   ZVDictionaryPtr nestedB = dict->objectForKey("b").dictionary();
   EXPECT_EQ(dict->prune(), dict);
   EXPECT_EQ(compact(dict), R"({"b":{"c":null},"d":0})");
@@ -254,11 +250,11 @@ TEST(JSONTest, PruneDropsTopLevelNullsInPlace) {
 }
 
 TEST(JSONTest, EqualityIsDeepAndTypeExact) {
-  EXPECT_EQ(parse(R"({"a":[1,{"b":"x"}],"c":null})"), parse(R"({"c":null,"a":[1,{"b":"x"}]})"));
-  EXPECT_NE(parse("[1]"), parse("[1.0]"));
-  EXPECT_NE(parse("[true]"), parse("[1]"));
+  EXPECT_EQ(json(R"({"a":[1,{"b":"x"}],"c":null})"), json(R"({"c":null,"a":[1,{"b":"x"}]})"));
+  EXPECT_NE(json("[1]"), json("[1.0]"));
+  EXPECT_NE(json("[true]"), json("[1]"));
   EXPECT_NE(ZVJSONValue(), ZVJSONValue::null());
-  EXPECT_NE(parse(R"({"a":1})"), parse(R"({"a":1,"b":2})"));
+  EXPECT_NE(json(R"({"a":1})"), json(R"({"a":1,"b":2})"));
 }
 
 TEST(JSONTest, Descriptions) {
@@ -274,10 +270,10 @@ TEST(JSONTest, Descriptions) {
       {1.5, "1.5"},
       {3.0, "3"},
       {"text", "text"},
-      {parse(R"({"k":[1]})"), "{\n  \"k\" : [\n    1\n  ]\n}"},
+      {json(R"({"k":[1]})"), "{\n  \"k\" : [\n    1\n  ]\n}"},
   };
   for (const auto& c : cases) EXPECT_EQ(c.value.description(), c.text);
-  EXPECT_EQ(parse("[\"a\"]").array()->description(), "[\n  \"a\"\n]");
+  EXPECT_EQ(json("[\"a\"]").array()->description(), "[\n  \"a\"\n]");
   // People read descriptions: they never fail, even where JSON would.
   EXPECT_EQ(ZVMutableArray::make({std::string("\xff"), NAN})->description(),
             "[\n  \"\xEF\xBF\xBD\",\n  nan\n]");
@@ -293,7 +289,7 @@ TEST(JSONTest, ParsedPiecesOutliveTheirTreeAndGrowOnTheHeap) {
       R"("id":"2","nested":{"x":1}}]})";
   ZVJSONValue second, list, longText;
   {
-    ZVDictionaryPtr root = parse(text).dictionary();
+    ZVDictionaryPtr root = json(text).dictionary();
     ZVArrayPtr offers = root->objectForKey("offers").array();
     ZVDictionaryPtr first = (*offers)[0].dictionary();
     list = first->objectForKey("list");

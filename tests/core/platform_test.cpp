@@ -79,9 +79,8 @@ TEST(ClockTest, SourceIsReplaceableAndRestorable) {
 }
 
 TEST(AddressTest, ConsumesItsKeysAndKeepsTheRestAsExtras) {
-  auto dict = ZVJSONParse(R"({"name":"Ann","street1":"1 Main","city":"Lyon","postal_code":69001,
-      "country":"FR","phone":null,"floor":3,"note":null})")
-                  .value.dictionary();
+  auto dict = zvtest::dict(R"({"name":"Ann","street1":"1 Main","city":"Lyon","postal_code":69001,
+      "country":"FR","phone":null,"floor":3,"note":null})");
   ASSERT_TRUE(dict);
   auto address = ZVAddress::initMutableWithDictionary(dict);
   EXPECT_EQ(address->postalCode, "69001");

@@ -16,9 +16,9 @@
 namespace {
 
 using namespace std::chrono_literals;
+using zvtest::kSecretToken;
 using zvtest::ZVLoopbackServer;
 
-constexpr const char* kToken = "tok-SECRET-42";
 constexpr const char* kOffersURL = "https://:host/api/v1/apps/:appid/offers";
 
 struct Call {
@@ -67,21 +67,12 @@ std::shared_ptr<ZVGenericRequest> makeRequest(
 
 class TransportTest : public ::testing::Test {
  protected:
+  // Each test sets the whole configuration it needs.
   void SetUp() override {
-    saved_ = Zorvane::configuration();
-    ZVConfiguration config;
-    config.serviceHost = server_.baseURL();
-    config.allowInsecureHTTP = true;
-    config.appID = "app 1";
-    config.accessToken = kToken;
-    config.requestTimeout = 5s;
-    Zorvane::configure(config);
+    zvtest::configureService(server_.baseURL(), 5s, "app 1");
     ZVGenericRequestManager::instance()->setTransport(ZVMakeCurlTransport());
   }
-  void TearDown() override {
-    ZVGenericRequestManager::instance()->setTransport(nullptr);
-    Zorvane::configure(saved_);
-  }
+  void TearDown() override { ZVGenericRequestManager::instance()->setTransport(nullptr); }
   Call sendOne(std::shared_ptr<ZVGenericRequest> request) {
     Recorder recorder;
     ZVGenericRequestManager::instance()->sendRequest(std::move(request), recorder.callback());
@@ -91,7 +82,6 @@ class TransportTest : public ::testing::Test {
   }
 
   ZVLoopbackServer server_;
-  ZVConfiguration saved_;
 };
 
 TEST_F(TransportTest, RequestArrivesAsBuilt) {
@@ -120,7 +110,7 @@ TEST_F(TransportTest, RequestArrivesAsBuilt) {
     EXPECT_EQ(got.method, c.method);
     EXPECT_EQ(got.target, c.target);
     EXPECT_EQ(got.body, c.body);
-    EXPECT_EQ(got.header("Authorization"), std::string("Bearer ") + kToken);
+    EXPECT_EQ(got.header("Authorization"), std::string("Bearer ") + kSecretToken);
     EXPECT_EQ(got.header("Accept"), "application/json");
     EXPECT_EQ(got.header("User-Agent"), "ZorvaneRewardsKit/3.0.0");
     EXPECT_EQ(got.header("Content-Type"), *c.body ? "application/json" : "");
@@ -177,7 +167,7 @@ TEST_F(TransportTest, FailuresEndInOneErrorWithoutTheToken) {
     const bool http = c.type == ZVErrorTypeHTTP;
     EXPECT_EQ(call.error->httpStatus(), http ? c.status : 0);
     EXPECT_EQ(call.error->message(), c.message);
-    EXPECT_EQ(call.error->description().find(kToken), std::string::npos);
+    EXPECT_EQ(call.error->description().find(kSecretToken), std::string::npos);
     EXPECT_EQ(call.body != nullptr, http);
   }
 }
@@ -185,11 +175,8 @@ TEST_F(TransportTest, FailuresEndInOneErrorWithoutTheToken) {
 // The URL a request goes to under this configuration, or why it cannot go.
 std::string resolve(const char* host, bool allowHTTP, const char* appID, const std::string& url,
                     const std::vector<std::string>& values = {}) {
-  ZVConfiguration config;
-  config.serviceHost = host;
-  config.allowInsecureHTTP = allowHTTP;
-  config.appID = appID;
-  Zorvane::configure(config);
+  zvtest::configureService(host, 5s, appID);
+  zvtest::reconfigure([&](ZVConfiguration& config) { config.allowInsecureHTTP = allowHTTP; });
   auto builder = ZVGenericRequestBuilder::requestBuilderWithMethod(0, "kKindTest");
   builder->setBaseURL(url);
   builder->setPathValues(values);
@@ -200,7 +187,6 @@ std::string resolve(const char* host, bool allowHTTP, const char* appID, const s
 
 TEST(ResolveURLTest, EncodesPathValuesAndRefusesBadConfigurations) {
   using V = std::vector<std::string>;
-  const ZVConfiguration saved = Zorvane::configuration();
   const struct {
     const char* url;
     V values;              // its "%@" segments
@@ -249,7 +235,6 @@ TEST(ResolveURLTest, EncodesPathValuesAndRefusesBadConfigurations) {
   for (const auto& c : configurations)
     EXPECT_EQ(resolve(c.host, c.allowHTTP, c.appID, "https://:host/apps/:appid"), c.expected)
         << c.host;
-  Zorvane::configure(saved);
 }
 
 TEST_F(TransportTest, ReplacingTheTransportFailsRequestsInFlight) {
@@ -297,10 +282,10 @@ TEST_F(TransportTest, HTTP2SixteenInFlightShareOneMultiplexedConnection) {
     return zvtest::HTTP2Reply{200, kBody};
   });
   auto log = std::make_shared<AnswerLog>(ZVMakeCurlTransport());
-  ZVConfiguration config = Zorvane::configuration();
-  config.serviceHost = server.baseURL();
-  config.caFile = server.caFile();
-  Zorvane::configure(config);
+  zvtest::reconfigure([&](ZVConfiguration& config) {
+    config.serviceHost = server.baseURL();
+    config.caFile = server.caFile();
+  });
   ZVGenericRequestManager::instance()->setTransport(log);
 
   std::atomic<int> finished{0}, errors{0}, started{0};

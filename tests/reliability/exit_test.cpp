@@ -22,7 +22,7 @@ using namespace zvtest;
 namespace {
 
 struct Scenario {
-  const char* name;
+  std::string name;
   std::vector<std::string> argv;  // HOST stands for the server's URL
   bool answering;                 // a server that answers at once, else one that never does
 };
@@ -69,6 +69,6 @@ INSTANTIATE_TEST_SUITE_P(
                       Scenario{"unloadSilent", {ZV_UNLOAD_CHILD, ZV_UNLOAD_PLUGIN, "HOST"}, false},
                       Scenario{
                           "unloadAnswering", {ZV_UNLOAD_CHILD, ZV_UNLOAD_PLUGIN, "HOST"}, true}),
-    [](const auto& info) { return std::string(info.param.name); });
+    caseName<Scenario>);
 
 }  // namespace

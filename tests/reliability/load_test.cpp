@@ -25,15 +25,12 @@ std::pair<size_t, size_t> resourcesNow() {
 }
 
 TEST(LoadTest, ThreadsCallEveryOperationWhileUserStateIsClearedAndEachHandlerRunsOnce) {
-  ZVLoopbackServer server;
-  CloseConnectionsFirst closeFirst;
   // Every fifth request is refused by the service.
   std::atomic<size_t> served{0};
-  server.setHandler([&](const LoopbackRequest& request) {
+  ServiceServer server([&](const LoopbackRequest& request) {
     return ++served % 5 == 0 ? LoopbackResponse{.body = R"({"status":"error","message":"busy"})"}
                              : serviceAnswer(request);
   });
-  configureService(server.baseURL());
   ZVRewardsManager* manager = ZVRewardsManager::instance();
   manager->setRefreshInterval(0.05);  // a mix of cache hits and requests
   const std::vector<Operation> operations = allOperationsAndRefusals();
@@ -71,11 +68,9 @@ TEST(LoadTest, ThreadsCallEveryOperationWhileUserStateIsClearedAndEachHandlerRun
 }
 
 TEST(LoadTest, KeepAliveSoakLeavesNoDescriptorOrThreadBehind) {
-  ZVLoopbackServer server;
-  server.setHandler([](const LoopbackRequest&) {
+  ServiceServer server([](const LoopbackRequest&) {
     return LoopbackResponse{.body = R"({"status":"ok","orders":[{"id":"1","status":"approved"}]})"};
   });
-  configureService(server.baseURL());
   ZVRewardsManager* manager = ZVRewardsManager::instance();
 
   // The baseline: one exchange has run (the server's workers exist), then the

@@ -18,11 +18,9 @@ using namespace zvtest;
 namespace {
 
 TEST(SecurityTest, TokenNeverReachesALogLineAtAnyLevelOrCategory) {
-  ZVLoopbackServer server;
-  CloseConnectionsFirst closeFirst;
   std::atomic<bool> fail{false};
   // When failing, failures of every kind, by endpoint.
-  server.setHandler([&](const LoopbackRequest& r) {
+  ServiceServer server([&](const LoopbackRequest& r) {
     if (!fail) return serviceAnswer(r);
     if (r.path.ends_with("/offers"))
       return LoopbackResponse{401, R"({"status":"error","message":"expired"})"};
@@ -30,7 +28,6 @@ TEST(SecurityTest, TokenNeverReachesALogLineAtAnyLevelOrCategory) {
       return LoopbackResponse{200, R"({"status":"error","message":"no"})"};
     return LoopbackResponse{500, "oops"};
   });
-  configureService(server.baseURL());
   for (int64_t level : {0, 1, 2, 3}) {
     SCOPED_TRACE(level);
     LogCapture log(level);
@@ -52,12 +49,9 @@ TEST(SecurityTest, TokenNeverReachesALogLineAtAnyLevelOrCategory) {
 }
 
 TEST(SecurityTest, HostileIdsStayInTheirSlotOfTheirEndpoint) {
-  ZVLoopbackServer server;
-  CloseConnectionsFirst closeFirst;
-  server.setHandler([](const LoopbackRequest&) {
+  ServiceServer server([](const LoopbackRequest&) {
     return LoopbackResponse{200, R"({"status":"ok"})"};
   });
-  configureService(server.baseURL());
   // Path separators, dot segments, encodings, control characters, bad UTF-8,
   // and an id that takes a whole path.
   std::vector<std::string> ids = {"a/b",  "a b",          "..",   ".",           "...",
@@ -72,13 +66,12 @@ TEST(SecurityTest, HostileIdsStayInTheirSlotOfTheirEndpoint) {
     for (const bool order : {true, false}) {
       SCOPED_TRACE(::testing::PrintToString(id) + (order ? " in an order" : " in an answer"));
       const size_t before = server.requestCount();
-      Completions done = startAll({{"", nullptr, [&](auto* m, AnyHandler h) {
-                                      order
-                                          ? m->placeOrder(ZVOrderRequest::initWithOfferID(id, 1), h)
-                                          : m->answerSkillQuestionForOfferID(id, id, "x", h);
-                                    }}});
-      ASSERT_TRUE(waitForAll(done));
-      if (const ZVErrorPtr error = done[0]->error; !done[0]->result) {
+      const auto done = await([&](auto h) {
+        auto* m = ZVRewardsManager::instance();
+        order ? m->placeOrder(ZVOrderRequest::initWithOfferID(id, 1), h)
+              : m->answerSkillQuestionForOfferID(id, id, "x", h);
+      });
+      if (const ZVErrorPtr error = done->error; !done->result) {
         // Refused before anything was sent: a dot segment cannot be an id, and
         // an order body cannot carry text that is not UTF-8.
         ASSERT_TRUE(error);
@@ -163,9 +156,7 @@ TEST(TLSTest, CertificateMustChainToTheCAFileAndNameTheHost) {
 // Every operation is refused before anything is sent (the tests that talk to
 // a loopback service show plain http allowed).
 TEST(TLSTest, PlainHTTPIsRefusedUnlessTheHostAllowsIt) {
-  ZVLoopbackServer server;
-  CloseConnectionsFirst closeFirst;
-  configureService(server.baseURL());
+  ServiceServer server;
   reconfigure([&](ZVConfiguration& config) { config.allowInsecureHTTP = false; });
   Completions refused = startAll(allOperations());
   ASSERT_TRUE(waitForAll(refused));

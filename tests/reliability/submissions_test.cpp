@@ -92,11 +92,6 @@ class OrderService {
   std::string host_;
 };
 
-template <class Handler>
-void placeOrder(Handler handler) {
-  ZVRewardsManager::instance()->placeOrder(ZVOrderRequest::initWithOfferID("101", 1), handler);
-}
-
 Completions placeOrders(size_t count) {
   Completions completions = startAll(std::vector(count, operation("placeOrder")));
   EXPECT_TRUE(waitForAll(completions));
@@ -222,10 +217,7 @@ TEST(RetryPolicyTest, RetriesTheFaultsItShouldAndNothingElse) {
     SCOPED_TRACE(c.name);
     ScriptedServer script{c.answers};
     script.configure(10s, {.maxAttempts = 8, .baseDelay = 1ms, .maxDelay = 4ms});
-    const auto done = await([&](auto h) {
-      c.submission ? placeOrder(h)
-                   : ZVRewardsManager::instance()->fetchOrdersWithCompletionHandler(h);
-    });
+    const auto done = run(c.submission ? "placeOrder" : "fetchOrders");
     EXPECT_EQ(done->calls.load(), 1);
     const ZVErrorPtr& error = done->error;
     EXPECT_EQ(error == nullptr, c.succeeds);
@@ -345,9 +337,7 @@ TEST(RetryPolicyTest, AttemptsAndWaitsFitTheRequestTimeout) {
   ScriptedServer script{{status(503)}};
   script.configure(400ms, {.maxAttempts = 1000, .baseDelay = 20ms, .maxDelay = 100ms});
   const auto start = std::chrono::steady_clock::now();
-  const ZVErrorPtr error = await([](auto h) {
-                             ZVRewardsManager::instance()->fetchOrdersWithCompletionHandler(h);
-                           })->error;
+  const ZVErrorPtr error = run("fetchOrders")->error;
   // Bounded by the deadline, not by the attempts allowed (minutes of waits);
   // the slack leaves room for a sanitized build on a busy machine.
   EXPECT_LT(std::chrono::steady_clock::now() - start, 400ms + 4s);
@@ -361,14 +351,11 @@ TEST(RetryPolicyTest, AttemptsAndWaitsFitTheRequestTimeout) {
 
 // Past maxRequestsInFlight a call fails at once, on the main queue.
 TEST(AdmissionTest, CallsPastTheLimitFailOnTheMainQueue) {
-  ZVLoopbackServer server;
-  CloseConnectionsFirst closeFirst;
-  server.setHandler([](const LoopbackRequest& request) {
+  ServiceServer server([](const LoopbackRequest& request) {
     LoopbackResponse answer = serviceAnswer(request);
     answer.delay = 300ms;
     return answer;
   });
-  configureService(server.baseURL());
   reconfigure([&](ZVConfiguration& config) { config.maxRequestsInFlight = 2; });
   Completions done = startAll(std::vector(4, operation("fetchOrders")));
   for (const auto& c : done) EXPECT_EQ(c->calls.load(), 0) << "called inside the call";

@@ -318,10 +318,7 @@ bool threadsBecome(size_t expected) {
 // Shutdown joins the SDK's threads, also with a request in flight, and leaves
 // the SDK ready to work again; called from inside a handler, it returns.
 TEST(ShutdownTest, JoinsTheThreadsAndTheSDKWorksAgain) {
-  ZVLoopbackServer server;
-  CloseConnectionsFirst closeFirst;
-  server.setHandler(serviceAnswer);
-  configureService(server.baseURL());
+  ServiceServer server;
   Zorvane::shutdown();  // no thread of the SDK's from earlier tests
   EXPECT_TRUE(threadsBecome(0)) << sdkThreads();
 
@@ -335,9 +332,7 @@ TEST(ShutdownTest, JoinsTheThreadsAndTheSDKWorksAgain) {
   EXPECT_TRUE(threadsBecome(0)) << sdkThreads();
   EXPECT_EQ(ZVGenericRequestManager::instance()->requestsInFlight(), 0u);
 
-  EXPECT_FALSE(await([](auto h) {
-                 ZVRewardsManager::instance()->fetchOrdersWithCompletionHandler(h);
-               })->error);
+  EXPECT_FALSE(run("fetchOrders")->error);
 
   ZVMainQueue::shared()->startDedicatedThread();
   std::atomic<bool> returned{false};

@@ -87,8 +87,8 @@ TEST(OutOfMemoryTest, EachFailedAllocationEndsInOneCallAndOneNotification) {
       SCOPED_TRACE(n);
       manager->resetData();
       manager->setLastRefreshTime(1000.0);
-      auto response = std::make_shared<ZVGenericResponse>(
-          200, "https://127.0.0.1/x", ZVJSONParse(answer.body).value.dictionary());
+      auto response =
+          std::make_shared<ZVGenericResponse>(200, "https://127.0.0.1/x", dict(answer.body));
       NotificationLog notifications;
       Completion c;
       const ZVRewardsCall call = handlerFor(answer.kind, c);

@@ -24,30 +24,6 @@
 
 namespace zvtest {
 
-/// A token that must never show up in a log line, message or output.
-inline constexpr const char* kSecretToken = "tok-7f3a9c-never-print-me";
-
-/// Points the SDK at `serviceHost` with the secret token and a short timeout.
-inline void configureService(const std::string& serviceHost,
-                             std::chrono::milliseconds timeout = std::chrono::seconds(5),
-                             const std::string& appID = "app") {
-  ZVConfiguration configuration;
-  configuration.serviceHost = serviceHost;
-  configuration.appID = appID;
-  configuration.accessToken = kSecretToken;
-  configuration.allowInsecureHTTP = true;
-  configuration.connectTimeout = timeout;
-  configuration.requestTimeout = timeout;
-  Zorvane::configure(configuration);
-}
-
-/// Changes the SDK's configuration as `change` says.
-inline void reconfigure(const std::function<void(ZVConfiguration&)>& change) {
-  ZVConfiguration configuration = Zorvane::configuration();
-  change(configuration);
-  Zorvane::configure(configuration);
-}
-
 /// A good answer from every endpoint of the service.
 inline LoopbackResponse serviceAnswer(const LoopbackRequest& request) {
   auto ok = [](const char* rest) {
@@ -200,6 +176,11 @@ inline const Operation& operation(std::string_view name) {
   throw std::invalid_argument("no operation " + std::string(name));
 }
 
+/// Runs the operation of that name once, and waits for it.
+inline std::unique_ptr<Completion> run(std::string_view name) {
+  return await([&](auto h) { operation(name).start(ZVRewardsManager::instance(), {h}); });
+}
+
 /// Every operation, plus calls that fail validation and send nothing.
 inline std::vector<Operation> allOperationsAndRefusals() {
   std::vector<Operation> operations = allOperations();
@@ -242,6 +223,16 @@ inline bool waitForAll(Completions& completions,
 /// first, so that none of them outlives the test that opened it.
 struct CloseConnectionsFirst {
   ~CloseConnectionsFirst() { ZVGenericRequestManager::instance()->setTransport(nullptr); }
+};
+
+/// A loopback server that answers with `handler`, and the SDK pointed at it;
+/// the SDK's kept-alive connections close before the server stops.
+struct ServiceServer : ZVLoopbackServer {
+  explicit ServiceServer(Handler handler = serviceAnswer) {
+    setHandler(std::move(handler));
+    configureService(baseURL());
+  }
+  CloseConnectionsFirst closeFirst;
 };
 
 /// Base fixture of the manager's tests: a fresh loopback server, the SDK

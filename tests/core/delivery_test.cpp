@@ -1,3 +1,6 @@
+// How the SDK reaches the host's code: the main queue that runs deliveries,
+// and the notification center that announces them.
+#include <ZorvaneCoreKit/ZVMainQueue.h>
 #include <ZorvaneCoreKit/ZVNotificationCenter.h>
 #include <ZorvaneCoreKit/Zorvane.h>
 
@@ -12,6 +15,157 @@
 #include <gtest/gtest.h>
 
 namespace {
+
+using namespace std::chrono_literals;
+
+TEST(MainQueueTest, DrainRunsQueuedTasksInOrderNeverInlineAndSurvivesThrowingTasks) {
+  ZVMainQueue queue;
+  std::vector<int> order;
+  queue.async([&] { order.push_back(1); });
+  queue.async([] { throw std::runtime_error("task failure"); });
+  queue.async([&] { order.push_back(2); });
+  EXPECT_TRUE(order.empty());
+  EXPECT_EQ(queue.pendingCount(), 3u);
+  EXPECT_EQ(queue.drain(), 3u);
+  EXPECT_EQ(order, (std::vector<int>{1, 2}));
+
+  // A drain runs only what was queued before it started.
+  int inner = 0;
+  queue.async([&] { queue.async([&] { ++inner; }); });
+  EXPECT_EQ(queue.drain(), 1u);
+  EXPECT_EQ(inner, 0);
+  EXPECT_EQ(queue.pendingCount(), 1u);
+  EXPECT_EQ(queue.drain(), 1u);
+  EXPECT_EQ(inner, 1);
+  EXPECT_EQ(queue.drain(), 0u);
+}
+
+TEST(MainQueueTest, RunUntilStopsWhenDoneOrAtTimeout) {
+  ZVMainQueue queue;
+  EXPECT_FALSE(queue.runUntil([] { return false; }, 30ms));
+  EXPECT_TRUE(queue.runUntil([] { return true; }, 0ms));
+
+  // A task queued once the loop has looked and found nothing to do wakes it.
+  std::atomic<bool> looked{false}, done{false};
+  std::thread producer([&] {
+    while (!looked) std::this_thread::yield();
+    queue.async([&] { done = true; });
+  });
+  EXPECT_TRUE(queue.runUntil(
+      [&] {
+        looked = true;
+        return done.load();
+      },
+      10s));
+  producer.join();
+}
+
+TEST(MainQueueTest, TasksFromManyThreadsRunExactlyOnceAndNeverOverlap) {
+  ZVMainQueue queue;
+  constexpr int kThreads = 4, kPerThread = 500;
+  std::vector<std::atomic<int>> runs(kThreads * kPerThread);
+  std::atomic<int> inFlight{0}, overlaps{0}, total{0};
+  std::vector<std::thread> producers;
+  for (int t = 0; t < kThreads; ++t) {
+    producers.emplace_back([&, t] {
+      for (int i = 0; i < kPerThread; ++i) {
+        queue.async([&, id = t * kPerThread + i] {
+          if (inFlight.fetch_add(1) != 0) overlaps.fetch_add(1);
+          runs[id].fetch_add(1);
+          inFlight.fetch_sub(1);
+          total.fetch_add(1);
+        });
+      }
+    });
+  }
+  EXPECT_TRUE(queue.runUntil([&] { return total.load() == kThreads * kPerThread; }, 30s));
+  for (auto& p : producers) p.join();
+  EXPECT_EQ(overlaps.load(), 0);
+  for (auto& r : runs) ASSERT_EQ(r.load(), 1);
+}
+
+TEST(MainQueueTest, DedicatedThreadStartsStopsAndKeepsUnrunTasks) {
+  ZVMainQueue queue;
+  queue.startDedicatedThread();
+  queue.startDedicatedThread();  // idempotent
+  std::atomic<bool> ran{false};
+  std::thread::id runner;
+  queue.async([&] {
+    runner = std::this_thread::get_id();
+    ran = true;
+  });
+  EXPECT_TRUE(queue.runUntil([&] { return ran.load(); }, 10s));
+  EXPECT_NE(runner, std::this_thread::get_id());
+  EXPECT_EQ(queue.drain(), 0u);  // the thread holds the queue
+
+  // Stopped, the queue is this thread's again.
+  queue.stopDedicatedThread();
+  int later = 0;
+  queue.async([&] { ++later; });
+  EXPECT_EQ(queue.pendingCount(), 1u);
+  EXPECT_EQ(queue.drain(), 1u);
+  EXPECT_EQ(later, 1);
+
+  // A task may stop its own thread; a later start picks the queue up again.
+  queue.async([&] { queue.stopDedicatedThread(); });
+  queue.startDedicatedThread();
+  EXPECT_TRUE(queue.runUntil([&] { return queue.pendingCount() == 0; }, 10s));
+  queue.startDedicatedThread();
+  std::atomic<bool> after{false};
+  queue.async([&] { after = true; });
+  EXPECT_TRUE(queue.runUntil([&] { return after.load(); }, 10s));
+  EXPECT_EQ(later, 1);
+}
+
+// A loop that sleeps is woken once per task, and cannot run the queue from
+// inside the wake-up (it may be inside the call that started an operation).
+TEST(MainQueueTest, WakeUpHandlerIsToldOfEachTaskAndCannotDrainInline) {
+  ZVMainQueue queue;
+  int wakeUps = 0;
+  size_t ranInside = 0;
+  queue.setWakeUpHandler([&] {
+    ++wakeUps;
+    ranInside += queue.drain();
+    ranInside += queue.runUntil([] { return true; }, 0ms) ? 1 : 0;
+    throw std::runtime_error("the loop is gone");  // reported; the task stays queued
+  });
+  int ran = 0;
+  for (int i = 0; i < 3; ++i) queue.async([&] { ++ran; });
+  EXPECT_EQ(wakeUps, 3);
+  EXPECT_EQ(ranInside, 0u);
+  EXPECT_EQ(ran, 0);
+  EXPECT_EQ(queue.drain(), 3u);
+  queue.setWakeUpHandler({});
+  queue.async([] {});
+  EXPECT_EQ(wakeUps, 3);
+}
+
+TEST(MainQueueTest, ExecutorGetsEveryTaskInOrderThenTheQueueTakesOver) {
+  ZVMainQueue queue;
+  std::vector<int> order;
+  queue.async([&] { order.push_back(1); });  // queued before the executor: handed over first
+  std::vector<ZVMainQueue::Task> loop;
+  queue.setExecutor([&](ZVMainQueue::Task task) { loop.push_back(std::move(task)); });
+  EXPECT_EQ(queue.pendingCount(), 0u);
+  queue.async([&] { order.push_back(2); });
+  EXPECT_TRUE(order.empty());  // never inline
+  for (auto& task : loop) task();
+  EXPECT_EQ(order, (std::vector<int>{1, 2}));
+
+  // An executor that throws is reported; the SDK goes on.
+  std::vector<std::string> reported;
+  Zorvane::setHostExceptionHandler(
+      [&](std::string_view where, std::string_view) { reported.emplace_back(where); });
+  queue.setExecutor([](ZVMainQueue::Task) { throw std::runtime_error("full"); });
+  queue.async([&] { order.push_back(3); });
+  Zorvane::setHostExceptionHandler({});
+  EXPECT_EQ(reported, (std::vector<std::string>{"the main queue's executor"}));
+
+  queue.setExecutor({});
+  queue.async([&] { order.push_back(4); });
+  EXPECT_EQ(queue.drain(), 1u);
+  EXPECT_EQ(order, (std::vector<int>{1, 2, 4}));
+}
 
 struct Sender : ZVObject {};
 
@@ -156,7 +310,7 @@ TEST(NotificationCenterTest, ObservationRemovesItselfAndWaitsForACallUnderWay) {
   auto observation =
       std::make_unique<ZVObservation>(center.observe("slow", nullptr, [&](const ZVNotification&) {
         entered = true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        std::this_thread::sleep_for(100ms);
         finished = true;
       }));
   std::thread poster([&] { center.postNotificationName("slow", nullptr); });
