@@ -525,6 +525,8 @@ class Builder {
     ZVText*& cached = keyCache_.texts[zv_detail::longKeyHash(key) >> 56];
     if (cached == nullptr || std::string_view(cached->data(), cached->size) != key) {
       if (cached != nullptr) cached->release();
+      // Cleared first: should making the new text throw, the teardown must
+      // not release the old one a second time.
       cached = nullptr;
       cached = ZVText::make(arena_, key);
       keyCache_.used = true;
