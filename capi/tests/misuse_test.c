@@ -321,8 +321,8 @@ static void check_cancellation(void) {
   CHECK_RESULT(ZVR_OK, zvr_cancel_scope_get_pending_count(scope, &pending));
   CHECK(pending == 0 && a.calls == 0 && b.calls == 0);
   zvr_test_drain();
-  CHECK(a.calls == 1 && a.cancelled == 1 && b.calls == 1 && b.cancelled == 1);
-  CHECK(c.calls == 1 && c.cancelled == 0);
+  CHECK(a.calls == 1 && a.cancelled == 1 && b.calls == 1 && b.cancelled == 1 && c.calls == 1 &&
+        c.cancelled == 0);
 
   /* The scope stays usable; cancel-all reaches operations in a scope and not. */
   CHECK_RESULT(ZVR_OK, fail_in(scope, &a));
@@ -452,8 +452,8 @@ int main(void) {
   CHECK(strcmp(zvr_result_name(ZVR_E_INVALID_HANDLE), "ZVR_E_INVALID_HANDLE") == 0);
   CHECK(strcmp(zvr_result_name(12345), "ZVR_E_UNKNOWN") == 0);
   CHECK(zvr_api_version() >> 16 == ZVR_API_VERSION >> 16);
-  CHECK(zvr_sdk_version_number() == 3.0);
-  CHECK(strncmp(zvr_sdk_version_string(), "@(#)PROGRAM:ZorvaneRewardsKit", 29) == 0);
+  CHECK(zvr_sdk_version_number() == 3.0 &&
+        strncmp(zvr_sdk_version_string(), "@(#)PROGRAM:ZorvaneRewardsKit", 29) == 0);
 
   check_null_and_made_up_handles();
   check_released_and_mistyped_handles();

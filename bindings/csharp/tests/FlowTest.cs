@@ -98,9 +98,9 @@ static class FlowTest
             Check(request.Json.Contains("\"city\":\"Montréal\""), "the request's JSON");
             order = Await<Order>(done => Rewards.PlaceOrder(request, done), out error);
         }
-        Check(error == null && order.OfferId == "101" && order.ShippingAddress.City == "Montréal", "the order");
-        Check(order.User.AvailablePoints == 5000 - 150 && available == order.User.AvailablePoints && test == 0,
-              "the balance in the order and its notification");
+        Check(error == null && order.OfferId == "101" && order.ShippingAddress.City == "Montréal" &&
+              order.User.AvailablePoints == 5000 - 150 && available == order.User.AvailablePoints && test == 0,
+              "the order, its balance and the balance's notification");
 
         OrderList orders = Await<OrderList>(Rewards.FetchOrders, out error);
         Check(error == null && orders.Count == 1 && orders[0].Id == order.Id, "the orders list");
@@ -133,8 +133,8 @@ static class FlowTest
         Rewards.UnhandledCallbackException = e => reported = e;
         Rewards.PlaceOrder(null, (o, e) => { throw new InvalidOperationException("game bug"); });
         RewardsError validation = Await<Order>(done => Rewards.PlaceOrder(null, done), out error) == null ? error : null;
-        Check(reported is InvalidOperationException, "the exception was reported");
-        Check(validation != null && validation.Code == "ZVErrorServerNoRequest", "validation error code");
+        Check(reported is InvalidOperationException && validation != null && validation.Code == "ZVErrorServerNoRequest",
+              "the exception reported, then the validation error");
 
         // Disposed objects refuse to be read instead of reaching freed memory.
         mug.Dispose();
