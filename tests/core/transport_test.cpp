@@ -239,30 +239,8 @@ TEST_F(TransportTest, ReplacingTheTransportFailsRequestsInFlight) {
   EXPECT_EQ(calls[0].error->code(), ZVErrorShutdown);
 }
 
-// Keeps what the transport answered, on its way to the caller.
-class AnswerLog : public ZVTransportWrapper {
- public:
-  using ZVTransportWrapper::ZVTransportWrapper;
-  void send(ZVHTTPRequest request, Completion done) override {
-    inner()->send(std::move(request), [this, done = std::move(done)](ZVHTTPResult result) {
-      {
-        std::lock_guard lock(mutex_);
-        results_.push_back(result);
-      }
-      done(std::move(result));
-    });
-  }
-  std::vector<ZVHTTPResult> results() {
-    std::lock_guard lock(mutex_);
-    return results_;
-  }
-
- private:
-  std::mutex mutex_;
-  std::vector<ZVHTTPResult> results_;  // guarded by mutex_
-};
-
 // Through the request manager, which hands each request to the transport.
+// The server speaks HTTP/2 only (ALPN "h2"), so every answer came over it.
 TEST_F(TransportTest, HTTP2SixteenInFlightShareOneMultiplexedConnection) {
   constexpr int kTotal = 64;
   constexpr int kInFlight = 16;
@@ -270,12 +248,10 @@ TEST_F(TransportTest, HTTP2SixteenInFlightShareOneMultiplexedConnection) {
   zvtest::ZVHTTP2Server server([&](const zvtest::HTTP2Request&) {
     return zvtest::HTTP2Reply{200, kBody};
   });
-  auto log = std::make_shared<AnswerLog>(ZVMakeCurlTransport());
   zvtest::reconfigure([&](ZVConfiguration& config) {
     config.serviceHost = server.baseURL();
     config.caFile = server.caFile();
   });
-  ZVGenericRequestManager::instance()->setTransport(log);
 
   std::atomic<int> finished{0}, errors{0}, started{0};
   // Each answer sends the next request, so that 16 stay in flight.
@@ -283,9 +259,9 @@ TEST_F(TransportTest, HTTP2SixteenInFlightShareOneMultiplexedConnection) {
     if (started.fetch_add(1) >= kTotal) return;
     ZVGenericRequestManager::instance()->sendRequest(
         makeRequest(0, kOffersURL), [&](const std::string&, std::shared_ptr<ZVGenericResponse>,
-                                        ZVErrorPtr error, ZVDictionaryPtr) {
+                                        ZVErrorPtr error, ZVDictionaryPtr body) {
           sendNext();
-          errors += error != nullptr;
+          errors += error != nullptr || ZVJSONValue(body) != zvtest::json(kBody);
           ++finished;
         });
   };
@@ -293,16 +269,6 @@ TEST_F(TransportTest, HTTP2SixteenInFlightShareOneMultiplexedConnection) {
   ASSERT_TRUE(zvtest::drainUntil([&] { return finished == kTotal; }, 20s))
       << finished << " of " << kTotal << " answered";
   EXPECT_EQ(errors, 0);
-  ZVGenericRequestManager::instance()->setTransport(nullptr);
-
-  const std::vector<ZVHTTPResult> results = log->results();
-  ASSERT_EQ(results.size(), size_t{kTotal});
-  for (const ZVHTTPResult& result : results) {
-    ASSERT_EQ(result.failure, ZVTransportFailure::None) << result.failureMessage;
-    EXPECT_EQ(result.status, 200);
-    EXPECT_EQ(result.httpVersion, "2");
-    EXPECT_EQ(result.body, kBody);
-  }
   EXPECT_EQ(server.streams(), size_t{kTotal});
   EXPECT_EQ(server.connections(), 1u);
 }
