@@ -37,10 +37,6 @@ ZVLoopbackServer::ZVLoopbackServer()
 
 ZVLoopbackServer::~ZVLoopbackServer() = default;
 
-std::string ZVLoopbackServer::baseURL() const {
-  return "http://127.0.0.1:" + std::to_string(port());
-}
-
 void ZVLoopbackServer::setHandler(Handler handler) {
   std::lock_guard lock(mutex_);
   handler_ = std::move(handler);

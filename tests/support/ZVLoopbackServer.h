@@ -61,7 +61,7 @@ class ZVLoopbackServer {
 
   int port() const { return server_->port(); }
   /// "http://127.0.0.1:<port>".
-  std::string baseURL() const;
+  std::string baseURL() const { return server_->baseURL(); }
 
   void setHandler(Handler handler);
   void enqueue(LoopbackResponse response);
