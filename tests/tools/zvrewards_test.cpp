@@ -177,25 +177,22 @@ class SandboxTest : public ::testing::Test {
   std::unique_ptr<ZVSandbox> sandbox_;
 };
 
-TEST_F(SandboxTest, GateChecksTokenAppAndPath) {
+// The gate (token, app, endpoint), then the order's own refusals.
+TEST_F(SandboxTest, RefusalsExplainThemselves) {
   start();
-  const std::tuple<const char*, const char*, int, const char*> cases[] = {
+  const std::tuple<const char*, const char*, int, const char*> gate[] = {
       {"sandbox-app/orders", nullptr, 401, "invalid access token"},
       {"sandbox-app/orders", "wrong", 401, "invalid access token"},
       {"other-app/orders", kSandboxToken, 404, "unknown app 'other-app'"},
       {"sandbox-app/nothing", kSandboxToken, 404,
        "no such endpoint: GET /api/v1/apps/sandbox-app/nothing"},
   };
-  for (const auto& [path, token, status, message] : cases) {
+  for (const auto& [path, token, status, message] : gate) {
     SCOPED_TRACE(path);
     httplib::Headers headers;
     if (token) headers.emplace("Authorization", fmt::format("Bearer {}", token));
     expectError(call(path, std::nullopt, headers, "/api/v1/apps/"), status, message);
   }
-}
-
-TEST_F(SandboxTest, RefusalsExplainThemselves) {
-  start();
   const std::string deep = std::string(100000, '[') + std::string(100000, ']');
   const std::string quantity = "Quantity must be a whole number from 1 to 1000";
   const std::tuple<const char*, std::string, int, std::string> cases[] = {
@@ -323,16 +320,19 @@ TEST_F(SandboxTest, IdempotencyKeyAnswersOnceAndRefusesAnotherRequest) {
   EXPECT_EQ(keyed(std::string(255, '~'), path, R"({"order":{}})").status, 200);
 
   // Concurrent requests with one key: one order, the same answer for all.
-  std::vector<Answer> answers(8);
+  // Meanwhile 24 orders of a 400-point offer without a key: of the 4250
+  // points left, the keyed order takes 250 and 10 of them the rest, never more.
+  std::vector<Answer> answers(8), unkeyed(24);
   std::vector<std::thread> threads;
   for (auto& answer : answers)
     threads.emplace_back([&] { answer = keyed("same", path, R"({"order":{}})"); });
+  for (auto& answer : unkeyed) threads.emplace_back([&] { answer = order("102"); });
   for (auto& thread : threads) thread.join();
-  for (const auto& answer : answers) {
-    EXPECT_EQ(answer.status, 200);
+  for (const auto& answer : answers)
     EXPECT_EQ(answer.body["order"]["id"], answers[0].body["order"]["id"]) << answer.text;
-  }
-  EXPECT_EQ(ordersKept(), 4u);
+  for (const auto& answer : unkeyed) EXPECT_EQ(answer.status, 200) << "refused, not failed";
+  EXPECT_EQ(std::ranges::count_if(unkeyed, [](auto& a) { return a.body["status"] == "ok"; }), 10);
+  EXPECT_EQ(ordersKept(), 14u);
 }
 
 // State and keys outlive a restart: an order whose answer was lost is found
@@ -659,19 +659,16 @@ TEST_F(ZvrewardsTest, ServiceTextCannotDriveTheTerminalNorShowTheToken) {
       fmt::format(R"({{"id":"{0}","offer_id":"{0}","name":"{0}","created_at":"{0}","status":"{0}",)"
                   R"("user":{{"id":"{0}","available_points":1}},"extras_key_{0}":1}})",
                   evil);
+  // One answer holds what every command reads.
+  const std::string answer = fmt::format(
+      R"({{"status":"ok","offers":[{1}],"orders":[{2}],"order":{2},"challenge":{{"id":"{0}",)"
+      R"("status":"{0}","skills_test_question":{{"id":"{0}","question":"{0}"}}}}}})",
+      evil, offer, order);
   std::atomic<bool> failing = false;
   zvtest::ZVLoopbackServer server;
-  server.setHandler([&](const zvtest::LoopbackRequest& request) -> zvtest::LoopbackResponse {
+  server.setHandler([&](const zvtest::LoopbackRequest&) -> zvtest::LoopbackResponse {
     if (failing) return {500, fmt::format(R"({{"status":"error","message":"{}"}})", evil)};
-    const std::string& path = request.path;
-    std::string rest = fmt::format(R"("challenge":{{"id":"{0}","status":"{0}"}})", evil);
-    if (path.ends_with("/offers")) rest = R"("offers":[)" + offer + "]";
-    if (path.ends_with("/orders"))
-      rest = request.method == "GET" ? R"("orders":[)" + order + "]" : R"("order":)" + order;
-    if (path.ends_with("/skills_test_question"))
-      rest = fmt::format(
-          R"("challenge":{{"skills_test_question":{{"id":"{0}","question":"{0}"}}}})", evil);
-    return {200, R"({"status":"ok",)" + rest + "}"};
+    return {200, answer};
   });
 
   for (const bool fail : {false, true}) {
@@ -798,13 +795,11 @@ TEST(ZvrewardsFormat, PadsByCodePointsAndTruncates) {
   zvcli::Table table({{"NAME"}, {"POINTS", zvcli::Table::Align::Right}});
   table.addRow({"Tasse à café", "150"});
   table.addRow({"Mug", "75"});
-  std::istringstream lines(table.render());
-  std::vector<size_t> ends;
-  for (std::string line; std::getline(lines, line);) ends.push_back(zvcli::displayWidth(line));
-  ASSERT_EQ(ends.size(), 4u);
   // Right-aligned last column: every line ends in the same screen column.
-  for (size_t end : ends) EXPECT_EQ(end, ends[0]);
-
+  std::istringstream lines(table.render());
+  std::set<size_t> ends;
+  for (std::string line; std::getline(lines, line);) ends.insert(zvcli::displayWidth(line));
+  EXPECT_EQ(ends.size(), 1u) << table.render();
   EXPECT_EQ(zvcli::truncateToWidth("Écouteurs sans fil", 6), "Écout…");
   EXPECT_EQ(zvcli::truncateToWidth("short", 6), "short");
 }
