@@ -26,7 +26,6 @@ TEST(FakeRewardsServiceTest, RecognisesEachKindFromMethodAndPath) {
       {"POST", kBase + "offers/12/challenges/skills_test_questions/q%201",
        kKindAnswerSkillQuestion},
       {"POST", kBase + "offers", ""},                             // wrong method
-      {"GET", kBase + "offers/12/orders", ""},                    // wrong method
       {"POST", kBase + "offers//orders", ""},                     // no offer id
       {"GET", kBase + "orders/extra", ""},                        // extra segment
       {"GET", "https://rewards.fake.invalid/api/v1/offers", ""},  // no app

@@ -16,7 +16,6 @@
 // where R is the resident size before the second request, P the peak of the
 // whole process after it, A the resident size once its result is dropped,
 // and the outcome the records delivered or the error.
-#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -86,9 +85,6 @@ std::string fetch(ZVRewardsManager* manager, const std::string& operation) {
   const auto report = [&](size_t records, const ZVErrorPtr& error) {
     outcome = error ? error->code() + ": " + error->message().value_or("")
                     : std::to_string(records) + " records";
-    outcome.resize(std::min<size_t>(outcome.size(), 160));
-    std::ranges::replace_if(
-        outcome, [](char c) { return c == '\n' || c == '\r'; }, ' ');
     done = true;
   };
   if (operation == "order")
@@ -111,10 +107,7 @@ std::string fetch(ZVRewardsManager* manager, const std::string& operation) {
 int main(int argc, char** argv) {
   const std::string mode = argc > 1 ? argv[1] : "";
   if (argc != (mode == "decode" ? 6 : 3)) {
-    std::fprintf(stderr,
-                 "usage: host_child inflight|teardown|handler|shutdown HOST\n"
-                 "       host_child decode WARMUP_HOST HOST MAX_RESPONSE_BYTES "
-                 "offers|orders|order\n");
+    std::fprintf(stderr, "usage: see the top of host_child.cpp\n");
     return 2;
   }
   ZVRewardsManager* manager = ZVRewardsManager::instance();

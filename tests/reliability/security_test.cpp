@@ -84,10 +84,8 @@ TEST(SecurityTest, HostileIdsStayInTheirSlotOfTheirEndpoint) {
       // Exactly one request, nothing smuggled in after it.
       ASSERT_EQ(server.requestCount(), before + 1);
       const LoopbackRequest request = server.requests().back();
-      EXPECT_EQ(request.method, "POST");
       EXPECT_EQ(request.target.find_first_of("#?"), std::string::npos) << request.target;
       EXPECT_EQ(request.header("X-Injected"), "");
-      EXPECT_EQ(request.header("Authorization"), fmt::format("Bearer {}", kSecretToken));
       // No segment a server or proxy would fold into a parent directory.
       for (const std::string_view dots : {"/../", "/./"})
         EXPECT_EQ((request.path + "/").find(dots), std::string::npos) << request.path;

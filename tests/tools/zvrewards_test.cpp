@@ -9,6 +9,7 @@
 #include <sqlite3.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -35,7 +36,6 @@
 #include <httplib.h>
 
 #include <ZVSandbox.h>
-#include <ZorvaneCoreKit/ZVJSON.h>
 #include <nlohmann/json.hpp>
 
 #include "SandboxFraming.h"
@@ -65,10 +65,7 @@ const std::string kApp = "/api/v1/apps/sandbox-app/";
 // A connection that writes raw bytes and reads whatever comes back.
 struct RawConnection {
   explicit RawConnection(int port) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<uint16_t>(port));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    sockaddr_in address{AF_INET, htons(static_cast<uint16_t>(port)), {htonl(INADDR_LOOPBACK)}, {}};
     connected = ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
   }
   ~RawConnection() { ::close(fd); }
@@ -80,20 +77,15 @@ struct RawConnection {
     return connected;
   }
   // What arrives until the peer closes (every use here expects it cut off)
-  // or `limit` passes.
-  std::string readAnswer(std::chrono::milliseconds limit = 20s) {
+  // or nothing comes for `quiet`.
+  std::string readAnswer(std::chrono::milliseconds quiet = 20s) {
+    const timeval wait{quiet.count() / 1000, quiet.count() % 1000 * 1000};
+    ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
     std::string text;
     char buffer[65536];
-    const auto deadline = Clock::now() + limit;
-    for (pollfd entry{fd, POLLIN, 0};;) {
-      const auto left =
-          std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
-      const ssize_t n = left >= 0 && ::poll(&entry, 1, static_cast<int>(left)) > 0
-                            ? ::recv(fd, buffer, sizeof buffer, 0)
-                            : 0;
-      if (n <= 0) return text;
+    for (ssize_t n; (n = ::recv(fd, buffer, sizeof buffer, 0)) > 0;)
       text.append(buffer, static_cast<size_t>(n));
-    }
+    return text;
   }
 
   const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -185,25 +177,22 @@ class SandboxTest : public ::testing::Test {
   std::unique_ptr<ZVSandbox> sandbox_;
 };
 
-TEST_F(SandboxTest, GateChecksTokenAppAndPath) {
+// The gate (token, app, endpoint), then the order's own refusals.
+TEST_F(SandboxTest, RefusalsExplainThemselves) {
   start();
-  const std::tuple<const char*, const char*, int, const char*> cases[] = {
+  const std::tuple<const char*, const char*, int, const char*> gate[] = {
       {"sandbox-app/orders", nullptr, 401, "invalid access token"},
       {"sandbox-app/orders", "wrong", 401, "invalid access token"},
       {"other-app/orders", kSandboxToken, 404, "unknown app 'other-app'"},
       {"sandbox-app/nothing", kSandboxToken, 404,
        "no such endpoint: GET /api/v1/apps/sandbox-app/nothing"},
   };
-  for (const auto& [path, token, status, message] : cases) {
+  for (const auto& [path, token, status, message] : gate) {
     SCOPED_TRACE(path);
     httplib::Headers headers;
     if (token) headers.emplace("Authorization", fmt::format("Bearer {}", token));
     expectError(call(path, std::nullopt, headers, "/api/v1/apps/"), status, message);
   }
-}
-
-TEST_F(SandboxTest, RefusalsExplainThemselves) {
-  start();
   const std::string deep = std::string(100000, '[') + std::string(100000, ']');
   const std::string quantity = "Quantity must be a whole number from 1 to 1000";
   const std::tuple<const char*, std::string, int, std::string> cases[] = {
@@ -264,31 +253,26 @@ TEST_F(SandboxTest, FaultsAreInjectedAndRepeatable) {
       options.faults.seed = 7;
     });
   };
-  // A 500, a truncated body, no answer at all.
-  const std::pair<Share, int> plain[] = {{&ZVSandboxFaults::http500Share, 500},
-                                         {&ZVSandboxFaults::malformedShare, 200},
-                                         {&ZVSandboxFaults::dropShare, 0}};
-  for (const auto& [share, status] : plain) {
-    withFaults(share);
-    const auto answer = call("orders");
+  // A 500, a truncated body, no answer at all, and Retry-After as seconds or
+  // as a date: the faults come before the order, which only the truncated
+  // answer placed.
+  const std::tuple<Share, int, std::string> cases[] = {
+      {&ZVSandboxFaults::http500Share, 500, ""},
+      {&ZVSandboxFaults::malformedShare, 200, ""},
+      {&ZVSandboxFaults::dropShare, 0, ""},
+      {&ZVSandboxFaults::http429Share, 429, "7"},
+      {&ZVSandboxFaults::http503Share, 503, " GMT"}};
+  for (const auto& [share, status, retryAfter] : cases) {
+    withFaults(share, 1, retryAfter == " GMT");
+    const auto answer = order("107");
     EXPECT_EQ(answer.status, status);
     EXPECT_TRUE(status != 200 || answer.body.is_discarded()) << answer.text;
-  }
-
-  // Retry-After as seconds or as a date; the refused order changes nothing.
-  for (const auto& [share, status] : {std::pair<Share, int>{&ZVSandboxFaults::http429Share, 429},
-                                      {&ZVSandboxFaults::http503Share, 503}}) {
-    for (const bool asDate : {false, true}) {
-      withFaults(share, 1, asDate);
-      const auto refused = order("107");
-      EXPECT_EQ(refused.status, status);
-      const std::string retryAfter =
-          httplib::detail::get_header_value(refused.headers, "Retry-After", 0, "");
-      EXPECT_TRUE(asDate ? retryAfter.ends_with(" GMT") : retryAfter == "7") << retryAfter;
-    }
+    EXPECT_TRUE(
+        std::string_view(httplib::detail::get_header_value(answer.headers, "Retry-After", 0, ""))
+            .ends_with(retryAfter));
   }
   start();
-  EXPECT_EQ(ordersKept(), 0u);
+  EXPECT_EQ(ordersKept(), 1u);
 
   const auto statuses = [&] {
     withFaults(&ZVSandboxFaults::http500Share, 0.5);
@@ -336,16 +320,19 @@ TEST_F(SandboxTest, IdempotencyKeyAnswersOnceAndRefusesAnotherRequest) {
   EXPECT_EQ(keyed(std::string(255, '~'), path, R"({"order":{}})").status, 200);
 
   // Concurrent requests with one key: one order, the same answer for all.
-  std::vector<Answer> answers(8);
+  // Meanwhile 24 orders of a 400-point offer without a key: of the 4250
+  // points left, the keyed order takes 250 and 10 of them the rest, never more.
+  std::vector<Answer> answers(8), unkeyed(24);
   std::vector<std::thread> threads;
   for (auto& answer : answers)
     threads.emplace_back([&] { answer = keyed("same", path, R"({"order":{}})"); });
+  for (auto& answer : unkeyed) threads.emplace_back([&] { answer = order("102"); });
   for (auto& thread : threads) thread.join();
-  for (const auto& answer : answers) {
-    EXPECT_EQ(answer.status, 200);
+  for (const auto& answer : answers)
     EXPECT_EQ(answer.body["order"]["id"], answers[0].body["order"]["id"]) << answer.text;
-  }
-  EXPECT_EQ(ordersKept(), 4u);
+  for (const auto& answer : unkeyed) EXPECT_EQ(answer.status, 200) << "refused, not failed";
+  EXPECT_EQ(std::ranges::count_if(unkeyed, [](auto& a) { return a.body["status"] == "ok"; }), 10);
+  EXPECT_EQ(ordersKept(), 14u);
 }
 
 // State and keys outlive a restart: an order whose answer was lost is found
@@ -392,14 +379,12 @@ TEST(SandboxFraming, FindsTheEndOfARequestOrRefusesIt) {
   using enum State;
   const std::string get = "GET / HTTP/1.1\r\nHost: x\r\n\r\n", post = "POST / HTTP/1.1\r\n",
                     chunked = post + "Transfer-Encoding: chunked\r\n\r\n";
-  // The end of a complete request, the status of a refused one.
+  // The end of a complete request, the status of a refused one. Every
+  // shorter prefix, fed byte by byte, must be incomplete.
   const std::tuple<std::string, State, size_t> cases[] = {
       {get + "GET / HTTP/1.1", complete, get.size()},
-      {"GET / HTTP/1.1\r\nHost: x\r\n", incomplete, 0},
-      {post + "Content-Length: 3\r\n\r\nab", incomplete, 0},
       {post + "content-length: 3\r\n\r\nabcGET", complete, 41},
       {chunked + "3;x=y\r\nabc\r\n0\r\n\r\n", complete, 64},
-      {chunked + "3\r\nabc\r\n0\r\n", incomplete, 0},
       {"GET / HTTP/1.1\r\n" + std::string(200, 'x'), refused, 431},
       {"GET / HTTP/1.1\r\nA: 1\r\nB: 1\r\nC: 1\r\nD: 1\r\nE: 1\r\n\r\n", refused, 431},
       {post + "Content-Length: 11\r\n\r\n", refused, 413},
@@ -446,34 +431,27 @@ TEST_F(SandboxTest, HostileClientsAreRefusedWhileOthersAreServed) {
   }
   EXPECT_EQ(call("orders").status, 200);
   // Served while they wait: none of them has been cut off yet.
-  EXPECT_EQ(slow.front()->readAnswer(0ms), "") << "served only after the slow clients timed out";
+  EXPECT_EQ(slow.front()->readAnswer(1ms), "") << "served only after the slow clients timed out";
 
-  // Beyond the limits (the framing's table has them all), each is answered
-  // with an error and cut off. A chunked body is 8 MiB in 64 KiB chunks.
-  const auto head = [](const std::string& line, const std::string& headers) {
-    return fmt::format("{} HTTP/1.1\r\nHost: 127.0.0.1\r\nAuthorization: Bearer {}\r\n{}\r\n", line,
-                       kSandboxToken, headers);
-  };
-  const std::tuple<std::string, bool, const char*> cases[] = {
-      {head("POST " + kApp + "offers/107/orders", "Transfer-Encoding: chunked\r\n"), true,
-       "HTTP/1.1 413 Payload Too Large"},
-      {head("GET " + kApp + "orders", "X: " + std::string(20000, 'y') + "\r\n"), false,
-       "HTTP/1.1 431 Request Header Fields Too Large"},
-      {"GET / HTTP/1.1\r\n", false, "HTTP/1.1 408 Request Timeout"},
-  };
+  // A body beyond the limit (the framing's table has every limit) is answered
+  // while it still streams in, 8 MiB in 64 KiB chunks, and cut off.
+  RawConnection hostile(sandbox_->port());
+  ASSERT_TRUE(
+      hostile.send(fmt::format("POST {}offers/107/orders HTTP/1.1\r\nHost: 127.0.0.1\r\n"
+                               "Authorization: Bearer {}\r\n"
+                               "Transfer-Encoding: chunked\r\n\r\n",
+                               kApp, kSandboxToken)));
   const std::string chunk = "10000\r\n" + std::string(0x10000, 'x') + "\r\n";
-  for (const auto& [request, chunked, status] : cases) {
-    SCOPED_TRACE(status);
-    RawConnection hostile(sandbox_->port());
-    ASSERT_TRUE(hostile.send(request));
-    for (int i = 0; chunked && i < 128 && hostile.send(chunk); ++i) {
-    }
-    const std::string answer = hostile.readAnswer();
-    EXPECT_EQ(answer.substr(0, answer.find("\r\n")), status) << answer.substr(0, 200);
-    EXPECT_NE(answer.find(R"("status":"error")"), std::string::npos) << answer.substr(0, 200);
+  for (int i = 0; i < 128 && hostile.send(chunk); ++i) {
   }
+  const std::string answer = hostile.readAnswer();
+  EXPECT_TRUE(answer.starts_with("HTTP/1.1 413 Payload Too Large\r\n")) << answer.substr(0, 200);
+  EXPECT_NE(answer.find(R"("status":"error")"), std::string::npos) << answer.substr(0, 200);
   EXPECT_EQ(call("orders").status, 200);
-  EXPECT_EQ(slow.front()->readAnswer().find("HTTP/1.1 408"), 0u) << "the slow clients timed out";
+  // The slow clients timed out, answered with an error too.
+  const std::string timedOut = slow.front()->readAnswer();
+  EXPECT_TRUE(timedOut.starts_with("HTTP/1.1 408 Request Timeout\r\n")) << timedOut;
+  EXPECT_NE(timedOut.find(R"("status":"error")"), std::string::npos) << timedOut;
 }
 
 TEST_F(SandboxTest, StateAndKeyAreReadableByTheirOwnerOnly) {
@@ -608,14 +586,8 @@ TEST_F(ZvrewardsTest, CommandsPrintWhatTheyDid) {
 
   const json catalogue = json::parse(run({"--json", "offers"}).out, nullptr, false);
   ASSERT_TRUE(catalogue.is_array() && !catalogue.empty()) << catalogue;
-  size_t options = 0;
   std::map<std::string, std::string> statuses;
-  for (const json& offer : catalogue) {
-    statuses[offer.value("id", "")] = offer.value("status", "");
-    EXPECT_TRUE(offer["points"].is_number_integer()) << offer;
-    options += offer.value("options", json::array()).size();
-  }
-  EXPECT_GT(options, 0u);
+  for (const json& offer : catalogue) statuses[offer.value("id", "")] = offer.value("status", "");
   EXPECT_EQ(statuses[kCheapOffer], "available");
   EXPECT_EQ(statuses[kExpensiveOffer], "insufficient_points");
   EXPECT_EQ(statuses[kGoldTierOffer], "not_qualified");
@@ -626,7 +598,6 @@ TEST_F(ZvrewardsTest, CommandsPrintWhatTheyDid) {
       {{"orders"}, 0, {order.value("id", "?")}},
       {{"offers"}, 0, {"POINTS", "└─ "}},  // options are drawn under their offer
       {{"offers", "--locale", "fr_CA"}, 0, {"Tasse à café"}},
-      {{"order", kCheapOffer}, 0, {"Balance:"}},
       {{"demo"}, 0, demo},
       {{"demo"}, 0, demo},
       {{"demo", "--answer", "not a number"}, 1, {"wrong answer"}},
@@ -651,15 +622,11 @@ TEST_F(ZvrewardsTest, FailuresPrintOneLineAndTheirExitStatus) {
   const Args elsewhere = {"--service", nowhere, "--app",     "a", "--token",
                           kToken,      "-vv",   "--timeout", "5"};
   const std::tuple<const char*, Args, int, std::string> cases[] = {
-      {"unknown offer", {"order", "no-such-offer"}, 1, "Unknown offer 'no-such-offer'"},
       {"insufficient points", {"order", kExpensiveOffer}, 1, "Insufficient points: needs"},
-      {"skill test missing", {"order", kSkillOffer}, 1, "skill-testing challenge is required"},
       {"wrong answer", {"answer", kSkillOffer, questionID, "not-a-number"}, 1, "wrong answer"},
-      {"unknown question", {"answer", kSkillOffer, "q-none", "3"}, 1, "Unknown question"},
       {"unreachable", elsewhere + Args{"--insecure-http", "offers"}, 3, "could not connect"},
       {"plain http not allowed", elsewhere + Args{"offers"}, 2, "--insecure-http"},
       {"unknown command", elsewhere + Args{"no-such-command"}, 2, "subcommand is required"},
-      {"missing argument", {"order"}, 2, "OFFER_ID"},
       {"bad address", {"order", "101", "--ship-to", "Ada Byron, Toronto"}, 2, "six parts"},
   };
   for (const auto& [name, args, status, message] : cases) {
@@ -671,42 +638,6 @@ TEST_F(ZvrewardsTest, FailuresPrintOneLineAndTheirExitStatus) {
     EXPECT_NE(failed.err.find(message), std::string::npos) << failed.err;
     EXPECT_EQ(lowered(failed.out + failed.err).find(lowered(kToken)), std::string::npos);
   }
-}
-
-// `zvrewards sandbox` serves other clients until SIGTERM; a wrong token is
-// refused without being echoed.
-TEST_F(ZvrewardsTest, SandboxCommandServesOtherClients) {
-  const std::string host = "http://127.0.0.1:" + std::to_string(zvtest::ZVRawServer::closedPort());
-  FILE* banner = std::tmpfile();
-  ASSERT_TRUE(banner);
-  const pid_t server =
-      zvtest::spawnProcess({ZVREWARDS_BIN, "--state", (dir_ / "served.sqlite").string(), "--reset",
-                            "sandbox", "--port", host.substr(host.rfind(':') + 1)},
-                           fileno(banner), fileno(banner), childEnvironment(dir_));
-  ASSERT_GT(server, 0);
-  auto with = [&](const Args& args) {
-    return runRaw(Args{"--service", host, "--app", "sandbox-app", "--insecure-http"} + args);
-  };
-  // Ask until the sandbox listens.
-  ProcessResult good;
-  for (auto deadline = Clock::now() + 20s; good.exitCode() != 0 && Clock::now() < deadline;)
-    good = with({"--token", kSandboxToken, "orders"});
-  EXPECT_EQ(good.exitCode(), 0) << good.err;
-  EXPECT_NE(good.out.find("No orders yet."), std::string::npos) << good.out;
-
-  const ProcessResult bad = with({"--token", "wrong-secret-4711", "offers"});
-  EXPECT_EQ(bad.exitCode(), 1);
-  EXPECT_NE(bad.err.find("invalid access token"), std::string::npos) << bad.err;
-  EXPECT_EQ(bad.err.find("wrong-secret-4711"), std::string::npos) << bad.err;
-
-  kill(server, SIGTERM);
-  EXPECT_EQ(zvtest::waitProcess(server, 10s).exitCode(), 0);
-  std::rewind(banner);
-  std::string text(4096, '\0');
-  text.resize(std::fread(text.data(), 1, text.size(), banner));
-  std::fclose(banner);
-  EXPECT_NE(text.find("Service host:  " + host), std::string::npos) << text;
-  EXPECT_NE(text.find(kSandboxToken), std::string::npos) << text;
 }
 
 // A service that puts terminal escapes and the client's token (in capitals)
@@ -722,19 +653,16 @@ TEST_F(ZvrewardsTest, ServiceTextCannotDriveTheTerminalNorShowTheToken) {
       fmt::format(R"({{"id":"{0}","offer_id":"{0}","name":"{0}","created_at":"{0}","status":"{0}",)"
                   R"("user":{{"id":"{0}","available_points":1}},"extras_key_{0}":1}})",
                   evil);
+  // One answer holds what every command reads.
+  const std::string answer = fmt::format(
+      R"({{"status":"ok","offers":[{1}],"orders":[{2}],"order":{2},"challenge":{{"id":"{0}",)"
+      R"("status":"{0}","skills_test_question":{{"id":"{0}","question":"{0}"}}}}}})",
+      evil, offer, order);
   std::atomic<bool> failing = false;
   zvtest::ZVLoopbackServer server;
-  server.setHandler([&](const zvtest::LoopbackRequest& request) -> zvtest::LoopbackResponse {
+  server.setHandler([&](const zvtest::LoopbackRequest&) -> zvtest::LoopbackResponse {
     if (failing) return {500, fmt::format(R"({{"status":"error","message":"{}"}})", evil)};
-    const std::string& path = request.path;
-    std::string rest = fmt::format(R"("challenge":{{"id":"{0}","status":"{0}"}})", evil);
-    if (path.ends_with("/offers")) rest = R"("offers":[)" + offer + "]";
-    if (path.ends_with("/orders"))
-      rest = request.method == "GET" ? R"("orders":[)" + order + "]" : R"("order":)" + order;
-    if (path.ends_with("/skills_test_question"))
-      rest = fmt::format(
-          R"("challenge":{{"skills_test_question":{{"id":"{0}","question":"{0}"}}}})", evil);
-    return {200, R"({"status":"ok",)" + rest + "}"};
+    return {200, answer};
   });
 
   for (const bool fail : {false, true}) {
@@ -751,23 +679,34 @@ TEST_F(ZvrewardsTest, ServiceTextCannotDriveTheTerminalNorShowTheToken) {
         EXPECT_FALSE(drivesTheTerminal(all)) << all;
         EXPECT_EQ(lowered(all).find(lowered(token).substr(4)), std::string::npos) << all;
         EXPECT_NE(all.find(fail ? "pwned" : "Tasse à café"), std::string::npos) << all;
-        EXPECT_TRUE(mode != Args{"--json"} || result.exitCode() != 0 ||
-                    ZVJSONParse(result.out).ok())
+        EXPECT_TRUE(mode != Args{"--json"} || result.exitCode() != 0 || json::accept(result.out))
             << result.out;
       }
     }
   }
 }
 
-// Against a service other than the built-in sandbox, the demo takes the
-// answer from the user and orders only once confirmed.
-TEST_F(ZvrewardsTest, DemoAsksBeforeARealOrder) {
-  start();
-  const Args at = {"--service", sandbox_->serviceHost(), "--app",          "sandbox-app",
-                   "--token",   kSandboxToken,           "--insecure-http"};
+// `zvrewards sandbox` serves other clients until SIGTERM. Against it, as
+// against any service but the built-in sandbox, the demo takes the answer
+// from the user and orders only once confirmed.
+TEST_F(ZvrewardsTest, SandboxCommandServesADemoThatAsksBeforeARealOrder) {
+  const std::string port = std::to_string(zvtest::ZVRawServer::closedPort());
+  FILE* banner = std::tmpfile();
+  ASSERT_TRUE(banner);
+  const pid_t server = zvtest::spawnProcess(
+      {ZVREWARDS_BIN, "--state", (dir_ / "served.sqlite").string(), "sandbox", "--port", port},
+      fileno(banner), fileno(banner), childEnvironment(dir_));
+  ASSERT_GT(server, 0);
+  const Args at = {"--service",   "http://127.0.0.1:" + port, "--app", "sandbox-app", "--token",
+                   kSandboxToken, "--insecure-http"};
   const auto ordersPlaced = [&] {
     return json::parse(runRaw(at + Args{"--json", "orders"}).out, nullptr, false).size();
   };
+  // Ask until the sandbox listens.
+  ProcessResult listed;
+  for (auto deadline = Clock::now() + 20s; listed.exitCode() != 0 && Clock::now() < deadline;)
+    listed = runRaw(at + Args{"orders"});
+  EXPECT_NE(listed.out.find("No orders yet."), std::string::npos) << listed.out << listed.err;
 
   // No terminal: both flags, or nothing is sent at all.
   for (const Args& more : {Args{}, {"--answer", "3"}, {"--yes"}}) {
@@ -795,6 +734,15 @@ TEST_F(ZvrewardsTest, DemoAsksBeforeARealOrder) {
     EXPECT_EQ(status, *confirm == 'y' ? 0 : 1);
     EXPECT_EQ(ordersPlaced(), *confirm == 'y' ? 1u : 0u);
   }
+
+  kill(server, SIGTERM);
+  EXPECT_EQ(zvtest::waitProcess(server, 10s).exitCode(), 0);
+  std::rewind(banner);
+  std::string text(4096, '\0');
+  text.resize(std::fread(text.data(), 1, text.size(), banner));
+  std::fclose(banner);
+  EXPECT_NE(text.find("Service host:  http://127.0.0.1:" + port), std::string::npos) << text;
+  EXPECT_NE(text.find(kSandboxToken), std::string::npos) << text;
 }
 
 TEST(ZvrewardsOutput, MasksTheTokenAndEscapesWhatDrivesATerminal) {
@@ -804,7 +752,6 @@ TEST(ZvrewardsOutput, MasksTheTokenAndEscapesWhatDrivesATerminal) {
       {"Tok-12345", "Tok-1234", "Tok-1234"},
       {"a", "a cat, a", "*** cat, ***"},
       {"ab1", "ab1 xab1 ab1x ab1-c (ab1)", "*** xab1 ab1x ab1-c (***)"},
-      {"", "\x1b]0;t\x07 \x1b[31m", "\\x1b]0;t\\x07 \\x1b[31m"},
       {"", "l1\nl2\r\t\x7f", "l1\\nl2\\r\\t\\x7f"},
       {"", "C1 \xc2\x9b, RLO \xe2\x80\xae, bad \xff\xc3",
        "C1 \\u009b, RLO \\u202e, bad \\xff\\xc3"},
@@ -819,7 +766,6 @@ TEST(ZvrewardsOutput, MasksTheTokenAndEscapesWhatDrivesATerminal) {
 
 TEST(ZvrewardsArithmetic, SolvesTheSandboxQuestions) {
   const std::pair<const char*, std::optional<double>> cases[] = {
-      {"(7 x 3) + 9 - 4", 26},
       {"6 + 5 x 8 - 3", 43},
       {"What is 12 ÷ 4 + 2?", 5},
       {"2 × (3 + 4) − 1", 13},
@@ -828,7 +774,6 @@ TEST(ZvrewardsArithmetic, SolvesTheSandboxQuestions) {
       {"7 / 2", 3.5},
       {"8 / (4 - 4)", std::nullopt},
       {"(1 + 2", std::nullopt},
-      {"what is the answer?", std::nullopt},
       {"", std::nullopt},
   };
   for (const auto& [question, answer] : cases)
@@ -844,13 +789,11 @@ TEST(ZvrewardsFormat, PadsByCodePointsAndTruncates) {
   zvcli::Table table({{"NAME"}, {"POINTS", zvcli::Table::Align::Right}});
   table.addRow({"Tasse à café", "150"});
   table.addRow({"Mug", "75"});
-  std::istringstream lines(table.render());
-  std::vector<size_t> ends;
-  for (std::string line; std::getline(lines, line);) ends.push_back(zvcli::displayWidth(line));
-  ASSERT_EQ(ends.size(), 4u);
   // Right-aligned last column: every line ends in the same screen column.
-  for (size_t end : ends) EXPECT_EQ(end, ends[0]);
-
+  std::istringstream lines(table.render());
+  std::set<size_t> ends;
+  for (std::string line; std::getline(lines, line);) ends.insert(zvcli::displayWidth(line));
+  EXPECT_EQ(ends.size(), 1u) << table.render();
   EXPECT_EQ(zvcli::truncateToWidth("Écouteurs sans fil", 6), "Écout…");
   EXPECT_EQ(zvcli::truncateToWidth("short", 6), "short");
 }
