@@ -30,11 +30,6 @@ struct Fault {
   size_t cap = kBodyCap;  // maxResponseBytes
 };
 
-// Names the case in test listings, instead of a dump of its bytes.
-void PrintTo(const Fault& fault, std::ostream* out) {
-  *out << fault.name;
-}
-
 // The type of every error of that code.
 int64_t typeOf(const std::string& code) {
   if (code.empty()) return ZVErrorTypeService;
