@@ -31,26 +31,19 @@ const size_t kLimit = envOr("ZV_MEMORY_LIMIT_MB", ZVConfiguration{}.maxResponseB
 // times the limit (docs/reliability.md).
 constexpr double kBoundTimesLimit = 13;
 
-// `head`, then the units made by `unit(i)` joined by commas, as many as fit
-// in `size` bytes with `tail`.
-std::string joined(std::string_view head, const std::function<std::string(size_t)>& unit,
-                   std::string_view tail, size_t size = kLimit) {
-  std::string out(head);
-  out.reserve(size);
+// The units made by `unit(i)` joined by commas, as many as fit in `size` bytes.
+std::string joined(const std::function<std::string(size_t)>& unit, size_t size) {
+  std::string out;
   for (size_t i = 0;; ++i) {
-    const std::string next = unit(i);
-    if (out.size() + next.size() + 1 + tail.size() > size) break;
-    if (i != 0) out += ',';
+    const std::string next = (i == 0 ? "" : ",") + unit(i);
+    if (out.size() + next.size() > size) return out;
     out += next;
   }
-  out += tail;
-  return out;
 }
 
 // `unit` repeated, joined by commas, in at most `size` bytes.
 std::string repeat(const std::string& unit, size_t size) {
-  return joined(
-      "", [&](size_t) { return unit; }, "", size);
+  return joined([&](size_t) { return unit; }, size);
 }
 
 // An answer whose offers (or "x") are `unit` repeated up to the limit.
@@ -81,9 +74,7 @@ std::string largestAccepted(const std::function<std::string(size_t)>& build, siz
 // Pads `body` (which ends in "}") with a string member up to the limit.
 std::string padded(std::string body) {
   body.pop_back();
-  const size_t room = kLimit - body.size() - 12;
-  body += R"(,"pad":")" + std::string(room, 'p') + "\"}";
-  return body;
+  return body + R"(,"pad":")" + std::string(kLimit - body.size() - 12, 'p') + "\"}";
 }
 
 // Chains at the depth limit below an object and an array (a third level
@@ -105,11 +96,6 @@ struct Shape {
   int status = 200;
 };
 
-// Names the case in test listings, instead of a dump of its bytes.
-void PrintTo(const Shape& shape, std::ostream* out) {
-  *out << shape.name;
-}
-
 std::vector<Shape> shapes() {
   const std::string tooLarge = ZVErrorAnswerTooLarge;
   const size_t records = kLimit / 128;
@@ -120,8 +106,11 @@ std::vector<Shape> shapes() {
       {"nesting at the depth limit", [] { return offersOf(kDeep); }, "offers", tooLarge},
       {"distinct long keys",
        [] {
-         return joined(R"({"status":"ok","x":{)",
-                       [](size_t i) { return fmt::format(R"("key-{:016}":0)", i); }, "}}");
+         const std::string head = R"({"status":"ok","x":{)";
+         return head +
+                joined([](size_t i) { return fmt::format(R"("key-{:016}":0)", i); },
+                       kLimit - head.size() - 2) +
+                "}}";
        },
        "offers", tooLarge},
       {"distinct short keys, one repeated",

@@ -169,31 +169,34 @@ TEST_F(LifetimesTest, ThrowingHostCodeBreaksNoPromise) {
   std::vector<std::string> reported;
   Zorvane::setHostExceptionHandler(
       [&](std::string_view where, std::string_view) { reported.emplace_back(where); });
+  const char* failed = ZV_REWARDS_MANAGER_REQUEST_DID_FAIL_NOTIFICATION;
   const struct {
     const char* what;
     int status;
-    bool handlerThrows;
-    std::function<void(ZVObservation&)> arrange;
-    std::string reportedWhere;  // empty: not reported through the handler
-    bool offersOnly;            // only the offers operations run the code
+    std::function<ZVObservation()> arrange;  // none: the handler throws
+    std::string reportedWhere;               // empty: not reported through the handler
+    bool offersOnly;                         // only the offers operations run the code
   } cases[] = {
-      {"throwing handler", 200, true, {}, "a completion handler", false},
-      {"throwing failure observer", 500, false,
-       [](ZVObservation& o) {
-         o = ZVNotificationCenter::defaultCenter()->observe(
-             ZV_REWARDS_MANAGER_REQUEST_DID_FAIL_NOTIFICATION, nullptr,
-             [](const ZVNotification&) { throw std::runtime_error("observer failure"); });
+      {"throwing handler", 200, {}, "a completion handler", false},
+      {"throwing failure observer", 500,
+       [&] {
+         return ZVNotificationCenter::defaultCenter()->observe(
+             failed, nullptr, [](auto&) { throw std::runtime_error("observer failure"); });
        },
-       std::string("an observer of ") + ZV_REWARDS_MANAGER_REQUEST_DID_FAIL_NOTIFICATION, false},
-      {"throwing log sink", 200, false,
-       [](ZVObservation&) {
+       std::string("an observer of ") + failed, false},
+      {"throwing log sink", 200,
+       [] {
          ZVLogger::instance()->setLogCategories(ZVLogCategoryRewards);
          ZVLogger::instance()->setLogLevel(1);
          ZVLogger::instance()->setSink([](std::string_view) { throw std::bad_alloc(); });
+         return ZVObservation();
        },
        "", true},
-      {"throwing clock", 200, false,
-       [](ZVObservation&) { ZVClock::setSource([]() -> double { throw std::bad_alloc(); }); },
+      {"throwing clock", 200,
+       [] {
+         ZVClock::setSource([]() -> double { throw std::bad_alloc(); });
+         return ZVObservation();
+       },
        "the clock source", true},
   };
   for (const auto& c : cases) {
@@ -204,11 +207,10 @@ TEST_F(LifetimesTest, ThrowingHostCodeBreaksNoPromise) {
       SCOPED_TRACE(std::string(c.what) + ", " + op.name);
       manager()->resetData();
       reported.clear();
-      ZVObservation observation;
-      if (c.arrange) c.arrange(observation);
+      const ZVObservation observation = c.arrange ? c.arrange() : ZVObservation();
       const NotificationLog notes;
       std::atomic<int> calls{0};
-      op.start(manager(), probe(nullptr, calls, c.handlerThrows));
+      op.start(manager(), probe(nullptr, calls, !c.arrange));
       transport->answer(c.status, kGoodAnswer);
       ZVMainQueue::shared()->drain();
       EXPECT_EQ(calls.load(), 1);
@@ -217,7 +219,7 @@ TEST_F(LifetimesTest, ThrowingHostCodeBreaksNoPromise) {
         EXPECT_EQ(notes.count(ZV_USER_MANAGER_DID_UPDATE_USER_INTERNAL),
                   op.success == std::string(ZV_REWARDS_MANAGER_DID_PLACE_ORDER_NOTIFICATION));
       } else {
-        EXPECT_EQ(notes.count(ZV_REWARDS_MANAGER_REQUEST_DID_FAIL_NOTIFICATION), 1u);
+        EXPECT_EQ(notes.count(failed), 1u);
       }
       if (!c.reportedWhere.empty()) {
         // A non-forced fetch reads the clock twice: for the cache, and at the answer.
@@ -275,16 +277,20 @@ TEST_F(LifetimesTest, NoReaderSeesTheStampWithoutItsCatalogue) {
   EXPECT_EQ(manager()->offers()->size(), kOffers);
 }
 
-// An offers answer still in flight at a sign-out fills the cache again, as the
-// contract allows, unless the host cancels first.
+// A change of user empties the state at once; an offers answer still in
+// flight then fills the cache again, as the contract allows, unless the host
+// cancels first.
 TEST_F(LifetimesTest, CancelAllBeforeClearUserStateKeepsTheNextUserClean) {
   for (const bool cancelFirst : {false, true}) {
     SCOPED_TRACE(cancelFirst ? "cancel first" : "contract only");
-    manager()->resetData();
+    seedState(5.0);  // long stale: the fetch goes out
     manager()->fetchOffersWithCompletionHandler({});
     ASSERT_EQ(transport->held(), 1u);
     if (cancelFirst) Zorvane::cancelAllOperations();
-    manager()->clearUserState(nullptr);
+    ZVNotificationCenter::defaultCenter()->postNotificationName(
+        ZV_USER_MANAGER_USER_DID_CHANGE_NOTIFICATION, nullptr);
+    EXPECT_TRUE(manager()->offers()->empty() && manager()->orders()->empty());
+    EXPECT_EQ(manager()->lastRefreshTime(), 0.0);
     transport->answer(200, kGoodAnswer);
     ZVMainQueue::shared()->drain();
     EXPECT_EQ(manager()->offers()->size(), cancelFirst ? 0u : 1u);

@@ -116,7 +116,6 @@ TEST_F(OffersTest, CacheHitNotifiesAndLogsThroughTheGate) {
   } cases[] = {
       {1, 1, "<ZVRewardsManager: 0x"},
       {1, 2, "-[ZVRewardsManager dispatchOffers:completionHandler:]"},
-      {0, 1, nullptr},
       {2, 2, nullptr},
       {1, 0, nullptr},
       {1, 3, nullptr},
@@ -143,36 +142,16 @@ TEST_F(OffersTest, CacheHitNotifiesAndLogsThroughTheGate) {
   }
 }
 
-TEST_F(OffersTest, AnswerWithoutOkEmptiesTheCatalogueAndZeroesTheStamp) {
-  const char* bodies[] = {R"({"status":"error","message":"Catalogue closed"})",
-                          R"({"status":"OK","offers":[]})", R"({"offers":[]})"};
-  for (const char* body : bodies) {
-    SCOPED_TRACE(body);
-    fetchFresh();
-    const auto outcome = fetch(body, std::nullopt);
-    EXPECT_EQ(outcome->result, nullptr);
-    ASSERT_NE(outcome->error, nullptr);
-    EXPECT_EQ(outcome->error->type(), ZVErrorTypeService);
-    EXPECT_NE(dynamic_cast<ZVRewardsError*>(outcome->error.get()), nullptr);
-    EXPECT_TRUE(manager()->offers()->empty());
-    EXPECT_EQ(manager()->lastRefreshTime(), 0.0);
-  }
-  EXPECT_EQ(notifications.count(ZV_REWARDS_MANAGER_REQUEST_DID_FAIL_NOTIFICATION), 3u);
-}
-
 TEST_F(OffersTest, NullLocaleFallsBackToCustomThenDeviceLocale) {
   const char* saved = std::getenv("LC_ALL");
-  std::string savedValue = saved ? saved : "";
+  const std::string savedValue = saved ? saved : "";
   setenv("LC_ALL", "pt_BR.UTF-8", 1);
   for (bool custom : {true, false}) {
     Zorvane::setCustomLocale(custom ? std::optional<ZVLocale>(ZVLocale("fr_CA")) : std::nullopt);
     fetch(kTwoOffers, std::nullopt);
     EXPECT_EQ(server.requests().back().query, custom ? "locale=fr-CA" : "locale=pt-BR");
   }
-  if (saved)
-    setenv("LC_ALL", savedValue.c_str(), 1);
-  else
-    unsetenv("LC_ALL");
+  saved ? setenv("LC_ALL", savedValue.c_str(), 1) : unsetenv("LC_ALL");
 }
 
 using ServiceTest = RewardsTest;
@@ -370,12 +349,6 @@ TEST_F(ServiceTest, SkillQuestionFlow) {
   EXPECT_EQ(json(request.body), json(R"({"challenge":{"skills_test_question":{"response":""}}})"));
   ASSERT_TRUE(challenge->result);
   EXPECT_EQ(challenge->result->challengeID(), "99");
-
-  answer(R"({"status":"ok"})");
-  manager()->fetchSkillQuestionWithCompletionHandler(nullptr);
-  ASSERT_TRUE(drainUntil([&] {
-    return notifications.count(ZV_REWARDS_MANAGER_DID_FETCH_SKILL_QUESTION_NOTIFICATION) == 2;
-  }));
 }
 
 using ManagerCoreTest = RewardsTest;
@@ -388,68 +361,37 @@ TEST(ManagerSingleton, RacingFirstCallsGetOneManager) {
   for (auto* m : seen) EXPECT_EQ(m, seen[0]);
 }
 
-TEST_F(ManagerCoreTest, UserChangeNotificationClearsState) {
-  manager()->setOffers(std::make_shared<const ZVOfferArray>(
-      std::vector{ZVOffer::initMutableWithDictionary(ZVJSONValue())}));
-  manager()->setOrders(std::make_shared<const ZVOrderArray>(
-      std::vector{ZVOrder::initMutableWithDictionary(ZVJSONValue())}));
-  manager()->setLastRefreshTime(5.0);
-  ZVNotificationCenter::defaultCenter()->postNotificationName(
-      ZV_USER_MANAGER_USER_DID_CHANGE_NOTIFICATION, nullptr);
-  EXPECT_TRUE(manager()->offers() && manager()->offers()->empty());
-  EXPECT_TRUE(manager()->orders() && manager()->orders()->empty());
-  EXPECT_EQ(manager()->lastRefreshTime(), 0.0);
-}
-
-// Each known kind gets its answer or its failure once; an unknown kind is
-// dropped. requestKind delivers on the main queue, dispatchFailWithError at once.
-TEST_F(ManagerCoreTest, AnswersAndFailuresAreRoutedByKind) {
-  const auto good = std::make_shared<ZVGenericResponse>(
-      200, "", dict(R"({"status":"ok","offers":[{"id":"1"}]})"));
+// Each known kind gets its failure once, the core error unchanged, and a
+// missing answer as the service's refusal; an unknown kind is dropped. A core
+// error is announced even without a handler, and leaves the state alone.
+TEST_F(ManagerCoreTest, FailuresAreRoutedByKind) {
+  const auto good = std::make_shared<ZVGenericResponse>(200, "", dict(R"({"status":"ok"})"));
   const auto down = std::make_shared<ZVError>(ZVErrorTypeTransport, "X", "down");
-  const struct {
-    std::shared_ptr<ZVGenericResponse> response;
-    ZVErrorPtr error;
-    int64_t errorType;  // 0: success expected
-  } cases[] = {
-      {good, down, ZVErrorTypeTransport},
-      {good, nullptr, 0},
-      {nullptr, nullptr, ZVErrorTypeService},
-  };
   for (const std::string kind : {kKindFetchRewardOffers, kKindPlaceOrder, kKindFetchRewardOrders,
                                  kKindFetchSkillQuestion, kKindAnswerSkillQuestion, "kind.other"}) {
+    SCOPED_TRACE(kind);
     const bool known = kind != "kind.other";
-    // Without a handler, a core error is still announced, and leaves the state.
     manager()->setLastRefreshTime(12.5);
     const ZVOfferArrayPtr offers = manager()->offers();
     const NotificationLog notes;
     ZVRewardsRouting routing(*manager());
+    Completion failed, refused, dispatched;
     routing.requestKind(kind, good, down, {});
-    ZVMainQueue::shared()->runUntil([] { return false; }, std::chrono::milliseconds(20));
+    routing.requestKind(kind, good, down, handlerFor(kind, failed));
+    routing.dispatchFailWithError(down, kind, {});  // must not crash
+    routing.dispatchFailWithError(down, kind, handlerFor(kind, dispatched));
+    EXPECT_EQ(dispatched.calls, known ? 1 : 0) << "delivered at once";
+    EXPECT_EQ(dispatched.error, known ? down : nullptr);
+    ZVMainQueue::shared()->drain();
     EXPECT_EQ(manager()->lastRefreshTime(), 12.5);
     EXPECT_EQ(manager()->offers(), offers);
-    if (known) {
-      EXPECT_EQ(notes.count(ZV_REWARDS_MANAGER_REQUEST_DID_FAIL_NOTIFICATION), 1u);
-    }
-    for (const auto& c : cases) {
-      SCOPED_TRACE(kind + " " + std::to_string(c.errorType));
-      Completion got;
-      routing.requestKind(kind, c.response, c.error, handlerFor(kind, got));
-      ZVMainQueue::shared()->runUntil([] { return false; }, std::chrono::milliseconds(20));
-      EXPECT_EQ(got.calls, known ? 1 : 0);
-      if (!known) continue;
-      EXPECT_EQ(got.result != nullptr, c.errorType == 0);
-      EXPECT_EQ(got.error ? got.error->type() : 0, c.errorType);
-      if (c.error) {
-        EXPECT_EQ(got.error, c.error) << "the core error is delivered unchanged";
-      }
-    }
-    Completion failed;
-    routing.dispatchFailWithError(down, kind, handlerFor(kind, failed));
+    EXPECT_EQ(notes.count(ZV_REWARDS_MANAGER_REQUEST_DID_FAIL_NOTIFICATION), 2u);
     EXPECT_EQ(failed.calls, known ? 1 : 0);
-    EXPECT_FALSE(failed.result);
     EXPECT_EQ(failed.error, known ? down : nullptr);
-    routing.dispatchFailWithError(down, kind, {});  // must not crash
+    routing.requestKind(kind, nullptr, nullptr, handlerFor(kind, refused));
+    ZVMainQueue::shared()->drain();
+    EXPECT_EQ(refused.calls, known ? 1 : 0);
+    EXPECT_TRUE(!known || (!refused.result && refused.error->type() == ZVErrorTypeService));
   }
 }
 

@@ -219,6 +219,16 @@ inline bool waitForAll(Completions& completions,
   return done;
 }
 
+/// Gives the manager one offer and one order, and `refreshed` as the offers' stamp.
+inline void seedState(double refreshed) {
+  ZVRewardsManager* manager = ZVRewardsManager::instance();
+  manager->setOffers(std::make_shared<const ZVOfferArray>(
+      std::vector{ZVOffer::initMutableWithDictionary(ZVJSONValue())}));
+  manager->setOrders(std::make_shared<const ZVOrderArray>(
+      std::vector{ZVOrder::initMutableWithDictionary(ZVJSONValue())}));
+  manager->setLastRefreshTime(refreshed);
+}
+
 /// Declared after a loopback server, closes the SDK's kept-alive connections
 /// first, so that none of them outlives the test that opened it.
 struct CloseConnectionsFirst {
