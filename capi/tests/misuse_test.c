@@ -7,7 +7,6 @@
 #include <stdatomic.h>
 #include <stddef.h>
 #include <stdlib.h>
-#include <time.h>
 
 #include "zvr_test.h"
 
@@ -118,7 +117,6 @@ static void check_versioned_structs(void) {
 /* ---- Callbacks ----------------------------------------------------------------- */
 
 static atomic_int calls_with_null_user;
-static atomic_int calling_thread_is_dedicated;
 static pthread_t main_thread;
 static char last_code[64];
 
@@ -127,7 +125,6 @@ static void ZVR_CALL on_challenge(zvr_skill_challenge challenge, zvr_error error
   const char* code = NULL;
   CHECK_RESULT(ZVR_OK, zvr_error_get_code(error, &code));
   snprintf(last_code, sizeof last_code, "%s", code ? code : "(null)");
-  atomic_store(&calling_thread_is_dedicated, !pthread_equal(pthread_self(), main_thread));
   atomic_fetch_add(&calls_with_null_user, 1);
 }
 
@@ -142,26 +139,18 @@ static int32_t ZVR_CALL calls_reached(void* user) {
 
 static void check_callbacks(void) {
   /* Validation failures: delivered later, once, with the NULL user; each NULL
-   * argument stands for the missing one, so a swapped argument shows. The
-   * last is called back on the dedicated thread. */
+   * argument stands for the missing one, so a swapped argument shows. */
   const char* calls[][4] = {{NULL, NULL, "3", "ZVErrorValidationNoOfferID"},
                             {"1", "q", NULL, "ZVErrorValidationNoAnswer"},
                             {"1", NULL, "3", "ZVErrorValidationNoQuestionID"}};
-  const struct timespec tick = {0, 10 * 1000 * 1000};
   for (int i = 0; i < 3; ++i) {
-    const int dedicated = i == 2, want = i + 1;
-    if (dedicated) CHECK_RESULT(ZVR_OK, zvr_main_queue_start_dedicated_thread());
+    const int want = i + 1;
     CHECK_RESULT(ZVR_OK, zvr_rewards_answer_skill_question(calls[i][0], calls[i][1], calls[i][2],
                                                            on_challenge, NULL));
-    /* Not called back inside the call (on the dedicated thread it may come before it returns). */
-    CHECK(dedicated || atomic_load(&calls_with_null_user) == i);
-    if (!dedicated) zvr_main_queue_run_until(calls_reached, (void*)&want, 5000, NULL);
-    for (int t = 0; dedicated && t < 500 && !calls_reached((void*)&want); ++t)
-      nanosleep(&tick, NULL);
+    CHECK(atomic_load(&calls_with_null_user) == i); /* not inside the call */
+    zvr_main_queue_run_until(calls_reached, (void*)&want, 5000, NULL);
     CHECK_TEXT(calls[i][3], last_code);
   }
-  CHECK_RESULT(ZVR_OK, zvr_main_queue_stop_dedicated_thread());
-  CHECK(atomic_load(&calls_with_null_user) == 3 && atomic_load(&calling_thread_is_dedicated));
 
   /* A request handle that is not live: refused at once, the callback never runs. */
   zvr_order_request gone = NULL;
@@ -181,8 +170,6 @@ static void ZVR_CALL on_validation_failure(zvr_notification n, void* user) {
   zvr_error error = NULL;
   CHECK_RESULT(ZVR_OK, zvr_notification_get_error(n, &error));
   CHECK_RESULT(ZVR_OK, zvr_release(error)); /* fails for a NULL error too */
-  int64_t available = 1, test = 1;
-  CHECK_RESULT(ZVR_E_NO_VALUE, zvr_notification_get_balances(n, &available, &test));
   ++validation_notifications;
   CHECK_RESULT(ZVR_OK, zvr_notifications_unsubscribe(self_removing));
 }
@@ -324,19 +311,11 @@ static void check_cancellation(void) {
   CHECK(a.calls == 1 && a.cancelled == 1 && b.calls == 1 && b.cancelled == 1 && c.calls == 1 &&
         c.cancelled == 0);
 
-  /* The scope stays usable; cancel-all reaches operations in a scope and not. */
-  CHECK_RESULT(ZVR_OK, fail_in(scope, &a));
-  CHECK_RESULT(ZVR_OK, fail_in(NULL, &c));
-  CHECK_RESULT(ZVR_OK, zvr_rewards_cancel_all());
-  CHECK(a.calls == 1 && c.calls == 1); /* not inside the call */
-  zvr_test_drain();
-  CHECK(a.calls == 2 && a.cancelled == 2 && c.calls == 2 && c.cancelled == 1);
-
   /* A released scope starts nothing, and no callback comes. */
   CHECK_RESULT(ZVR_OK, zvr_release(scope));
   CHECK_RESULT(ZVR_E_INVALID_HANDLE, fail_in(scope, &a));
   zvr_test_drain();
-  CHECK(a.calls == 2);
+  CHECK(a.calls == 1);
 }
 
 /* Cancelling on one thread while another drains: each callback once. */
@@ -406,13 +385,6 @@ static void check_wakeup_and_shutdown(void) {
   CHECK_RESULT(ZVR_OK, fail_in(NULL, &e));
   zvr_test_drain();
   CHECK(w.calls == 2 && e.calls == 2 && e.cancelled == 1);
-
-  /* Removed by NULL too. */
-  CHECK_RESULT(ZVR_OK, zvr_main_queue_set_wakeup(on_wakeup, &w));
-  CHECK_RESULT(ZVR_OK, zvr_main_queue_set_wakeup(NULL, NULL));
-  CHECK_RESULT(ZVR_OK, fail_in(NULL, &e));
-  zvr_test_drain();
-  CHECK(w.calls == 2 && e.calls == 3);
 }
 
 /* ---- Threads ------------------------------------------------------------------ */
@@ -448,12 +420,7 @@ int main(void) {
   main_thread = pthread_self();
   uint32_t before = 0, after = 0;
   CHECK_RESULT(ZVR_OK, zvr_handle_count(&before));
-  CHECK_RESULT(ZVR_E_INVALID_ARGUMENT, zvr_handle_count(NULL));
-  CHECK(strcmp(zvr_result_name(ZVR_E_INVALID_HANDLE), "ZVR_E_INVALID_HANDLE") == 0);
-  CHECK(strcmp(zvr_result_name(12345), "ZVR_E_UNKNOWN") == 0);
   CHECK(zvr_api_version() >> 16 == ZVR_API_VERSION >> 16);
-  CHECK(zvr_sdk_version_number() == 3.0 &&
-        strncmp(zvr_sdk_version_string(), "@(#)PROGRAM:ZorvaneRewardsKit", 29) == 0);
 
   check_null_and_made_up_handles();
   check_released_and_mistyped_handles();
