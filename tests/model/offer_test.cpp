@@ -28,7 +28,6 @@ TEST(OfferTest, MugOfferIsConsumedAndLeavesUnknownKeys) {
   EXPECT_TRUE(offer->isFeatured());
   EXPECT_FALSE(offer->isSkillChallengeRequired());
   EXPECT_EQ(offer->status(), ZVOfferStatusAvailable);
-  EXPECT_EQ(offer->details(), offer->descriptionText());
   EXPECT_EQ(offer->data().dictionary(), data) << "data must be the input's own object";
   ASSERT_TRUE(offer->options());
   EXPECT_TRUE(offer->options()->empty());
@@ -142,7 +141,6 @@ TEST(SkillQuestionTest, InnerObjectIsConsumedAndStaysInExtras) {
   EXPECT_EQ(question->extras(), input);
   EXPECT_EQ(ZVJSONValue(question->extras()),
             json(R"({"skills_test_question": {"hint": "sum"}, "expires": 60})"));
-  EXPECT_EQ(question->description(), "\rQuestion ID: 42\rQuestion: 7");
 }
 
 TEST(SkillChallengeTest, IdAndStatusAreTakenOut) {
@@ -152,18 +150,6 @@ TEST(SkillChallengeTest, IdAndStatusAreTakenOut) {
   EXPECT_EQ(challenge->challengeID(), "c9");
   EXPECT_EQ(challenge->status(), json("1"));
   EXPECT_EQ(ZVJSONValue(input), json(R"({"extra": [1]})"));
-  EXPECT_EQ(challenge->description(), "\rChallenge ID: c9\rStatus: 1");
-}
-
-TEST(SkillRecordsTest, EmptyAndNullInputs) {
-  auto question = ZVSkillQuestion::initMutableWithDictionary(dict("{}"));
-  EXPECT_FALSE(question->questionID());
-  EXPECT_TRUE(question->question().isNil());
-  ASSERT_TRUE(question->extras());
-  EXPECT_TRUE(question->extras()->empty());
-
-  EXPECT_FALSE(ZVSkillChallenge::initMutableWithDictionary(ZVDictionaryPtr())->extras());
-  EXPECT_FALSE(ZVSkillQuestion::initMutableWithDictionary(json("[1]"))->questionID());
 }
 
 // Whatever JSON type the service sends, the question and the challenge's
