@@ -154,7 +154,6 @@ TEST_F(ServiceTest, OrdersReplaceTheHistoryWhole) {
     EXPECT_EQ(got, ids);
     EXPECT_EQ(manager()->orders(), outcome->result);
   }
-  EXPECT_EQ(notifications.count(ZV_REWARDS_MANAGER_DID_FETCH_ORDERS_NOTIFICATION), 2u);
 }
 
 // One answer may produce one record per 128 bytes of maxResponseBytes,
