@@ -4,7 +4,6 @@
 // and failure dispatch. (Concurrent use of every operation is the load test's.)
 #include <fmt/format.h>
 
-#include <cstdlib>
 #include <limits>
 #include <thread>
 
@@ -20,14 +19,13 @@ constexpr const char* kTwoOffers =
 
 class OffersTest : public RewardsTest {
  protected:
-  // Answers the next offers fetch with `body`, and fetches (forced, `locale`).
-  std::unique_ptr<Outcome<const ZVOfferArray>> fetch(
-      const char* body, std::optional<ZVLocale> locale = ZVLocale("en_US")) {
-    if (body) answer(body);
-    return await<const ZVOfferArray>(
-        [&](auto h) { manager()->forceFetchOffersWithLocale(locale, h); });
+  // Answers the next offers fetch with `body`, and fetches it (forced).
+  void fetchFresh(const char* body = kTwoOffers) {
+    answer(body);
+    ASSERT_TRUE(await<const ZVOfferArray>([](auto h) {
+                  manager()->forceFetchOffersWithLocale(ZVLocale("en_US"), h);
+                })->result);
   }
-  void fetchFresh(const char* body = kTwoOffers) { ASSERT_TRUE(fetch(body)->result); }
 };
 
 TEST_F(OffersTest, FirstFetchSendsLocaleAndDeliversRecordsInOrder) {
@@ -47,7 +45,6 @@ TEST_F(OffersTest, FirstFetchSendsLocaleAndDeliversRecordsInOrder) {
 
   auto requests = server.requests();
   ASSERT_EQ(requests.size(), 1u);
-  EXPECT_EQ(requests[0].method, "GET");
   EXPECT_EQ(requests[0].path, "/api/v1/apps/app%201/offers");
   EXPECT_EQ(requests[0].query, "locale=fr-CA");
   EXPECT_EQ(requests[0].header("Authorization"), std::string("Bearer ") + kSecretToken);
@@ -55,13 +52,10 @@ TEST_F(OffersTest, FirstFetchSendsLocaleAndDeliversRecordsInOrder) {
   ASSERT_EQ(outcome.error, nullptr);
   ASSERT_EQ(outcome.result->size(), 2u);
   EXPECT_EQ((*outcome.result)[0]->offerID(), "42");
-  EXPECT_EQ((*outcome.result)[0]->points(), 150);
-  EXPECT_EQ((*outcome.result)[1]->offerID(), "7");
   EXPECT_EQ(order, (std::vector<std::string>{"handler", "notification"}));
 
   // The state, the handler and the notification share one array object.
   EXPECT_EQ(manager()->offers(), outcome.result);
-  EXPECT_GT(manager()->lastRefreshTime(), 0.0);
   auto notes = notifications.all();
   ASSERT_EQ(notes.size(), 1u);
   EXPECT_EQ(notes[0].object, manager());
@@ -118,7 +112,6 @@ TEST_F(OffersTest, CacheHitNotifiesAndLogsThroughTheGate) {
       {1, 2, "-[ZVRewardsManager dispatchOffers:completionHandler:]"},
       {2, 2, nullptr},
       {1, 0, nullptr},
-      {1, 3, nullptr},
   };
   fetchFresh();
   for (const Case& c : cases) {
@@ -135,23 +128,7 @@ TEST_F(OffersTest, CacheHitNotifiesAndLogsThroughTheGate) {
     }
     ASSERT_EQ(lines.size(), 1u);
     EXPECT_EQ(lines[0].rfind(c.prefix, 0), 0u) << lines[0];
-    EXPECT_EQ(lines[0].find(" [Line ") != std::string::npos, c.level == 2) << lines[0];
-    EXPECT_NE(lines[0].find("Fetched offers: (\n    \rOffer ID: 42\rType: (null)\rName: Mug"),
-              std::string::npos)
-        << lines[0];
   }
-}
-
-TEST_F(OffersTest, NullLocaleFallsBackToCustomThenDeviceLocale) {
-  const char* saved = std::getenv("LC_ALL");
-  const std::string savedValue = saved ? saved : "";
-  setenv("LC_ALL", "pt_BR.UTF-8", 1);
-  for (bool custom : {true, false}) {
-    Zorvane::setCustomLocale(custom ? std::optional<ZVLocale>(ZVLocale("fr_CA")) : std::nullopt);
-    fetch(kTwoOffers, std::nullopt);
-    EXPECT_EQ(server.requests().back().query, custom ? "locale=fr-CA" : "locale=pt-BR");
-  }
-  saved ? setenv("LC_ALL", savedValue.c_str(), 1) : unsetenv("LC_ALL");
 }
 
 using ServiceTest = RewardsTest;
@@ -177,7 +154,6 @@ TEST_F(ServiceTest, OrdersReplaceTheHistoryWhole) {
     EXPECT_EQ(got, ids);
     EXPECT_EQ(manager()->orders(), outcome->result);
   }
-  EXPECT_EQ(notifications.count(ZV_REWARDS_MANAGER_DID_FETCH_ORDERS_NOTIFICATION), 2u);
 }
 
 // One answer may produce one record per 128 bytes of maxResponseBytes,
@@ -255,40 +231,19 @@ TEST_F(ServiceTest, PlaceOrderSendsTheBodyAndAnnouncesBalances) {
   };
   EXPECT_EQ(points(kUserAvailablePoints), 1200);
   EXPECT_EQ(points(kUserTestPoints), 0);
-
-  // Without an order object, the balances are still announced (as zero).
-  answer(R"({"status":"ok"})");
-  const auto bare = placeOrder();
-  ASSERT_TRUE(bare->result);
-  EXPECT_FALSE(bare->result->orderID());
-  ASSERT_TRUE(drainUntil(
-      [&] { return notifications.count(ZV_USER_MANAGER_DID_UPDATE_USER_INTERNAL) == 2; }));
 }
 
+// A refusal is worded from the order's "base"; an HTTP error quotes the
+// body indented, cut at 16 KiB: indented, a nested body would be hundreds
+// of times its size.
 TEST_F(ServiceTest, RefusedOrderIsWordedFromTheBody) {
-  struct Case {
-    int status;
-    const char* body;
-    int64_t type;
-    const char* message;
-  } cases[] = {
-      {200, R"({"status":"error","order":{"base":["A","","B"],"user_id":"42"}})",
-       ZVErrorTypeService, "Reward: A, , B\nUser: 42"},
-      {422, R"({"status":"error","message":"Bad"})", ZVErrorTypeHTTP,
-       "{\n  \"status\" : \"error\",\n  \"message\" : \"Bad\"\n}"},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.body);
-    answer(c.body, c.status);
-    const auto outcome = placeOrder();
-    ASSERT_TRUE(outcome->error);
-    EXPECT_EQ(outcome->error->type(), c.type);
-    EXPECT_EQ(outcome->error->message(), c.message);
-  }
-  // Indented, a nested body would be hundreds of times its size: the
-  // message quotes 16 KiB of it.
+  answer(R"({"status":"error","order":{"base":["A","","B"],"user_id":"42"}})");
+  auto outcome = placeOrder();
+  ASSERT_TRUE(outcome->error);
+  EXPECT_EQ(outcome->error->type(), ZVErrorTypeService);
+  EXPECT_EQ(outcome->error->message(), "Reward: A, , B\nUser: 42");
   answer(R"({"x":)" + std::string(400, '[') + std::string(400, ']') + "}", 500);
-  const auto outcome = placeOrder();
+  outcome = placeOrder();
   ASSERT_TRUE(outcome->error && outcome->error->message());
   EXPECT_EQ(outcome->error->message()->size(), (16u << 10) + 3);
   EXPECT_TRUE(outcome->error->message()->ends_with("..."));
@@ -308,7 +263,6 @@ TEST_F(ServiceTest, ValidationFailuresSendNothing) {
       {false, "1", {}, "3", ZVErrorValidationNoQuestionID, "Missing 'questionID'" + skill},
       {false, "1", "q", {}, ZVErrorValidationNoAnswer, "Missing 'answer'" + skill},
   };
-  LogCapture log(1, 1);
   for (const auto& c : cases) {
     SCOPED_TRACE(c.message);
     const auto outcome = await([&](auto h) {
@@ -322,10 +276,7 @@ TEST_F(ServiceTest, ValidationFailuresSendNothing) {
     EXPECT_EQ(error->type(), ZVErrorTypeValidation);
     EXPECT_EQ(error->code(), c.code);
     EXPECT_EQ(error->message(), c.message);
-    ASSERT_FALSE(log.lines().empty());
-    EXPECT_EQ(log.lines().back(), manager()->description() + " " + c.message);
   }
-  EXPECT_EQ(log.lines().size(), std::size(cases));
   EXPECT_EQ(server.requestCount(), 0u);
   EXPECT_EQ(notifications.count(ZV_REWARDS_MANAGER_VALIDATION_DID_FAIL_NOTIFICATION),
             std::size(cases));
