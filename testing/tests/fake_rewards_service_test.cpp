@@ -63,8 +63,6 @@ TEST(FakeRewardsServiceTest, AnswersOneShotThenStandingThenNotSet) {
   EXPECT_EQ(get(*fake, kBase + "offers").status, 501);
 
   EXPECT_EQ(fake->requestCount(kKindFetchRewardOrders), 3u);
-  fake->clearAnswers();
-  EXPECT_EQ(get(*fake, kBase + "orders").status, 501);
 }
 
 TEST(FakeRewardsServiceTest, DestructionFailsWaitingRequestsOnce) {
@@ -95,7 +93,6 @@ TEST(FakeRewardsServiceTest, DrivesTheManagerWithoutANetwork) {
   ASSERT_TRUE(ZVMainQueue::shared()->runUntil([&] { return placed.has_value(); }, 5s));
   ASSERT_TRUE(*placed);
   EXPECT_EQ((*placed)->orderID(), "7");
-  EXPECT_EQ((*placed)->user()->availablePoints(), 1200);
 
   const auto sent = fake->requestsOfKind(kKindPlaceOrder);
   ASSERT_EQ(sent.size(), 1u);
