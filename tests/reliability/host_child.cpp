@@ -106,10 +106,7 @@ std::string fetch(ZVRewardsManager* manager, const std::string& operation) {
 
 int main(int argc, char** argv) {
   const std::string mode = argc > 1 ? argv[1] : "";
-  if (argc != (mode == "decode" ? 6 : 3)) {
-    std::fprintf(stderr, "usage: see the top of host_child.cpp\n");
-    return 2;
-  }
+  if (argc != (mode == "decode" ? 6 : 3)) return 2;  // usage: see the top of this file
   ZVRewardsManager* manager = ZVRewardsManager::instance();
   ZVMainQueue* queue = ZVMainQueue::shared();
   if (mode == "decode") {

@@ -32,10 +32,7 @@ bool mapped(const char* library) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 3) {
-    std::fprintf(stderr, "usage: unload_child PLUGIN HOST\n");
-    return 2;
-  }
+  if (argc != 3) return 2;  // usage: see the top of this file
   void* plugin = dlopen(argv[1], RTLD_NOW | RTLD_LOCAL);
   if (plugin == nullptr) {
     std::fprintf(stderr, "dlopen: %s\n", dlerror());

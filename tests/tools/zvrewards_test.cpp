@@ -6,13 +6,11 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
-#include <sqlite3.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <cstdlib>
 
 #include <algorithm>
@@ -20,11 +18,8 @@
 #include <chrono>
 #include <filesystem>
 #include <functional>
-#include <map>
 #include <memory>
 #include <optional>
-#include <set>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <tuple>
@@ -66,15 +61,15 @@ const std::string kApp = "/api/v1/apps/sandbox-app/";
 struct RawConnection {
   explicit RawConnection(int port) {
     sockaddr_in address{AF_INET, htons(static_cast<uint16_t>(port)), {htonl(INADDR_LOOPBACK)}, {}};
-    connected = ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+    EXPECT_EQ(::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
   }
   ~RawConnection() { ::close(fd); }
 
   // Sends until done or the peer stops taking bytes; false then.
   bool send(std::string_view bytes) {
-    for (ssize_t n = 0; connected && !bytes.empty(); bytes.remove_prefix(static_cast<size_t>(n)))
+    for (ssize_t n = 0; !bytes.empty(); bytes.remove_prefix(static_cast<size_t>(n)))
       if ((n = ::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL)) <= 0) return false;
-    return connected;
+    return true;
   }
   // What arrives until the peer closes (every use here expects it cut off)
   // or nothing comes for `quiet`.
@@ -89,7 +84,6 @@ struct RawConnection {
   }
 
   const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  bool connected = false;
 };
 
 struct Answer {
@@ -133,11 +127,14 @@ class SandboxTest : public ::testing::Test {
     ASSERT_TRUE(sandbox_->start(error)) << error;
   }
 
-  // A GET of the app's `endpoint` without `body`, else a POST.
+  // A GET of the app's `endpoint` without `body`, else a POST, with `key`
+  // as its Idempotency-Key unless empty.
   Answer call(const std::string& endpoint, const std::optional<std::string>& body = {},
-              httplib::Headers headers = {{"Authorization",
-                                           fmt::format("Bearer {}", kSandboxToken)}},
+              const std::string& key = "", const char* token = kSandboxToken,
               const std::string& root = kApp) const {
+    httplib::Headers headers;
+    if (token) headers.emplace("Authorization", fmt::format("Bearer {}", token));
+    if (!key.empty()) headers.emplace("Idempotency-Key", key);
     httplib::Client client("127.0.0.1", sandbox_->port());
     client.set_connection_timeout(2s);
     client.set_read_timeout(30s);  // sanitizers are slow
@@ -146,12 +143,6 @@ class SandboxTest : public ::testing::Test {
     if (!result) return {};
     return {result->status, result->body, json::parse(result->body, nullptr, false),
             result->headers};
-  }
-  // A POST with an Idempotency-Key.
-  Answer keyed(const std::string& key, const std::string& endpoint, const std::string& body) const {
-    return call(
-        endpoint, body,
-        {{"Authorization", fmt::format("Bearer {}", kSandboxToken)}, {"Idempotency-Key", key}});
   }
   Answer order(const std::string& offerID, json order = json::object()) const {
     return call(fmt::format("offers/{}/orders", offerID), json{{"order", order}}.dump());
@@ -184,27 +175,19 @@ TEST_F(SandboxTest, RefusalsExplainThemselves) {
       {"sandbox-app/orders", nullptr, 401, "invalid access token"},
       {"sandbox-app/orders", "wrong", 401, "invalid access token"},
       {"other-app/orders", kSandboxToken, 404, "unknown app 'other-app'"},
-      {"sandbox-app/nothing", kSandboxToken, 404,
-       "no such endpoint: GET /api/v1/apps/sandbox-app/nothing"},
   };
   for (const auto& [path, token, status, message] : gate) {
     SCOPED_TRACE(path);
-    httplib::Headers headers;
-    if (token) headers.emplace("Authorization", fmt::format("Bearer {}", token));
-    expectError(call(path, std::nullopt, headers, "/api/v1/apps/"), status, message);
+    expectError(call(path, std::nullopt, "", token, "/api/v1/apps/"), status, message);
   }
   const std::string deep = std::string(100000, '[') + std::string(100000, ']');
-  const std::string quantity = "Quantity must be a whole number from 1 to 1000";
   const std::tuple<const char*, std::string, int, std::string> cases[] = {
-      {"107", R"({"order":{"quantity":0}})", 200, quantity},
-      {"107", R"({"order":{"quantity":1.5}})", 200, quantity},
+      {"107", R"({"order":{"quantity":0}})", 200, "Quantity must be a whole number from 1 to 1000"},
       {"105", R"({"order":{}})", 200, "Offer '105' is not available at the user's tier"},
       {"103", R"({"order":{"challenge":{"id":"c-made-up"}}})", 200,
        "A passed skill-testing challenge is required for offer '103'"},
       {"107", R"({"order":{"quantity":"2"}})", 400, "\"quantity\" must be a number"},
-      {"107", R"({"order":{"shippingAddress":[]}})", 400, "\"shippingAddress\" must be an object"},
       {"107", R"({"order":)", 400, "the body is not valid JSON"},
-      {"107", "[1]", 400, "the body is not a JSON object"},
       {"107", R"({"order":5})", 400, "the body has no \"order\" object"},
       {"107", R"({"order":)" + deep + "}", 400, "the body nests deeper than 32 levels"},
   };
@@ -218,14 +201,11 @@ TEST_F(SandboxTest, RefusalsExplainThemselves) {
 TEST_F(SandboxTest, PassedChallengeServesOneOrderOfItsOffer) {
   start();
   const auto failed = answerQuestion("103", false);
-  EXPECT_EQ(failed["status"], "failed");
   EXPECT_EQ(order("103", {{"challenge", {{"id", failed["id"]}}}}).body["status"], "error");
 
   const auto passed = answerQuestion("103", true);
   ASSERT_EQ(passed["status"], "passed");
-  EXPECT_EQ(passed["offer_id"], "103");
   const json challenge = {{"challenge", {{"id", passed["id"]}}}};
-  EXPECT_EQ(order("108", challenge).body["status"], "error");
   EXPECT_EQ(order("103", challenge).body["status"], "ok");
   EXPECT_EQ(order("103", challenge).body["message"],
             "A passed skill-testing challenge is required for offer '103'");
@@ -233,26 +213,16 @@ TEST_F(SandboxTest, PassedChallengeServesOneOrderOfItsOffer) {
   const std::string id = question()["skills_test_question"]["id"];
   const std::string answer = answerBody("1");
   const std::string path = "offers/103/challenges/skills_test_questions/";
-  EXPECT_EQ(call(path + id, "{}").status, 400);
   // Once with a key: the same key replays the answer, another finds it answered.
-  const auto first = keyed("answer-1", path + id, answer);
+  const auto first = call(path + id, answer, "answer-1");
   ASSERT_EQ(first.body["status"], "ok") << first.text;
-  EXPECT_EQ(keyed("answer-1", path + id, answer).text, first.text);
-  EXPECT_EQ(keyed("answer-2", path + id, answer).body["message"],
+  EXPECT_EQ(call(path + id, answer, "answer-1").text, first.text);
+  EXPECT_EQ(call(path + id, answer, "answer-2").body["message"],
             fmt::format("Question '{}' was already answered", id));
-  EXPECT_EQ(call(path + "q-none", answer).body["message"], "Unknown question 'q-none'");
 }
 
-TEST_F(SandboxTest, FaultsAreInjectedAndRepeatable) {
+TEST_F(SandboxTest, FaultsComeBeforeTheRequestTakesEffect) {
   using Share = double ZVSandboxFaults::*;
-  const auto withFaults = [&](Share share, double value = 1, bool asDate = false) {
-    start([&](ZVSandboxOptions& options) {
-      options.faults.*share = value;
-      options.faults.retryAfterSeconds = 7;
-      options.faults.retryAfterAsDate = asDate;
-      options.faults.seed = 7;
-    });
-  };
   // A 500, a truncated body, no answer at all, and Retry-After as seconds or
   // as a date: the faults come before the order, which only the truncated
   // answer placed.
@@ -263,7 +233,11 @@ TEST_F(SandboxTest, FaultsAreInjectedAndRepeatable) {
       {&ZVSandboxFaults::http429Share, 429, "7"},
       {&ZVSandboxFaults::http503Share, 503, " GMT"}};
   for (const auto& [share, status, retryAfter] : cases) {
-    withFaults(share, 1, retryAfter == " GMT");
+    start([&](ZVSandboxOptions& options) {
+      options.faults.*share = 1;
+      options.faults.retryAfterSeconds = 7;
+      options.faults.retryAfterAsDate = retryAfter == " GMT";
+    });
     const auto answer = order("107");
     EXPECT_EQ(answer.status, status);
     EXPECT_TRUE(status != 200 || answer.body.is_discarded()) << answer.text;
@@ -273,39 +247,29 @@ TEST_F(SandboxTest, FaultsAreInjectedAndRepeatable) {
   }
   start();
   EXPECT_EQ(ordersKept(), 1u);
-
-  const auto statuses = [&] {
-    withFaults(&ZVSandboxFaults::http500Share, 0.5);
-    std::vector<int> seen;
-    for (int i = 0; i < 20; ++i) seen.push_back(call("orders").status);
-    return seen;
-  };
-  const auto first = statuses();
-  EXPECT_EQ(statuses(), first);
-  EXPECT_EQ(std::set<int>(first.begin(), first.end()), (std::set<int>{200, 500}));
 }
 
 TEST_F(SandboxTest, IdempotencyKeyAnswersOnceAndRefusesAnotherRequest) {
   start();
   const std::string path = "offers/107/orders";
-  const auto first = keyed("k-1", path, R"({"order":{"quantity":1,"email":"a@b.c"}})");
+  const auto first = call(path, R"({"order":{"quantity":1,"email":"a@b.c"}})", "k-1");
   ASSERT_EQ(first.body["status"], "ok") << first.text;
   EXPECT_FALSE(first.headers.count("Idempotent-Replayed"));
   // Same request in other whitespace and key order: the first answer again.
-  const auto again = keyed("k-1", path, R"( { "order" : { "email":"a@b.c", "quantity":1 } } )");
+  const auto again = call(path, R"( { "order" : { "email":"a@b.c", "quantity":1 } } )", "k-1");
   EXPECT_EQ(again.status, 200);
   EXPECT_EQ(again.text, first.text);
   EXPECT_EQ(again.headers.find("Idempotent-Replayed")->second, "true");
 
-  const auto changed = keyed("k-1", path, R"({"order":{"quantity":2}})");
+  const auto changed = call(path, R"({"order":{"quantity":2}})", "k-1");
   EXPECT_EQ(changed.status, 422);
   EXPECT_NE(changed.text.find("already used for a different"), std::string::npos);
-  EXPECT_EQ(keyed("k-1", "offers/110/orders", R"({"order":{"quantity":1,"email":"a@b.c"}})").status,
+  EXPECT_EQ(call("offers/110/orders", R"({"order":{"quantity":1,"email":"a@b.c"}})", "k-1").status,
             422);
 
   // A refusal is an answer too; a request without a key orders again.
-  const auto refused = keyed("k-2", "offers/111/orders", R"({"order":{}})");
-  EXPECT_EQ(keyed("k-2", "offers/111/orders", R"({"order":{}})").text, refused.text);
+  const auto refused = call("offers/111/orders", R"({"order":{}})", "k-2");
+  EXPECT_EQ(call("offers/111/orders", R"({"order":{}})", "k-2").text, refused.text);
   EXPECT_EQ(order("107").body["status"], "ok");
   const auto orders = call("orders").body["orders"];
   ASSERT_EQ(orders.size(), 2u);
@@ -313,11 +277,11 @@ TEST_F(SandboxTest, IdempotencyKeyAnswersOnceAndRefusesAnotherRequest) {
 
   for (const std::string& key :
        {std::string(256, 'k'), std::string("has space"), std::string("caf\xc3\xa9")}) {
-    const auto invalid = keyed(key, path, R"({"order":{}})");
+    const auto invalid = call(path, R"({"order":{}})", key);
     EXPECT_EQ(invalid.status, 400) << key;
     EXPECT_NE(invalid.text.find("Idempotency-Key"), std::string::npos);
   }
-  EXPECT_EQ(keyed(std::string(255, '~'), path, R"({"order":{}})").status, 200);
+  EXPECT_EQ(call(path, R"({"order":{}})", std::string(255, '~')).status, 200);
 
   // Concurrent requests with one key: one order, the same answer for all.
   // Meanwhile 24 orders of a 400-point offer without a key: of the 4250
@@ -325,7 +289,7 @@ TEST_F(SandboxTest, IdempotencyKeyAnswersOnceAndRefusesAnotherRequest) {
   std::vector<Answer> answers(8), unkeyed(24);
   std::vector<std::thread> threads;
   for (auto& answer : answers)
-    threads.emplace_back([&] { answer = keyed("same", path, R"({"order":{}})"); });
+    threads.emplace_back([&] { answer = call(path, R"({"order":{}})", "same"); });
   for (auto& answer : unkeyed) threads.emplace_back([&] { answer = order("102"); });
   for (auto& thread : threads) thread.join();
   for (const auto& answer : answers)
@@ -336,38 +300,17 @@ TEST_F(SandboxTest, IdempotencyKeyAnswersOnceAndRefusesAnotherRequest) {
 }
 
 // State and keys outlive a restart: an order whose answer was lost is found
-// by its key's retry instead of being placed again; a key older than a day is
-// forgotten; a reset starts afresh.
-TEST_F(SandboxTest, StateAndKeysPersistAcrossRestartsUntilReset) {
+// by its key's retry instead of being placed again.
+TEST_F(SandboxTest, StateAndKeysPersistAcrossARestart) {
   start([](ZVSandboxOptions& options) { options.faults.dropAfterCommitShare = 1; });
   const std::string path = "offers/107/orders", body = R"({"order":{"quantity":3}})";
-  EXPECT_EQ(keyed("retry-me", path, body).status, 0);
-  EXPECT_EQ(ordersKept(), 1u) << "a GET is not dropped";
+  EXPECT_EQ(call(path, body, "retry-me").status, 0);
 
   start();
-  const auto retried = keyed("retry-me", path, body);
+  const auto retried = call(path, body, "retry-me");
   EXPECT_EQ(retried.status, 200);
   EXPECT_EQ(retried.headers.count("Idempotent-Replayed"), 1u);
-  EXPECT_EQ(retried.body["order"]["quantity"], 3);
   EXPECT_EQ(order("107").body["order"]["user"]["available_points"], 5000 - 4 * 250);
-
-  sandbox_->stop();
-  sqlite3* db = nullptr;
-  ASSERT_EQ(sqlite3_open((dir_ / "state.sqlite").c_str(), &db), SQLITE_OK);
-  EXPECT_EQ(sqlite3_exec(db, "UPDATE idempotency SET created_at = created_at - 86401", nullptr,
-                         nullptr, nullptr),
-            SQLITE_OK);
-  sqlite3_close(db);
-  start();
-  EXPECT_EQ(keyed("retry-me", path, R"({"order":{}})").status, 200);
-  EXPECT_EQ(ordersKept(), 3u);
-
-  start([](ZVSandboxOptions& options) {
-    options.reset = true;
-    options.initialPoints = 300;
-  });
-  EXPECT_EQ(ordersKept(), 0u);
-  EXPECT_EQ(order("107").body["order"]["user"]["available_points"], 50);
 }
 
 TEST(SandboxFraming, FindsTheEndOfARequestOrRefusesIt) {
@@ -392,13 +335,9 @@ TEST(SandboxFraming, FindsTheEndOfARequestOrRefusesIt) {
       {chunked + "6\r\nabcdef\r\n5\r\n", refused, 413},
       {chunked + std::string(30, '1') + "\r\n", refused, 413},
       {chunked + "zz\r\n", refused, 400},
-      {chunked + "1\r\nab\r\n", refused, 400},
-      {chunked + "0\r\nX: y\r\n\r\n", refused, 400},
       {post + "Content-Length: 1\r\nContent-Length: 1\r\n\r\na", refused, 400},
       {post + "Content-Length: 1\r\nTransfer-Encoding: chunked\r\n\r\n", refused, 400},
-      {post + "Content-Length: -1\r\n\r\n", refused, 400},
       {post + "Transfer-Encoding: gzip\r\n\r\n", refused, 501},
-      {post + "Content-Encoding: gzip\r\nContent-Length: 1\r\n\r\na", refused, 415},
   };
   for (const auto& [bytes, state, endOrStatus] : cases) {
     // Byte by byte and all at once: the framer resumes where it stopped.
@@ -446,12 +385,9 @@ TEST_F(SandboxTest, HostileClientsAreRefusedWhileOthersAreServed) {
   }
   const std::string answer = hostile.readAnswer();
   EXPECT_TRUE(answer.starts_with("HTTP/1.1 413 Payload Too Large\r\n")) << answer.substr(0, 200);
-  EXPECT_NE(answer.find(R"("status":"error")"), std::string::npos) << answer.substr(0, 200);
-  EXPECT_EQ(call("orders").status, 200);
   // The slow clients timed out, answered with an error too.
   const std::string timedOut = slow.front()->readAnswer();
   EXPECT_TRUE(timedOut.starts_with("HTTP/1.1 408 Request Timeout\r\n")) << timedOut;
-  EXPECT_NE(timedOut.find(R"("status":"error")"), std::string::npos) << timedOut;
 }
 
 TEST_F(SandboxTest, StateAndKeyAreReadableByTheirOwnerOnly) {
@@ -479,12 +415,9 @@ TEST_F(SandboxTest, StateAndKeyAreReadableByTheirOwnerOnly) {
 
 // ---- The client, run as a program -------------------------------------------
 
-// The sandbox's catalogue: an offer anyone can afford, one above the balance,
-// one above the user's tier, and one that needs a passed skill-testing challenge.
+// The sandbox's catalogue: an offer anyone can afford, and one above the balance.
 constexpr const char* kCheapOffer = "110";
 constexpr const char* kExpensiveOffer = "111";
-constexpr const char* kGoldTierOffer = "105";
-constexpr const char* kSkillOffer = "103";
 // A token that must never be printed, whatever its case.
 constexpr const char* kToken = "Tok-7f3a9c-never-print-me";
 
@@ -574,31 +507,18 @@ std::string lowered(std::string text) {
   return text;
 }
 
-// One state throughout: the first order spends from the initial balance, the
-// demo runs again on the state it left.
+// One state throughout: the order spends from the initial balance, and the
+// next run lists it.
 TEST_F(ZvrewardsTest, CommandsPrintWhatTheyDid) {
-  const ProcessResult placed = run({"--json", "order", kCheapOffer, "--quantity", "2", "--ship-to",
-                                    "Ada Byron, 12 Main Street, Toronto, ON, M5V 2T6, CA"});
-  const json order = json::parse(placed.out, nullptr, false);
-  ASSERT_TRUE(order.is_object()) << placed.out << placed.err;
-  EXPECT_EQ(order["quantity"], 2);
-  EXPECT_EQ(order["user"]["available_points"], 5000 - order["points"].get<int64_t>());
-
-  const json catalogue = json::parse(run({"--json", "offers"}).out, nullptr, false);
-  ASSERT_TRUE(catalogue.is_array() && !catalogue.empty()) << catalogue;
-  std::map<std::string, std::string> statuses;
-  for (const json& offer : catalogue) statuses[offer.value("id", "")] = offer.value("status", "");
-  EXPECT_EQ(statuses[kCheapOffer], "available");
-  EXPECT_EQ(statuses[kExpensiveOffer], "insufficient_points");
-  EXPECT_EQ(statuses[kGoldTierOffer], "not_qualified");
-
   const Args demo = {"worked out from the question", ": passed",
                      "Balance:", "user-update notification", "CREATED"};
   const std::tuple<Args, int, Args> cases[] = {
-      {{"orders"}, 0, {order.value("id", "?")}},
+      {{"order", kCheapOffer, "--quantity", "2", "--ship-to",
+        "Ada Byron, 12 Main Street, Toronto, ON, M5V 2T6, CA"},
+       0,
+       {"Quantity:  2", "Balance:   4940"}},
+      {{"orders"}, 0, {"Free shipping"}},
       {{"offers"}, 0, {"POINTS", "└─ "}},  // options are drawn under their offer
-      {{"offers", "--locale", "fr_CA"}, 0, {"Tasse à café"}},
-      {{"demo"}, 0, demo},
       {{"demo"}, 0, demo},
       {{"demo", "--answer", "not a number"}, 1, {"wrong answer"}},
   };
@@ -613,21 +533,14 @@ TEST_F(ZvrewardsTest, CommandsPrintWhatTheyDid) {
 }
 
 TEST_F(ZvrewardsTest, FailuresPrintOneLineAndTheirExitStatus) {
-  const ProcessResult question = run({"--json", "question"});
-  const std::string questionID = json::parse(question.out, nullptr, false).value("id", "");
-  ASSERT_FALSE(questionID.empty()) << question.out << question.err;
-
   // Where nothing listens, with a token that must not be printed.
   const std::string nowhere = fmt::format("http://127.0.0.1:{}", zvtest::ZVRawServer::closedPort());
   const Args elsewhere = {"--service", nowhere, "--app",     "a", "--token",
                           kToken,      "-vv",   "--timeout", "5"};
   const std::tuple<const char*, Args, int, std::string> cases[] = {
       {"insufficient points", {"order", kExpensiveOffer}, 1, "Insufficient points: needs"},
-      {"wrong answer", {"answer", kSkillOffer, questionID, "not-a-number"}, 1, "wrong answer"},
       {"unreachable", elsewhere + Args{"--insecure-http", "offers"}, 3, "could not connect"},
       {"plain http not allowed", elsewhere + Args{"offers"}, 2, "--insecure-http"},
-      {"unknown command", elsewhere + Args{"no-such-command"}, 2, "subcommand is required"},
-      {"bad address", {"order", "101", "--ship-to", "Ada Byron, Toronto"}, 2, "six parts"},
   };
   for (const auto& [name, args, status, message] : cases) {
     SCOPED_TRACE(name);
@@ -691,11 +604,9 @@ TEST_F(ZvrewardsTest, ServiceTextCannotDriveTheTerminalNorShowTheToken) {
 // from the user and orders only once confirmed.
 TEST_F(ZvrewardsTest, SandboxCommandServesADemoThatAsksBeforeARealOrder) {
   const std::string port = std::to_string(zvtest::ZVRawServer::closedPort());
-  FILE* banner = std::tmpfile();
-  ASSERT_TRUE(banner);
   const pid_t server = zvtest::spawnProcess(
-      {ZVREWARDS_BIN, "--state", (dir_ / "served.sqlite").string(), "sandbox", "--port", port},
-      fileno(banner), fileno(banner), childEnvironment(dir_));
+      {ZVREWARDS_BIN, "--state", (dir_ / "served.sqlite").string(), "sandbox", "--port", port}, -1,
+      -1, childEnvironment(dir_));
   ASSERT_GT(server, 0);
   const Args at = {"--service",   "http://127.0.0.1:" + port, "--app", "sandbox-app", "--token",
                    kSandboxToken, "--insecure-http"};
@@ -737,65 +648,38 @@ TEST_F(ZvrewardsTest, SandboxCommandServesADemoThatAsksBeforeARealOrder) {
 
   kill(server, SIGTERM);
   EXPECT_EQ(zvtest::waitProcess(server, 10s).exitCode(), 0);
-  std::rewind(banner);
-  std::string text(4096, '\0');
-  text.resize(std::fread(text.data(), 1, text.size(), banner));
-  std::fclose(banner);
-  EXPECT_NE(text.find("Service host:  http://127.0.0.1:" + port), std::string::npos) << text;
-  EXPECT_NE(text.find(kSandboxToken), std::string::npos) << text;
 }
 
 TEST(ZvrewardsOutput, MasksTheTokenAndEscapesWhatDrivesATerminal) {
   // The token to mask, the text, what is shown.
   const std::tuple<const char*, const char*, const char*> cases[] = {
       {"Tok-12345", "a TOK-12345 b tok-12345tok-12345", "a *** b ******"},
-      {"Tok-12345", "Tok-1234", "Tok-1234"},
       {"a", "a cat, a", "*** cat, ***"},
       {"ab1", "ab1 xab1 ab1x ab1-c (ab1)", "*** xab1 ab1x ab1-c (***)"},
       {"", "l1\nl2\r\t\x7f", "l1\\nl2\\r\\t\\x7f"},
       {"", "C1 \xc2\x9b, RLO \xe2\x80\xae, bad \xff\xc3",
        "C1 \\u009b, RLO \\u202e, bad \\xff\\xc3"},
-      {"", "Tasse à café, Ελληνικά, 日本, 🎁", "Tasse à café, Ελληνικά, 日本, 🎁"},
   };
   for (const auto& [secret, text, shown] : cases)
     EXPECT_EQ(zvcli::terminalSafe(zvcli::Redactor(secret)(text)), shown) << text;
-  EXPECT_EQ(zvcli::terminalSafe("a\nb", /*keepLineFeeds=*/true), "a\nb");
   // JSON keeps its meaning: the escapes are JSON escapes.
   EXPECT_EQ(zvcli::terminalSafeJSON("[\"\x7f\xc2\x9b\xe2\x80\xae\"]"), R"(["\u007f\u009b\u202e"])");
+  // Cut to a width, never inside a character.
+  EXPECT_EQ(zvcli::truncateToWidth("Écouteurs sans fil", 6), "Écout…");
 }
 
-TEST(ZvrewardsArithmetic, SolvesTheSandboxQuestions) {
-  const std::pair<const char*, std::optional<double>> cases[] = {
-      {"6 + 5 x 8 - 3", 43},
+// The sandbox's own questions are solved in the demo runs above.
+TEST(ZvrewardsArithmetic, SolvesQuestionsOrRefusesThem) {
+  const std::pair<std::string, std::optional<double>> cases[] = {
       {"What is 12 ÷ 4 + 2?", 5},
       {"2 × (3 + 4) − 1", 13},
       {"10 - 2 - 3", 5},
-      {"-3 * -2", 6},
-      {"7 / 2", 3.5},
       {"8 / (4 - 4)", std::nullopt},
       {"(1 + 2", std::nullopt},
-      {"", std::nullopt},
+      {std::string(100000, '(') + "1", std::nullopt},  // deep nesting: no crash
   };
   for (const auto& [question, answer] : cases)
-    EXPECT_EQ(zvcli::evaluateArithmetic(question), answer) << question;
-
-  // Deep nesting ends in an answer or nullopt, never a crash.
-  EXPECT_EQ(zvcli::evaluateArithmetic(std::string(100000, '(') + "1"), std::nullopt);
-  EXPECT_EQ(zvcli::answerText(26), "26");
-  EXPECT_EQ(zvcli::answerText(3.5), "3.5");
-}
-
-TEST(ZvrewardsFormat, PadsByCodePointsAndTruncates) {
-  zvcli::Table table({{"NAME"}, {"POINTS", zvcli::Table::Align::Right}});
-  table.addRow({"Tasse à café", "150"});
-  table.addRow({"Mug", "75"});
-  // Right-aligned last column: every line ends in the same screen column.
-  std::istringstream lines(table.render());
-  std::set<size_t> ends;
-  for (std::string line; std::getline(lines, line);) ends.insert(zvcli::displayWidth(line));
-  EXPECT_EQ(ends.size(), 1u) << table.render();
-  EXPECT_EQ(zvcli::truncateToWidth("Écouteurs sans fil", 6), "Écout…");
-  EXPECT_EQ(zvcli::truncateToWidth("short", 6), "short");
+    EXPECT_EQ(zvcli::evaluateArithmetic(question), answer) << question.substr(0, 20);
 }
 
 }  // namespace
