@@ -259,7 +259,9 @@ TEST_F(SandboxTest, IdempotencyKeyAnswersOnceAndRefusesAnotherRequest) {
   const auto again = call(path, R"( { "order" : { "email":"a@b.c", "quantity":1 } } )", "k-1");
   EXPECT_EQ(again.status, 200);
   EXPECT_EQ(again.text, first.text);
-  EXPECT_EQ(again.headers.find("Idempotent-Replayed")->second, "true");
+  const auto replayed = again.headers.find("Idempotent-Replayed");
+  ASSERT_NE(replayed, again.headers.end());
+  EXPECT_EQ(replayed->second, "true");
 
   const auto changed = call(path, R"({"order":{"quantity":2}})", "k-1");
   EXPECT_EQ(changed.status, 422);
