@@ -166,6 +166,10 @@ int main(void) {
   AWAIT(zvr_rewards_fetch_orders(on_orders, &orders), &orders);
   CHECK_RESULT(ZVR_OK, zvr_order_list_get_json(orders.result, &listed));
   CHECK(listed != NULL && order_id != NULL && strstr(listed, order_id));
+  /* Signing out empties the state that the C calls read. */
+  CHECK_RESULT(ZVR_OK, zvr_rewards_clear_user_state());
+  CHECK_RESULT(ZVR_OK, zvr_rewards_get_last_refresh_time(&refreshed));
+  CHECK(refreshed == 0);
 
   CHECK_RESULT(ZVR_OK, zvr_notifications_unsubscribe(subscription));
   outcome* all[] = {&fetched, &placed, &orders};

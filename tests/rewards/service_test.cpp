@@ -4,6 +4,7 @@
 // and failure dispatch. (Concurrent use of every operation is the load test's.)
 #include <fmt/format.h>
 
+#include <cstdlib>
 #include <limits>
 #include <thread>
 
@@ -61,6 +62,21 @@ TEST_F(OffersTest, FirstFetchSendsLocaleAndDeliversRecordsInOrder) {
   EXPECT_EQ(notes[0].object, manager());
   EXPECT_EQ(notes[0].userInfo.at(ZV_MANAGER_NOTIFICATION_DATA_KEY).get(),
             static_cast<const ZVObject*>(outcome.result.get()));
+}
+
+// A fetch without a locale asks for the host's custom locale, else the device's.
+TEST_F(OffersTest, NullLocaleFallsBackToCustomThenDeviceLocale) {
+  const char* saved = std::getenv("LC_ALL");
+  const std::string savedValue = saved ? saved : "";
+  setenv("LC_ALL", "pt_BR.UTF-8", 1);
+  for (bool custom : {true, false}) {
+    Zorvane::setCustomLocale(custom ? std::optional<ZVLocale>(ZVLocale("fr_CA")) : std::nullopt);
+    answer(kTwoOffers);
+    await<const ZVOfferArray>(
+        [](auto h) { manager()->forceFetchOffersWithLocale(std::nullopt, h); });
+    EXPECT_EQ(server.requests().back().query, custom ? "locale=fr-CA" : "locale=pt-BR");
+  }
+  saved ? setenv("LC_ALL", savedValue.c_str(), 1) : unsetenv("LC_ALL");
 }
 
 TEST_F(OffersTest, CacheFreshnessFollowsTheRefreshInterval) {
