@@ -50,7 +50,7 @@ TEST(OrderTest, ValueConversions) {
       {R"({"points": "250", "status": "pending_approval"})", 0, 250, 3, 0, 0, false},
       {R"({"status": "APPROVED"})", 0, 0, 0, 0, 0, false},
       {R"({"status": "redemption_error", "shipping_address": "Lyon"})", 0, 0, 4, 0, 0, false},
-      {R"({"user": {"available_points": 4294967295, "test_points": "-3"}})", 0, 0, 0, -1, -3,
+      {R"({"user": {"available_points": 4294967295, "test_points": 4294967293}})", 0, 0, 0, -1, -3,
        false},
       {R"({"order": null, "shipping_address": {}})", 0, 0, 0, 0, 0, true},
   };
