@@ -102,12 +102,12 @@ std::string nginxBinary() {
   return "nginx";  // from PATH
 }
 
-std::string config(const fs::path& dir, int httpPort, int httpsPort) {
+std::string config(const fs::path& dir, int httpPort, int httpsPort, int workers) {
   const std::string d = dir.string();
   // Run as root, the worker would otherwise switch to "nobody", who may not
   // read a work directory made by mktemp.
   const std::string user = geteuid() == 0 ? "user root;\n" : "";
-  return fmt::format(R"({user}worker_processes 1;
+  return fmt::format(R"({user}worker_processes {workers};
 daemon off;
 pid {d}/nginx.pid;
 events {{ worker_connections 1024; }}
@@ -122,7 +122,7 @@ http {{
   keepalive_timeout 600s;
   keepalive_requests 100000000;
   sendfile on;
-  # The one worker serves nothing else while it sends a chunk: at the 2m
+  # A worker serves nothing else while it sends a chunk: at the 2m
   # default, a 14.6 MB answer held small ones for 7 to 9 ms at a time, a
   # stall of the server's that the latency figures would lay on the client.
   sendfile_max_chunk 256k;
@@ -141,13 +141,14 @@ http {{
   }}
 }}
 )",
-                     fmt::arg("user", user), fmt::arg("d", d), fmt::arg("httpPort", httpPort),
-                     fmt::arg("httpsPort", httpsPort));
+                     fmt::arg("user", user), fmt::arg("workers", workers), fmt::arg("d", d),
+                     fmt::arg("httpPort", httpPort), fmt::arg("httpsPort", httpsPort));
 }
 
 }  // namespace
 
-Nginx::Nginx(const std::string& dir, const std::map<std::string, std::string>& files, int cpu)
+Nginx::Nginx(const std::string& dir, const std::map<std::string, std::string>& files, int cpu,
+             int workers)
     : dir_(fs::absolute(dir).string()) {
   const fs::path root(dir_);
   fs::remove_all(root);
@@ -167,7 +168,7 @@ Nginx::Nginx(const std::string& dir, const std::map<std::string, std::string>& f
   httpsPort_ = freePort();
   while (httpsPort_ == httpPort_) httpsPort_ = freePort();
   const fs::path conf = root / "nginx.conf";
-  writeFile(conf, config(root, httpPort_, httpsPort_));
+  writeFile(conf, config(root, httpPort_, httpsPort_, workers));
 
   const std::string binary = nginxBinary();
   const std::string log = (root / "error.log").string();
@@ -258,9 +259,10 @@ long Nginx::acceptedConnections() const {
 }
 
 std::unique_ptr<Nginx> startNginx(const char* program, const std::string& dir,
-                                  const std::map<std::string, std::string>& files, int cpu) {
+                                  const std::map<std::string, std::string>& files, int cpu,
+                                  int workers) {
   try {
-    return std::make_unique<Nginx>(dir, files, cpu);
+    return std::make_unique<Nginx>(dir, files, cpu, workers);
   } catch (const std::exception& e) {
     std::fprintf(stderr, "%s: %s\n", program, e.what());
     return nullptr;

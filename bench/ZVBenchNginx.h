@@ -23,9 +23,9 @@ struct Placement {
 /// any thread starts: threads inherit the mask of the thread that creates them.
 Placement pinClientAndPickServerCPU();
 
-/// One nginx master with one worker, run under its own prefix in `dir` (its
-/// configuration, pid file, error log, temp paths and certificate), never the
-/// system's. Serves, for app "bench":
+/// One nginx master with `workers` workers (all on the server's CPU), run under its own prefix in
+/// `dir` (its configuration, pid file, error log, temp paths and certificate), never the system's.
+/// Serves, for app "bench":
 /// - GET /api/v1/apps/bench/offers?locale=L: the file "offers-L.json";
 /// - GET /api/v1/apps/bench/orders: the file "orders.json";
 /// - GET /status: nginx's counters (connections accepted, requests).
@@ -38,7 +38,8 @@ class Nginx {
   /// Writes `files` (name -> body) and starts nginx pinned to `cpu` (-1: not
   /// pinned). Throws std::runtime_error with nginx's error log when it does
   /// not come up.
-  Nginx(const std::string& dir, const std::map<std::string, std::string>& files, int cpu);
+  Nginx(const std::string& dir, const std::map<std::string, std::string>& files, int cpu,
+        int workers = 1);
   ~Nginx();
   Nginx(const Nginx&) = delete;
   Nginx& operator=(const Nginx&) = delete;
@@ -66,6 +67,7 @@ class Nginx {
 /// The server of a benchmark program, or null after `program` said on stderr
 /// why it did not come up.
 std::unique_ptr<Nginx> startNginx(const char* program, const std::string& dir,
-                                  const std::map<std::string, std::string>& files, int cpu);
+                                  const std::map<std::string, std::string>& files, int cpu,
+                                  int workers = 1);
 
 }  // namespace zvbench

@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <pthread.h>
+
 #include <atomic>
 #include <mutex>
 #include <thread>
@@ -237,6 +239,83 @@ TEST_F(TransportTest, ReplacingTheTransportFailsRequestsInFlight) {
   ASSERT_NE(calls[0].error, nullptr);
   EXPECT_EQ(calls[0].error->type(), ZVErrorTypeTransport);
   EXPECT_EQ(calls[0].error->code(), ZVErrorShutdown);
+}
+
+// Straight on the transport: where each answer completes tells the lane.
+TEST(CurlTransportTest, URLsThatAnswerLargeTakeTheBulkLaneUntilTheyAnswerSmall) {
+  ZVLoopbackServer server;
+  const std::string large(300 << 10, ' ');  // above the 256 KB line, still JSON-blank
+  std::atomic<bool> answerLarge{true}, stall{false};
+  server.setHandler([&](const zvtest::LoopbackRequest& request) {
+    if (stall) return zvtest::LoopbackResponse{.delay = 10s};
+    return zvtest::LoopbackResponse{.body = request.path == "/big" && answerLarge ? large : "{}"};
+  });
+  std::shared_ptr<ZVTransport> transport = ZVMakeCurlTransport();
+
+  struct Done {
+    std::string thread;
+    ZVHTTPResult result;
+  };
+  std::mutex mutex;
+  std::vector<Done> done;  // guarded by mutex
+  auto send = [&](const char* path) {
+    ZVHTTPRequest request;
+    request.method = "GET";
+    request.url = server.baseURL() + path;
+    transport->send(std::move(request), [&](ZVHTTPResult result) {
+      char name[16] = {};
+      pthread_getname_np(pthread_self(), name, sizeof name);
+      std::lock_guard lock(mutex);
+      done.push_back({name, std::move(result)});
+    });
+  };
+  auto lastDone = [&](size_t count) {
+    EXPECT_TRUE(zvtest::drainUntil([&] {
+      std::lock_guard lock(mutex);
+      return done.size() >= count;
+    }));
+    std::lock_guard lock(mutex);
+    return done.size() >= count ? done[count - 1] : Done{};
+  };
+
+  struct Step {
+    const char* path;
+    bool large;  // what /big answers
+    const char* lane;
+  };
+  const Step steps[] = {
+      {"/big", true, "zv-io"},        // not known yet
+      {"/big", true, "zv-io-bulk"},   // learnt from the last answer
+      {"/small", true, "zv-io"},      // other URLs stay on the main lane
+      {"/big", false, "zv-io-bulk"},  // still known as large until this answer
+      {"/big", false, "zv-io"},
+  };
+  size_t count = 0;
+  for (const Step& step : steps) {
+    answerLarge = step.large;
+    send(step.path);
+    const Done d = lastDone(++count);
+    EXPECT_EQ(d.thread, step.lane) << step.path << " request " << count;
+    EXPECT_EQ(d.result.status, 200);
+  }
+  // The bulk lane keeps connections of its own.
+  const std::vector<zvtest::LoopbackRequest> requests = server.requests();
+  ASSERT_EQ(requests.size(), count);
+  EXPECT_NE(requests[1].remotePort, requests[2].remotePort);
+
+  // Destroyed with an exchange in flight on each lane: each fails once, as shut down.
+  answerLarge = true;
+  send("/big");
+  lastDone(++count);
+  stall = true;
+  send("/big");  // now on the bulk lane
+  send("/small");
+  ASSERT_TRUE(server.waitForRequests(count + 2));
+  transport.reset();
+  std::lock_guard lock(mutex);
+  ASSERT_EQ(done.size(), count + 2);
+  for (size_t i = count; i < done.size(); ++i)
+    EXPECT_EQ(done[i].result.failure, ZVTransportFailure::Shutdown) << done[i].thread;
 }
 
 // Through the request manager, which hands each request to the transport.

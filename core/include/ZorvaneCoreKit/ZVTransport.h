@@ -93,14 +93,23 @@ struct ZVCurlTransportOptions {
   bool enableHTTP2 = true;
 };
 
-/// The default transport: libcurl's multi interface driven by one I/O thread
+/// The default transport: libcurl's multi interface driven by I/O threads
 /// that the transport owns, with connection reuse and keep-alive, HTTP/2 over
 /// TLS when offered, TLS peer and host verification always on (add a
 /// certificate authority with `ZVHTTPRequest::caFile`), redirects never
 /// followed. A request with a body goes out on a fresh connection, through a
 /// reader that cannot rewind, so libcurl cannot resend it (when the
 /// connection dies or an HTTP/2 stream is refused after the body went out,
-/// the exchange fails instead). Completions run on the I/O thread. Destroying it fails the requests
-/// in flight with `ZVTransportFailure::Shutdown` and joins the thread.
+/// the exchange fails instead).
+///
+/// Two lanes, each an I/O thread with connections of its own: `zv-io`, started
+/// with the transport, and `zv-io-bulk`, started by the first request for a
+/// URL whose last answer had a body of 256 KB or more (up to 16 such URLs are
+/// remembered; a smaller answer forgets one). Requests for those URLs take
+/// the bulk lane, so that small exchanges never wait while megabytes of
+/// another answer are read and decrypted. Limits such as
+/// `maxHostConnections` apply per lane. Completions run on the lane's thread.
+/// Destroying the transport fails the requests in flight with
+/// `ZVTransportFailure::Shutdown` and joins both threads.
 ZV_CORE_EXPORT std::shared_ptr<ZVTransport> ZVMakeCurlTransport(
     ZVCurlTransportOptions options = {});

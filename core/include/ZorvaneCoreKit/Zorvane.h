@@ -146,7 +146,7 @@ class ZV_CORE_EXPORT Zorvane {
   /// unload its libraries:
   /// - cancels every pending operation, as `cancelAllOperations()` does
   ///   (operations started while it runs are cancelled at once);
-  /// - stops the transport: the default one joins its I/O thread; one
+  /// - stops the transport: the default one joins its I/O threads; one
   ///   installed with `setTransport` is released;
   /// - stops and joins the main queue's dedicated thread, if started, and
   ///   destroys the tasks still queued without running them;

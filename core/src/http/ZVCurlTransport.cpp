@@ -1,10 +1,12 @@
-// The default transport: libcurl's multi interface on one I/O thread.
+// The default transport: libcurl's multi interface on an I/O thread, and a
+// second one for the URLs that answer with large bodies.
 #include <ZorvaneCoreKit/ZVTransport.h>
 
 #include <curl/curl.h>
 #include <pthread.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <memory>
 #include <mutex>
@@ -50,22 +52,56 @@ struct Transfer {
   // Kept with the handle from one exchange to the next.
   CURL* easy = nullptr;
   curl_slist* headers = nullptr;
-  ZVHeaders headersSent;            // what `headers` was built from
-  bool configured = false;          // the constant options are set
-  std::string method;               // the method options set on the handle
-  bool withBody = false;            // ... and whether a body was sent
-  std::string caFile;               // the CA file set on the handle
-  curl_slist* connectTo = nullptr;  // set on the handle for a large answer's own connection
+  ZVHeaders headersSent;    // what `headers` was built from
+  bool configured = false;  // the constant options are set
+  std::string method;       // the method options set on the handle
+  bool withBody = false;    // ... and whether a body was sent
+  std::string caFile;       // the CA file set on the handle
   char errorBuffer[CURL_ERROR_SIZE] = {};
 };
 
-// A URL whose last answer was at least this large is fetched on connections
-// of its own: over HTTP/2, an exchange shares its connection with every
-// other to the same server, and a small answer queued behind megabytes of
-// another's waits for all of them to be read (bench's stall/h2).
+// A URL whose last answer was at least this large is fetched by the bulk
+// lane: an I/O thread and connections of its own. Reading megabytes keeps
+// an I/O thread busy for milliseconds at a time (decrypting TLS, copying),
+// and a small answer that shares the thread or an HTTP/2 connection with
+// them waits for all of it (bench's stall/*).
 constexpr size_t kLargeAnswerBytes = size_t{256} << 10;
 // URLs remembered as large; past this, the oldest is forgotten.
 constexpr size_t kMaxLargeURLs = 16;
+
+// The URLs whose last answer was large, oldest first: learnt by both lanes
+// as answers complete, read by `send` on any thread.
+class LargeURLs {
+ public:
+  bool contains(const std::string& url) const {
+    if (count_.load(std::memory_order_acquire) == 0) return false;  // most hosts, always
+    std::lock_guard lock(mutex_);
+    return std::find(urls_.begin(), urls_.end(), url) != urls_.end();
+  }
+
+  void note(const std::string& url, size_t bytes) {
+    const bool large = bytes >= kLargeAnswerBytes;
+    if (!large && count_.load(std::memory_order_acquire) == 0) return;
+    std::lock_guard lock(mutex_);
+    const auto known = std::find(urls_.begin(), urls_.end(), url);
+    if (!large) {
+      if (known != urls_.end()) urls_.erase(known);
+    } else if (known == urls_.end()) {
+      try {
+        if (urls_.size() == kMaxLargeURLs) urls_.erase(urls_.begin());
+        urls_.push_back(url);
+      } catch (...) {
+        // Not remembered: the next fetch takes the main lane, as any would.
+      }
+    }
+    count_.store(urls_.size(), std::memory_order_release);
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::vector<std::string> urls_;  // guarded by mutex_
+  std::atomic<size_t> count_{0};
+};
 
 // The JSON parser reads a body in place when at least this many bytes of
 // capacity follow its last byte, and copies it otherwise.
@@ -182,7 +218,8 @@ bool hasLineBreakOrNul(std::string_view text) {
 // transport object when the last reference is dropped on the I/O thread itself.
 class CurlEngine {
  public:
-  explicit CurlEngine(const ZVCurlTransportOptions& options) : options_(options) {
+  CurlEngine(const ZVCurlTransportOptions& options, std::shared_ptr<LargeURLs> largeURLs)
+      : options_(options), largeURLs_(std::move(largeURLs)) {
     initCurlOnce();
     multi_ = curl_multi_init();
     if (multi_ == nullptr) throw std::bad_alloc();
@@ -293,8 +330,6 @@ class CurlEngine {
     t.easy = nullptr;
     curl_slist_free_all(t.headers);
     t.headers = nullptr;
-    curl_slist_free_all(t.connectTo);
-    t.connectTo = nullptr;
   }
 
   // Back to the pool once its completion has what it needs.
@@ -447,7 +482,6 @@ class CurlEngine {
     }
 
     curl_easy_setopt(e, CURLOPT_URL, r.url.c_str());
-    setOwnConnection(t, isLarge(r.url));
     curl_easy_setopt(e, CURLOPT_CONNECTTIMEOUT_MS,
                      static_cast<long>(std::max<int64_t>(0, r.connectTimeout.count())));
     curl_easy_setopt(e, CURLOPT_TIMEOUT_MS,
@@ -469,55 +503,6 @@ class CurlEngine {
     return "";
   }
 
-  bool isLarge(const std::string& url) const {
-    return std::find(largeURLs_.begin(), largeURLs_.end(), url) != largeURLs_.end();
-  }
-
-  // Learns which URLs answer with large bodies, from each answer.
-  void noteAnswerSize(const std::string& url, size_t bytes) {
-    const auto known = std::find(largeURLs_.begin(), largeURLs_.end(), url);
-    if (bytes < kLargeAnswerBytes) {
-      if (known != largeURLs_.end()) largeURLs_.erase(known);
-      return;
-    }
-    if (known != largeURLs_.end()) return;
-    try {
-      if (largeURLs_.size() == kMaxLargeURLs) largeURLs_.erase(largeURLs_.begin());
-      largeURLs_.push_back(url);
-    } catch (...) {
-      // Not remembered: the next fetch shares a connection, as any would.
-    }
-  }
-
-  // libcurl reuses a connection made through CURLOPT_CONNECT_TO only for
-  // exchanges that set it too, so "connect to this very host and port" keeps
-  // an exchange off the connections the others share, and on its own.
-  static void setOwnConnection(Transfer& t, bool own) {
-    if (!own) {
-      if (t.connectTo == nullptr) return;
-      curl_easy_setopt(t.easy, CURLOPT_CONNECT_TO, nullptr);
-      curl_slist_free_all(t.connectTo);
-      t.connectTo = nullptr;
-      return;
-    }
-    CURLU* url = curl_url();
-    char* host = nullptr;
-    char* port = nullptr;
-    if (url != nullptr && curl_url_set(url, CURLUPART_URL, t.request.url.c_str(), 0) == CURLUE_OK &&
-        curl_url_get(url, CURLUPART_HOST, &host, 0) == CURLUE_OK &&
-        curl_url_get(url, CURLUPART_PORT, &port, CURLU_DEFAULT_PORT) == CURLUE_OK) {
-      const std::string line = strCat(host, ":", port, ":", host, ":", port);
-      if (curl_slist* list = curl_slist_append(nullptr, line.c_str())) {
-        curl_easy_setopt(t.easy, CURLOPT_CONNECT_TO, list);
-        curl_slist_free_all(t.connectTo);
-        t.connectTo = list;
-      }
-    }
-    curl_free(host);
-    curl_free(port);
-    curl_url_cleanup(url);
-  }
-
   void finish(CURL* easy, CURLcode code) {
     Transfer* found = nullptr;
     curl_easy_getinfo(easy, CURLINFO_PRIVATE, &found);
@@ -533,7 +518,7 @@ class CurlEngine {
       curl_easy_getinfo(easy, CURLINFO_HTTP_VERSION, &version);
       t.result.status = static_cast<int>(status);
       t.result.httpVersion = httpVersionText(version);
-      noteAnswerSize(t.request.url, t.result.body.size());
+      largeURLs_->note(t.request.url, t.result.body.size());
     } else {
       long osErrno = 0;
       curl_off_t connectTime = 0;
@@ -599,6 +584,7 @@ class CurlEngine {
   }
 
   const ZVCurlTransportOptions options_;
+  const std::shared_ptr<LargeURLs> largeURLs_;
   CURLM* multi_ = nullptr;
 
   std::mutex mutex_;
@@ -608,37 +594,80 @@ class CurlEngine {
   bool stopping_ = false;       // guarded by mutex_
 
   // Touched by the I/O thread only.
-  std::vector<std::string> largeURLs_;  // oldest first
   std::vector<std::unique_ptr<Transfer>> active_;
   std::vector<std::unique_ptr<Transfer>> idle_;
+};
+
+// An engine and the thread that runs its loop.
+struct Lane {
+  std::shared_ptr<CurlEngine> engine;
+  std::thread thread;
+
+  void start(const ZVCurlTransportOptions& options, std::shared_ptr<LargeURLs> largeURLs,
+             const char* name) {
+    engine = std::make_shared<CurlEngine>(options, std::move(largeURLs));
+    thread = std::thread([engine = engine] { engine->run(); });
+    // Named before it runs: a host's debugger, and our tests, tell it by name.
+    pthread_setname_np(thread.native_handle(), name);
+  }
+
+  void stop() {
+    if (!engine) return;
+    engine->stop();
+    // Dropped from one of this lane's own completions: the thread cannot join
+    // itself; it finishes the shutdown on its own and frees the engine.
+    if (thread.get_id() == std::this_thread::get_id())
+      thread.detach();
+    else
+      thread.join();
+  }
 };
 
 class CurlTransport final : public ZVTransport {
  public:
   explicit CurlTransport(const ZVCurlTransportOptions& options)
-      : engine_(std::make_shared<CurlEngine>(options)) {
-    thread_ = std::thread([engine = engine_] { engine->run(); });
-    // Named before it runs: a host's debugger, and our tests, tell it by name.
-    pthread_setname_np(thread_.native_handle(), "zv-io");
+      : options_(options), largeURLs_(std::make_shared<LargeURLs>()) {
+    main_.start(options_, largeURLs_, "zv-io");
   }
 
   ~CurlTransport() override {
-    engine_->stop();
-    // Dropped from one of our own completions: the thread cannot join itself;
-    // it finishes the shutdown on its own and frees the engine.
-    if (thread_.get_id() == std::this_thread::get_id())
-      thread_.detach();
-    else
-      thread_.join();
+    // The bulk lane's engine is set only under the lock, and never after
+    // this: no send can race the destructor.
+    bulk_.stop();
+    main_.stop();
   }
 
   void send(ZVHTTPRequest request, Completion done) override {
-    engine_->submit(std::move(request), std::move(done));
+    if (largeURLs_->contains(request.url)) {
+      if (CurlEngine* bulk = bulkEngine()) {
+        bulk->submit(std::move(request), std::move(done));
+        return;
+      }
+    }
+    main_.engine->submit(std::move(request), std::move(done));
   }
 
  private:
-  std::shared_ptr<CurlEngine> engine_;
-  std::thread thread_;
+  // The bulk lane, started by its first request; null when no thread or
+  // memory could be had for it (the main lane then takes the request).
+  CurlEngine* bulkEngine() {
+    std::lock_guard lock(bulkMutex_);
+    if (!bulk_.engine) {
+      try {
+        bulk_.start(options_, largeURLs_, "zv-io-bulk");
+      } catch (...) {
+        if (bulk_.engine && !bulk_.thread.joinable()) bulk_.engine.reset();
+        return nullptr;
+      }
+    }
+    return bulk_.engine.get();
+  }
+
+  const ZVCurlTransportOptions options_;
+  const std::shared_ptr<LargeURLs> largeURLs_;
+  Lane main_;
+  std::mutex bulkMutex_;
+  Lane bulk_;  // engine set under bulkMutex_
 };
 
 }  // namespace

@@ -53,7 +53,7 @@ void zv_detail::armExitHook() {
 
 void ZVLifecycle::onProcessExit() {
   // The dedicated thread first, so that no handler starts while the exit
-  // destroys the host's statics; then the transport's I/O thread, joined, so
+  // destroys the host's statics; then the transport's I/O threads, joined, so
   // that it builds no record while the libraries' statics go.
   ZVMainQueue::shared()->stopForExit(kExitPatience);
   ZVGenericRequestManager::instance()->closeTransport(false);
