@@ -20,6 +20,7 @@
 #include "http/ZVCurlFailures.h"
 #include "runtime/ZVDeliveryBatch.h"
 #include "runtime/ZVReclaimer.h"
+#include "runtime/ZVYieldPoint.h"
 
 using namespace zv_detail;
 
@@ -604,9 +605,12 @@ struct Lane {
   std::thread thread;
 
   void start(const ZVCurlTransportOptions& options, std::shared_ptr<LargeURLs> largeURLs,
-             const char* name) {
+             const char* name, bool background) {
     engine = std::make_shared<CurlEngine>(options, std::move(largeURLs));
-    thread = std::thread([engine = engine] { engine->run(); });
+    thread = std::thread([engine = engine, background] {
+      if (background) zv_detail::runAsBackground(SCHED_OTHER);
+      engine->run();
+    });
     // Named before it runs: a host's debugger, and our tests, tell it by name.
     pthread_setname_np(thread.native_handle(), name);
   }
@@ -627,7 +631,7 @@ class CurlTransport final : public ZVTransport {
  public:
   explicit CurlTransport(const ZVCurlTransportOptions& options)
       : options_(options), largeURLs_(std::make_shared<LargeURLs>()) {
-    main_.start(options_, largeURLs_, "zv-io");
+    main_.start(options_, largeURLs_, "zv-io", false);
   }
 
   ~CurlTransport() override {
@@ -654,7 +658,9 @@ class CurlTransport final : public ZVTransport {
     std::lock_guard lock(bulkMutex_);
     if (!bulk_.engine) {
       try {
-        bulk_.start(options_, largeURLs_, "zv-io-bulk");
+        // Reading megabytes is long work: the lane gives way to the threads
+        // that wake for small answers.
+        bulk_.start(options_, largeURLs_, "zv-io-bulk", true);
       } catch (...) {
         if (bulk_.engine && !bulk_.thread.joinable()) bulk_.engine.reset();
         return nullptr;

@@ -32,7 +32,8 @@ inline constexpr std::chrono::seconds kWorkerIdleEnd{2};
 
 /// Runs items in the order posted, on one thread that starts with the first
 /// item (and ends when idle), is named `name` by its creator and runs as a
-/// batch thread (`SCHED_BATCH`) at `niceness` above the process's own,
+/// batch thread (`SCHED_BATCH`, with a long time slice: `runAsBackground`)
+/// at `niceness` above the process's own,
 /// yielding at the yield points of long work (`yieldPoint`).
 /// `run(item, abandoned)` does an item's work; items left when the worker
 /// stops run with `abandoned` set, on the stopping thread, so that each item
@@ -123,8 +124,7 @@ class ZVWorker {
     // host's, inside drain(), or the I/O thread): a batch thread that wakes
     // does not preempt the running one, yet keeps its full share of the CPU.
     // Running, it gives the CPU up at the yield points of long work.
-    const sched_param policy{};
-    sched_setscheduler(0, SCHED_BATCH, &policy);
+    runAsBackground(SCHED_BATCH);
     yieldFromHere();
     if (niceness_ != 0)
       setpriority(PRIO_PROCESS, static_cast<id_t>(gettid()),

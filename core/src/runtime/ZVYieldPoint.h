@@ -18,6 +18,16 @@ ZV_CORE_EXPORT void yieldFromHere() noexcept;
 /// between its units only when it does.
 ZV_CORE_EXPORT bool yieldingHere() noexcept;
 
+/// Runs this thread under `policy` (SCHED_OTHER or SCHED_BATCH), at its
+/// niceness, with a 20 ms time slice where the kernel takes one (Linux 6.12
+/// and later; older kernels keep their own). A thread with the default,
+/// shorter slice that wakes then takes the CPU from this one at once, where
+/// it would otherwise wait for this one's slice to end (up to 2 ms measured,
+/// on a CPU shared with the decode of a large answer). For the threads that
+/// do long work nobody waits on by the millisecond: decoding, freeing,
+/// reading large answers.
+ZV_CORE_EXPORT void runAsBackground(int policy) noexcept;
+
 /// Called between units of long work (an object parsed, a record built) on a
 /// thread that yields: a few nanoseconds, and a `sched_yield` at most every
 /// quarter millisecond.
