@@ -25,10 +25,6 @@ thread_local bool tYielding = false;
 thread_local unsigned tPoints = 0;
 thread_local Clock::time_point tLastYield;
 
-}  // namespace
-
-namespace {
-
 // The kernel's struct sched_attr (its first version): <linux/sched/types.h>
 // clashes with <sched.h>.
 struct SchedAttr {

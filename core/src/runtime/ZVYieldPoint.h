@@ -26,7 +26,7 @@ ZV_CORE_EXPORT bool yieldingHere() noexcept;
 /// on a CPU shared with the decode of a large answer). For the threads that
 /// do long work nobody waits on by the millisecond: decoding, freeing,
 /// reading large answers.
-ZV_CORE_EXPORT void runAsBackground(int policy) noexcept;
+void runAsBackground(int policy) noexcept;
 
 /// Called between units of long work (an object parsed, a record built) on a
 /// thread that yields: a few nanoseconds, and a `sched_yield` at most every
