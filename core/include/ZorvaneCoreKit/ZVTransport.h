@@ -106,8 +106,9 @@ struct ZVCurlTransportOptions {
 /// with the transport, and `zv-io-bulk`, started by the first request for a
 /// URL whose last answer had a body of 256 KB or more (up to 16 such URLs are
 /// remembered; a smaller answer forgets one). Requests for those URLs take
-/// the bulk lane, so that small exchanges never wait while megabytes of
-/// another answer are read and decrypted. Limits such as
+/// the bulk lane, so that small exchanges do not queue behind the reading and
+/// decrypting of megabytes of another answer (a URL's first fetch, before
+/// its size is known, takes `zv-io`). Limits such as
 /// `maxHostConnections` apply per lane. Completions run on the lane's thread.
 /// Destroying the transport fails the requests in flight with
 /// `ZVTransportFailure::Shutdown` and joins both threads.
