@@ -20,10 +20,11 @@ ZV_CORE_EXPORT bool yieldingHere() noexcept;
 
 /// Runs this thread under `policy` (SCHED_OTHER or SCHED_BATCH), at its
 /// niceness, with a 20 ms time slice where the kernel takes one (Linux 6.12
-/// and later; older kernels keep their own). A thread with the default,
-/// shorter slice that wakes then takes the CPU from this one at once, where
-/// it would otherwise wait for this one's slice to end (up to 2 ms measured,
-/// on a CPU shared with the decode of a large answer). For the threads that
+/// and later; older kernels keep their own). The scheduler lets a thread
+/// that wakes preempt the running one only when the woken one's slice is
+/// the shorter: a thread with the default slice may then take the CPU from
+/// this one instead of waiting for its slice to end (up to 2 ms measured, on
+/// a CPU shared with the decode of a large answer). For the threads that
 /// do long work nobody waits on by the millisecond: decoding, freeing,
 /// reading large answers.
 void runAsBackground(int policy) noexcept;
