@@ -662,7 +662,7 @@ class CurlTransport final : public ZVTransport {
         // that wake for small answers.
         bulk_.start(options_, largeURLs_, "zv-io-bulk", true);
       } catch (...) {
-        if (bulk_.engine && !bulk_.thread.joinable()) bulk_.engine.reset();
+        bulk_.engine.reset();  // no thread runs it: the throw came before one started
         return nullptr;
       }
     }

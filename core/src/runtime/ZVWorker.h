@@ -32,9 +32,9 @@ inline constexpr std::chrono::seconds kWorkerIdleEnd{2};
 
 /// Runs items in the order posted, on one thread that starts with the first
 /// item (and ends when idle), is named `name` by its creator and runs as a
-/// batch thread (`SCHED_BATCH`, with a long time slice: `runAsBackground`)
-/// at `niceness` above the process's own,
-/// yielding at the yield points of long work (`yieldPoint`).
+/// batch thread with a long time slice (`runAsBackground`) at `niceness`
+/// above the process's own, yielding at the yield points of long work
+/// (`yieldPoint`).
 /// `run(item, abandoned)` does an item's work; items left when the worker
 /// stops run with `abandoned` set, on the stopping thread, so that each item
 /// runs exactly once.
