@@ -137,6 +137,15 @@ ZVErrorPtr undecodableAnswer(const std::string& kind, const ZVGenericResponse* r
   }
 }
 
+// An error made of an answer says how often its request was sent, as the
+// request layer's own errors do.
+ZVErrorPtr sentTimes(ZVErrorPtr error, int attempts) {
+  error->setAttempts(attempts);
+  if (attempts > 1 && error->message())
+    error->setMessage(zv_detail::strCat(*error->message(), " (after ", attempts, " attempts)"));
+  return error;
+}
+
 ZVJSONValue valueUnder(const ZVMutableDictionary& body, std::string_view key) {
   const ZVJSONValue* value = body.find(key);
   return value ? *value : ZVJSONValue();
@@ -188,6 +197,7 @@ void ZVRewardsRouting::requestKind(const std::string& kind,
   // would drop the handler. Every handler queues its delivery last, so one
   // that threw has queued nothing, and the call is delivered once either way.
   const ZVRewardsCall call = completionHandler;
+  if (response) attempts_ = response->attempts();
   try {
     ZVDictionaryPtr body =
         response && response->body() ? response->body()->mutableCopy() : ZVDictionaryPtr();
@@ -207,7 +217,8 @@ void ZVRewardsRouting::requestKind(const std::string& kind,
     }
   } catch (...) {
     try {
-      requestKind(kind, nullptr, undecodableAnswer(kind, response.get()), call);
+      requestKind(kind, nullptr, sentTimes(undecodableAnswer(kind, response.get()), attempts_),
+                  call);
     } catch (...) {
       // Not even the failure fits in memory: nothing more can be done here.
     }
@@ -361,6 +372,7 @@ void ZVRewardsRouting::deliver(std::shared_ptr<Result> result, const char* notif
 void ZVRewardsRouting::failService(ZVDictionaryPtr body, const char* kind,
                                    ZVRewardsCall completionHandler) {
   auto error = std::make_shared<ZVRewardsError>(ZVErrorTypeService, std::move(body));
+  sentTimes(error, attempts_);
   ZVRewardsManager* manager = &manager_;
   // The step delivers the error made here, whatever the utility hands it.
   ZVPManagerUtils::callDidFailWithError<ZVRewardsCall>(

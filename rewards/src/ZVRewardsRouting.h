@@ -118,4 +118,6 @@ class ZV_REWARDS_EXPORT ZVRewardsRouting {
   // When the offers answer being handled arrived; unset when a handler is
   // called directly, which then leaves `lastRefreshTime` alone.
   std::optional<double> arrival_;
+  // How often the answer's request was sent; 0 when a handler is called directly.
+  int attempts_ = 0;
 };

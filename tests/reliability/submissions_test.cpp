@@ -210,6 +210,11 @@ TEST(RetryPolicyTest, RetriesTheFaultsItShouldAndNothingElse) {
       {"400 to a submission is not retried", true, 1, false, {status(400), kOK}},
       {"a Retry-After above the cap is not retried", true, 1, false,
        Answers{status(503, "Retry-After: 3600\r\n"), kOK}},
+      {"nor one dated centuries ahead", true, 1, false,
+       Answers{status(503, "Retry-After: Fri, 31 Dec 9999 23:59:59 GMT\r\n"), kOK}},
+      {"a refusal after a 503 counts both attempts", true, 2, false,
+       Answers{status(503), ZVRawServer::answer(200, "application/json",
+                                                R"({"status":"error","message":"no points"})")}},
       {"attempts run out", false, 8, false, {status(503)}},
   };
   for (const auto& c : cases) {
@@ -313,6 +318,10 @@ TEST(RetryPolicyTest, RetryAfterReadsSecondsAndDates) {
       {" 0 ", milliseconds(0)},
       {"Sun, 06 Nov 1994 08:49:47 GMT", milliseconds(10'000)},
       {"Sun, 06 Nov 1994 08:00:00 GMT", milliseconds(0)},  // in the past
+      // Centuries ahead: past what the clock's nanoseconds hold, still a long wait.
+      {"Fri, 31 Dec 9999 23:59:59 GMT", milliseconds(int64_t{UINT32_MAX} * 1000)},
+      {"Sat, 01 Jan 2300 00:00:00 GMT", milliseconds(int64_t{UINT32_MAX} * 1000)},
+      {"Fri, 01 Jan 2100 00:00:00 GMT", milliseconds(int64_t{4102444800 - 784111777} * 1000)},
       {"-5", std::nullopt},
       {"", std::nullopt},
   };

@@ -105,10 +105,14 @@ class ZV_CORE_EXPORT ZVGenericResponse final : public ZVObject {
   const std::string& url() const { return url_; }
   /// The answer's top-level JSON object, or an empty pointer.
   const ZVDictionaryPtr& body() const { return body_; }
+  /// How many times the request was sent before this answer (1 without retries).
+  int attempts() const { return attempts_; }
+  void setAttempts(int attempts) { attempts_ = attempts; }
   std::string description() const override;
 
  private:
   int statusCode_;
+  int attempts_ = 1;
   std::string url_;
   ZVDictionaryPtr body_;
 };

@@ -64,6 +64,10 @@ class Call : public std::enable_shared_from_this<Call> {
       if (attempts_ > 1 && outcome.error->message())
         outcome.error->setMessage(
             strCat(*outcome.error->message(), " (after ", attempts_, " attempts)"));
+    } else if (outcome.response) {
+      // An answer may still fail above this layer (a refusal, records that
+      // cannot be built): its error must say how often the call was sent.
+      outcome.response->setAttempts(attempts_);
     }
     static const std::string kNoKind;
     if (callback_)

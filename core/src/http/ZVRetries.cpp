@@ -93,9 +93,13 @@ std::optional<std::chrono::milliseconds> parseRetryAfter(
     if (end == nullptr || *end != '\0') continue;
     const std::time_t at = timegm(&parts);
     if (at == static_cast<std::time_t>(-1)) return std::nullopt;
-    const auto wait = std::chrono::system_clock::from_time_t(at) - now;
-    return std::max(std::chrono::milliseconds(0),
-                    std::chrono::duration_cast<std::chrono::milliseconds>(wait));
+    // In milliseconds, not in the clock's nanoseconds: a date some centuries
+    // ahead would overflow those and read as no wait at all.
+    constexpr int64_t kMaxWait = int64_t{UINT32_MAX} * 1000;  // as for seconds
+    const int64_t nowMs =
+        std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()).count();
+    const int64_t atMs = std::min<int64_t>(at, INT64_MAX / 2000) * 1000;
+    return std::chrono::milliseconds(std::clamp<int64_t>(atMs - nowMs, 0, kMaxWait));
   }
   return std::nullopt;
 }
