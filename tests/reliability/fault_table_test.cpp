@@ -94,6 +94,14 @@ std::vector<Fault> faults() {
   rows.push_back({"headers that never end",
                   RawScript{.bytes = "HTTP/1.1 200 OK\r\n" + padding, .end = RawScript::End::Hold},
                   ZVErrorAnswerTooLarge, "headers from 127.0.0.1"});
+  // libcurl refuses one line past 100 KB before the header callback counts it.
+  rows.push_back({"one header line longer than the transport takes",
+                  RawScript{.bytes = "HTTP/1.1 200 OK\r\nX-Long: " + std::string(200'000, 'a'),
+                            .end = RawScript::End::Hold},
+                  ZVErrorAnswerTooLarge, "headers from 127.0.0.1"});
+  rows.push_back({"an answer that is not HTTP",
+                  RawScript{.bytes = "garbage\r\n\r\n", .end = RawScript::End::Close},
+                  ZVErrorTransportOther, "from {host} is not HTTP"});
   // Within the cap, but an empty array costs dozens of times its 3 bytes.
   constexpr size_t kSmallCap = 64u << 10;
   std::string tiny = R"({"status":"ok","x":[)";

@@ -86,7 +86,8 @@ struct ZVConfiguration {
   /// catalogue; every bound grows with it.
   size_t maxResponseBytes = 8u << 20;
   /// Largest total of an answer's header and trailer lines (status lines
-  /// included); past it the transfer stops with `ZVErrorAnswerTooLarge`.
+  /// included); past it the transfer stops with `ZVErrorAnswerTooLarge`, as
+  /// it does for any one line past 100 KiB (libcurl's own limit).
   /// Default: 64 KiB.
   size_t maxHeaderBytes = 64u << 10;
   /// Requests in flight and waiting, all operations together; a call past it

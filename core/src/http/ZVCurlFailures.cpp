@@ -8,6 +8,9 @@
 namespace zv_detail {
 namespace {
 
+// The longest answer header line libcurl takes (its CURL_MAX_HTTP_HEADER).
+constexpr size_t kCurlMaxHeaderLine = 100 * 1024;
+
 struct Endpoint {
   std::string host;     // as in the URL ("[::1]" for IPv6)
   std::string address;  // "host:port", for messages
@@ -100,7 +103,8 @@ std::pair<ZVTransportFailure, std::string> describeCurlFailure(const ZVCurlFailu
       // A body that went out is never sent again: the service may have acted on it.
       return {F::Reset,
               strCat("connection to ", where.address, " closed before the answer was complete",
-                     facts.bodySent ? " (the request went out once and was not resent)" : "")};
+                     facts.bodySent ? " (the request went out; the transport did not send it again)"
+                                    : "")};
     case CURLE_FILESIZE_EXCEEDED:
       return {F::TooLarge, strCat("answer from ", where.address, " is larger than the limit of ",
                                   request.maxBodyBytes, " bytes")};
@@ -116,8 +120,18 @@ std::pair<ZVTransportFailure, std::string> describeCurlFailure(const ZVCurlFailu
         return {F::Other, strCat("out of memory reading the answer from ", where.address)};
       break;
     case CURLE_OUT_OF_MEMORY:
+      // libcurl refuses an answer's header line longer than its own limit
+      // with this code, before the line reaches our header callback.
+      if (facts.connected)
+        return {F::TooLarge,
+                strCat("answer headers from ", where.address, " hold a line longer than ",
+                       kCurlMaxHeaderLine, " bytes, or memory ran out while reading the answer")};
       return {F::Other, strCat("out of memory talking to ", where.address)};
     case CURLE_UNSUPPORTED_PROTOCOL:
+      // Connected, the URL was good: what came back is not HTTP (HTTP/0.9, noise).
+      if (facts.connected)
+        return {F::Other, strCat("answer from ", where.address, " is not HTTP (", detail, ")")};
+      [[fallthrough]];
     case CURLE_URL_MALFORMAT:
       return {F::Other, strCat("cannot send to ", where.address,
                                ": not a valid http or https URL (", detail, ")")};
