@@ -119,6 +119,8 @@ zvr_result zvr_main_queue_start_dedicated_thread(void) {
 }
 
 zvr_result zvr_main_queue_stop_dedicated_thread(void) {
+  // It joins the thread, which may be waiting for the logger's lock.
+  if (tInsideLogSink) return ZVR_E_BUSY;
   return guarded([]() -> zvr_result {
     ZVMainQueue::shared()->stopDedicatedThread();
     return ZVR_OK;

@@ -195,6 +195,8 @@ static void ZVR_CALL reentrant_sink(const char* line, uint32_t length, void* use
   CHECK_RESULT(ZVR_E_BUSY, zvr_logger_set_sink(NULL, NULL));
   CHECK_RESULT(ZVR_E_BUSY, zvr_main_queue_drain(NULL));
   CHECK_RESULT(ZVR_E_BUSY, zvr_rewards_place_order(NULL, NULL, NULL));
+  /* It would join a thread that may be waiting to log. */
+  CHECK_RESULT(ZVR_E_BUSY, zvr_main_queue_stop_dedicated_thread());
 }
 
 static void check_log_sink(void) {
@@ -235,6 +237,43 @@ static void check_retries(void) {
   CHECK(zvr_test_wait_for(&orders_ended));
   zvr_test_drain();
   CHECK(orders_ended == 1 && orders_attempts == 1);
+}
+
+static void ZVR_CALL on_long_wait(zvr_order_list orders, zvr_error error, void* user) {
+  const char* code = NULL;
+  CHECK(orders == NULL);
+  CHECK_RESULT(ZVR_OK, zvr_error_get_code(error, &code));
+  CHECK_TEXT("ZVErrorTransportConnect", code); /* refused, not timed out */
+  CHECK_RESULT(ZVR_OK, zvr_error_get_attempts(error, &orders_attempts));
+  *(int*)user = 1;
+}
+
+/* Any positive time is accepted, up to centuries (a host's "never"): it
+ * must not wrap into the past, which would time out at once or retry
+ * without waiting. */
+static void check_long_waits(void) {
+  const struct {
+    int64_t timeout_ms, attempts, delay_ms;
+  } cases[] = {
+      {INT64_MAX, 1, 0},
+      {(int64_t)1 << 50, 1, 0},
+      {2000, 3, INT64_MAX}, /* the wait does not fit before the deadline: no retry */
+      {2000, 3, (int64_t)1 << 52},
+  };
+  for (size_t i = 0; i < sizeof cases / sizeof cases[0]; ++i) {
+    zvr_configuration configuration = ZVR_CONFIGURATION_INIT;
+    configuration.service_host = "http://127.0.0.1:1";
+    configuration.app_id = "app";
+    configuration.allow_insecure_http = 1;
+    configuration.request_timeout_ms = cases[i].timeout_ms;
+    configuration.retry_max_attempts = cases[i].attempts;
+    configuration.retry_base_delay_ms = configuration.retry_max_delay_ms = cases[i].delay_ms;
+    CHECK_RESULT(ZVR_OK, zvr_configure(&configuration));
+    int ended = 0;
+    CHECK_RESULT(ZVR_OK, zvr_rewards_fetch_orders(on_long_wait, &ended));
+    CHECK(zvr_test_wait_for(&ended));
+    CHECK(orders_attempts == 1);
+  }
 }
 
 static void check_idempotency_keys(void) {
@@ -387,6 +426,38 @@ static void check_wakeup_and_shutdown(void) {
   CHECK(w.calls == 2 && e.calls == 2 && e.cancelled == 1);
 }
 
+/* A hook may start an operation. One refused at once queues its outcome
+ * inside the hook: on the I/O thread, while it hands over the answers of a
+ * pass (nothing listens on port 1). */
+static atomic_int hook_starts;
+static void ZVR_CALL starting_wakeup(void* user) {
+  static _Thread_local int inside = 0;
+  if (inside) return; /* its own outcome wakes it again */
+  inside = 1;
+  CHECK_RESULT(ZVR_OK, fail_in(NULL, user));
+  atomic_fetch_add(&hook_starts, 1);
+  inside = 0;
+}
+
+static void check_wakeup_starting_operations(void) {
+  zvr_configuration configuration = ZVR_CONFIGURATION_INIT;
+  configuration.service_host = "http://127.0.0.1:1";
+  configuration.app_id = "app";
+  configuration.allow_insecure_http = 1;
+  CHECK_RESULT(ZVR_OK, zvr_configure(&configuration));
+  ended started = {0};
+  CHECK_RESULT(ZVR_OK, zvr_main_queue_set_wakeup(starting_wakeup, &started));
+  for (int round = 0; round < 5; ++round) {
+    orders_ended = 0;
+    CHECK_RESULT(ZVR_OK, zvr_rewards_fetch_orders(on_orders_failed, NULL));
+    CHECK(zvr_test_wait_for(&orders_ended));
+  }
+  CHECK_RESULT(ZVR_OK, zvr_main_queue_set_wakeup(NULL, NULL));
+  zvr_test_drain();
+  /* The last hook may have been removed before it ran. */
+  CHECK(hook_starts >= 4 && started.calls == hook_starts && started.cancelled == 0);
+}
+
 /* ---- Threads ------------------------------------------------------------------ */
 
 static zvr_order_request shared_request;
@@ -435,6 +506,8 @@ int main(void) {
   check_cancellation_race();
   check_wakeup_and_shutdown();
   check_retries();
+  check_long_waits();
+  check_wakeup_starting_operations();
 
   CHECK_RESULT(ZVR_OK, zvr_handle_count(&after));
   CHECK(after == before);

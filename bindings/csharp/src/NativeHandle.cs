@@ -96,14 +96,20 @@ namespace Zorvane.Rewards
 
     internal static class Utf8
     {
-        /// <summary>NUL-terminated UTF-8, or null for null.</summary>
+        /// <summary>NUL-terminated UTF-8, or null for null. A string holding a
+        /// NUL throws ZvrException (ZVR_E_INVALID_ARGUMENT): the library would
+        /// read only what comes before it, so two different idempotency keys
+        /// or offer ids could name the same one.</summary>
         internal static byte[] Bytes(string text)
         {
             if (text == null) return null;
+            if (text.IndexOf('\0') >= 0) throw new ZvrException(ResultInvalidArgument);
             var bytes = new byte[Encoding.UTF8.GetByteCount(text) + 1];
             Encoding.UTF8.GetBytes(text, 0, text.Length, bytes, 0);
             return bytes;
         }
+
+        private const int ResultInvalidArgument = 4;
 
         internal static string Read(IntPtr text)
         {

@@ -146,9 +146,10 @@ namespace Zorvane.Rewards
         public static IDisposable Subscribe(string name, Action<Notification> observer)
         {
             if (observer == null) throw new ArgumentNullException("observer");
+            byte[] nameBytes = Utf8.Bytes(name);  // may throw: before the observer is held
             GCHandle held = GCHandle.Alloc(observer);
             ulong id;
-            int result = Native.zvr_notifications_subscribe(Utf8.Bytes(name), Deliver, GCHandle.ToIntPtr(held), out id);
+            int result = Native.zvr_notifications_subscribe(nameBytes, Deliver, GCHandle.ToIntPtr(held), out id);
             if (result != 0)
             {
                 held.Free();

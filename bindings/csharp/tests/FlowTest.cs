@@ -105,9 +105,15 @@ static class FlowTest
         OrderList orders = Await<OrderList>(Rewards.FetchOrders, out error);
         Check(error == null && orders.Count == 1 && orders[0].Id == order.Id, "the orders list");
 
-        // A key of the game's: kept on the request, sent as a header only.
+        // A key of the game's: kept on the request, sent as a header only. A
+        // string with a NUL is refused: the library would read only its start,
+        // so two keys differing after it would name one order.
         using (var request = new OrderRequest("101", 1).WithIdempotencyKey("game-order-101"))
+        {
             Check(request.IdempotencyKey == "game-order-101" && !request.Json.Contains("game-order"), "the key");
+            try { request.WithIdempotencyKey("game-order-101\0-second"); Check(false, "a key with a NUL"); }
+            catch (ZvrException e) { Check(e.Result == 4 && request.IdempotencyKey == "game-order-101", "the key kept"); }
+        }
 
         // Disposing a scope cancels its operation in flight: the game's
         // completion never runs, and the binding lets go of it once.

@@ -685,7 +685,8 @@ ZVR_API zvr_result ZVR_CALL zvr_main_queue_run_until(zvr_predicate done, void* u
                                                      int64_t timeout_ms, int32_t* out_done);
 /** Runs the tasks on a thread of the SDK's own as they come. Idempotent. */
 ZVR_API zvr_result ZVR_CALL zvr_main_queue_start_dedicated_thread(void);
-/** Stops that thread after the task under way; queued tasks stay queued. */
+/** Stops that thread after the task under way; queued tasks stay queued.
+ *  ZVR_E_BUSY from inside the log sink (the thread may be waiting to log). */
 ZVR_API zvr_result ZVR_CALL zvr_main_queue_stop_dedicated_thread(void);
 ZVR_API zvr_result ZVR_CALL zvr_main_queue_get_pending_count(uint32_t* out_count);
 

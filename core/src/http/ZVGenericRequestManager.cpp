@@ -36,6 +36,15 @@ int64_t millisecondsUntil(Clock::time_point when) {
   return std::chrono::ceil<milliseconds>(when - Clock::now()).count();
 }
 
+// Now plus `wait`, saturated: a host's "never" (a timeout or delay of
+// centuries) must not overflow the clock's nanoseconds into the past.
+Clock::time_point after(milliseconds wait) {
+  const Clock::time_point now = Clock::now();
+  if (wait >= std::chrono::duration_cast<milliseconds>(Clock::time_point::max() - now))
+    return Clock::time_point::max();
+  return now + wait;
+}
+
 // One call of `sendRequest`, from the call to its callback, every attempt
 // of it included. Calls the callback once, whoever asks first, and keeps the
 // in-flight count.
@@ -171,12 +180,12 @@ class Call : public std::enable_shared_from_this<Call> {
     if (verdict.retryAfter) {
       // Later calls to the service wait too, however this one ends.
       const milliseconds wait = std::min(*verdict.retryAfter, policy.maxRetryAfter);
-      holdService(service->origin, Clock::now() + wait);
+      holdService(service->origin, after(wait));
     }
     if (!verdict.retryable || !mayRetry()) return false;
     if (verdict.retryAfter && *verdict.retryAfter > policy.maxRetryAfter) return false;
     const milliseconds wait = verdict.retryAfter ? *verdict.retryAfter : backoff(policy, attempts_);
-    const Clock::time_point next = Clock::now() + wait;
+    const Clock::time_point next = after(wait);
     if (next >= deadline) return false;  // also when the wait is longer than what is left
     ZVTimer::shared().at(next, [self = shared_from_this()] { self->attempt(); });
     return true;
@@ -381,8 +390,8 @@ void ZVGenericRequestManager::sendRequest(std::shared_ptr<ZVGenericRequest> requ
     call->service = currentService();
     const ZVConfiguration& config = *call->service->config;
     // A request timeout of 0 (or less) sets no deadline.
-    call->deadline = config.requestTimeout.count() > 0 ? Clock::now() + config.requestTimeout
-                                                       : Clock::time_point::max();
+    call->deadline =
+        config.requestTimeout.count() > 0 ? after(config.requestTimeout) : Clock::time_point::max();
     // This call is counted already: past the limit, it is the one too many.
     if (inFlight_.load() > config.maxRequestsInFlight) {
       call->refuse(failed(ZVErrorTypeTransport, ZVErrorTooManyRequests,

@@ -45,7 +45,17 @@ ZVDeliveryBatch::~ZVDeliveryBatch() {
 }
 
 void ZVDeliveryBatch::flush() noexcept {
-  if (!tasks_.empty()) ZVMainQueue::shared()->asyncAll(tasks_);
+  if (tasks_.empty()) return;
+  // Handed over closed, from a vector of its own: the wake-up handler and the
+  // executor are host code, which may queue tasks itself (an operation it
+  // starts and that is refused at once), and those must not be pushed into
+  // the vector being handed over.
+  std::vector<ZVMainQueue::Task> tasks;
+  tasks.swap(tasks_);
+  ZVDeliveryBatch* const open = tDeliveries;
+  tDeliveries = previous_;
+  ZVMainQueue::shared()->asyncAll(tasks);
+  tDeliveries = open;
 }
 
 bool ZVDeliveryBatch::hold(ZVMainQueue* queue, ZVMainQueue::Task& task) noexcept {
