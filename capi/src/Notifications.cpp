@@ -21,6 +21,7 @@
 #include <ZorvaneRewardsKit/ZVSkillQuestion.h>
 
 #include "Boundary.h"
+#include "Callbacks.h"
 
 using namespace zvr;
 
@@ -120,6 +121,9 @@ zvr_result zvr_notifications_subscribe(const char* name, zvr_notification_callba
 }
 
 zvr_result zvr_notifications_unsubscribe(uint64_t id) {
+  // It waits for the callback running on another thread, which may be
+  // waiting to log.
+  if (insideLogSink()) return ZVR_E_BUSY;
   return guarded([&]() -> zvr_result {
     std::shared_ptr<Subscription> subscription;
     {

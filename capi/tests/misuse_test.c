@@ -195,8 +195,9 @@ static void ZVR_CALL reentrant_sink(const char* line, uint32_t length, void* use
   CHECK_RESULT(ZVR_E_BUSY, zvr_logger_set_sink(NULL, NULL));
   CHECK_RESULT(ZVR_E_BUSY, zvr_main_queue_drain(NULL));
   CHECK_RESULT(ZVR_E_BUSY, zvr_rewards_place_order(NULL, NULL, NULL));
-  /* It would join a thread that may be waiting to log. */
+  /* They would wait for a thread that may be waiting to log. */
   CHECK_RESULT(ZVR_E_BUSY, zvr_main_queue_stop_dedicated_thread());
+  CHECK_RESULT(ZVR_E_BUSY, zvr_notifications_unsubscribe(1));
 }
 
 static void check_log_sink(void) {

@@ -74,7 +74,10 @@ namespace Zorvane.Rewards
             int result = getter(Handle, out text);
             if (result == ResultNotText) return null;
             ZvrException.Check(result);
-            return Utf8.Read(text);
+            string read = Utf8.Read(text);
+            // The text belongs to the handle: it must outlive the copy.
+            GC.KeepAlive(Handle);
+            return read;
         }
 
         internal long Int64(Native.Int64Getter getter)

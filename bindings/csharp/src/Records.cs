@@ -94,7 +94,9 @@ namespace Zorvane.Rewards
         {
             IntPtr text;
             ZvrException.Check(Native.zvr_offer_get_field_json(Handle, (int)field, out text));
-            return Utf8.Read(text);
+            string read = Utf8.Read(text);
+            GC.KeepAlive(Handle);  // the text belongs to the handle
+            return read;
         }
 
         public string Json { get { return Text(Native.zvr_offer_get_json); } }
@@ -199,7 +201,9 @@ namespace Zorvane.Rewards
         {
             IntPtr text;
             ZvrException.Check(Native.zvr_order_get_field_json(Handle, (int)field, out text));
-            return Utf8.Read(text);
+            string read = Utf8.Read(text);
+            GC.KeepAlive(Handle);  // the text belongs to the handle
+            return read;
         }
 
         public string Json { get { return Text(Native.zvr_order_get_json); } }

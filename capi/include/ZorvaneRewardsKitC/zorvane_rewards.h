@@ -641,7 +641,8 @@ ZVR_API zvr_result ZVR_CALL zvr_notifications_subscribe(const char* name,
 /** Once this returns, the callback is not running on another thread and is
  *  never called again, so `user` may be freed (from inside the callback
  *  itself, the call under way finishes normally). An unknown or already
- *  removed id gives ZVR_E_INVALID_ARGUMENT. */
+ *  removed id gives ZVR_E_INVALID_ARGUMENT; ZVR_E_BUSY from inside the log
+ *  sink (the callback may be waiting to log on another thread). */
 ZVR_API zvr_result ZVR_CALL zvr_notifications_unsubscribe(uint64_t subscription);
 
 ZVR_API zvr_result ZVR_CALL zvr_notification_get_name(zvr_notification notification,
