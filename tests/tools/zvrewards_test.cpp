@@ -354,6 +354,10 @@ TEST(SandboxFraming, FindsTheEndOfARequestOrRefusesIt) {
       EXPECT_EQ(got, endOrStatus) << bytes << "\n" << framing.message;
     }
   }
+  // One field longer than the HTTP parser takes, within the head's limit.
+  zvsandbox::RequestFramer framer{ZVSandboxLimits{}};
+  const std::string longField = "GET / HTTP/1.1\r\nX: " + std::string(9000, 'a') + "\r\n\r\n";
+  EXPECT_EQ(framer.advance(longField).status, 431);
 }
 
 // Clients that send too much or too slowly are answered and cut off, and
@@ -561,7 +565,8 @@ TEST_F(ZvrewardsTest, ServiceTextCannotDriveTheTerminalNorShowTheToken) {
   const std::string token = kToken;
   const std::string evil =
       "\\u001b]0;pwned\\u0007\\u001b[31mTasse à café\\u009b2J\\u202e\\nBalance: 9 " +
-      lowered(token) + " " + token + " " + token.substr(0, 3) + "-7F3A9C-NEVER-PRINT-ME";
+      lowered(token) + " " + token + " " + token.substr(0, 3) + "-7F3A9C-NEVER-PRINT-ME" + " \\t" +
+      token.substr(1);  // the escape of the tab completes the token
   const std::string offer =
       fmt::format(R"({{"id":"{0}","name":"{0}","tier":"{0}","points":5,"status":"{0}"}})", evil);
   const std::string order =
@@ -666,6 +671,15 @@ TEST(ZvrewardsOutput, MasksTheTokenAndEscapesWhatDrivesATerminal) {
     EXPECT_EQ(zvcli::terminalSafe(zvcli::Redactor(secret)(text)), shown) << text;
   // JSON keeps its meaning: the escapes are JSON escapes.
   EXPECT_EQ(zvcli::terminalSafeJSON("[\"\x7f\xc2\x9b\xe2\x80\xae\"]"), R"(["\u007f\u009b\u202e"])");
+  // Serialised, an escape or a number that completes the token goes with it,
+  // and the JSON stays valid.
+  const std::tuple<const char*, const char*, const char*> serialised[] = {
+      {"Tok-12345", R"(["\tok-12345 \tok-1234", "x\u001b"])", R"(["*** \tok-1234", "x\u001b"])"},
+      {"tab1", R"(["\tab1", "xtab1"])", R"(["***", "xtab1"])"},
+      {"12345678", R"({"n" : 9123456789, "s" : "12345678"})", R"({"n" : "***", "s" : "***"})"},
+  };
+  for (const auto& [secret, text, shown] : serialised)
+    EXPECT_EQ(zvcli::Redactor(secret).serialized(text), shown) << text;
   // Cut to a width, never inside a character.
   EXPECT_EQ(zvcli::truncateToWidth("Écouteurs sans fil", 6), "Écout…");
 }

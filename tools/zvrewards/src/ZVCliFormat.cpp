@@ -252,7 +252,8 @@ ZVArrayPtr ordersJSON(const ZVOrderArray& orders) {
 bool printJSON(const ZVJSONValue& value, std::FILE* out) {
   std::string text;
   if (!ZVJSONSerialize(outputRedactor().json(value), true, text)) return false;
-  text = terminalSafeJSON(text) + "\n";
+  // Masked again once escaped: an escape may complete the secret.
+  text = outputRedactor().serialized(terminalSafeJSON(text)) + "\n";
   std::fwrite(text.data(), 1, text.size(), out);
   return true;
 }

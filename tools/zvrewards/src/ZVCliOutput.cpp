@@ -1,6 +1,8 @@
 #include "ZVCliOutput.h"
 
 #include <fmt/core.h>
+#include <algorithm>
+#include <optional>
 
 namespace zvcli {
 namespace {
@@ -54,13 +56,12 @@ Redactor::Redactor(std::string secret) : lowered_(std::move(secret)) {
   for (char& c : lowered_) c = lowerASCII(c);
 }
 
-std::string Redactor::operator()(std::string_view text) const {
-  if (lowered_.empty() || text.size() < lowered_.size()) return std::string(text);
+std::vector<std::pair<size_t, size_t>> Redactor::matches(std::string_view text) const {
+  std::vector<std::pair<size_t, size_t>> found;
+  if (lowered_.empty() || text.size() < lowered_.size()) return found;
   std::string lowered(text);
   for (char& c : lowered) c = lowerASCII(c);
   const bool wholeWordOnly = lowered_.size() < kWholeWordBelow;
-  std::string out;
-  size_t copied = 0;
   for (size_t at = lowered.find(lowered_); at != std::string::npos;
        at = lowered.find(lowered_, at)) {
     const size_t end = at + lowered_.size();
@@ -69,11 +70,68 @@ std::string Redactor::operator()(std::string_view text) const {
       ++at;
       continue;
     }
+    found.emplace_back(at, end);
+    at = end;
+  }
+  return found;
+}
+
+std::string Redactor::operator()(std::string_view text) const {
+  std::string out;
+  size_t copied = 0;
+  for (const auto& [at, end] : matches(text)) {
     out.append(text.substr(copied, at - copied));
     out += "***";
-    copied = at = end;
+    copied = end;
   }
   out.append(text.substr(copied));
+  return out;
+}
+
+std::string Redactor::serialized(std::string_view json) const {
+  const auto found = matches(json);
+  if (found.empty()) return std::string(json);
+  // The spans to mask: each match widened to the escapes or the bare literal
+  // (number, keyword) it starts and ends in.
+  struct Span {
+    size_t begin, end;
+    bool bare;
+  };
+  std::vector<Span> spans;
+  std::optional<Span> open;
+  bool inString = false;
+  const auto bareCharacter = [](char c) {
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' ||
+           c == '+' || c == '.';
+  };
+  size_t next = 0;  // the first match not yet masked
+  for (size_t at = 0; at < json.size() && next < found.size();) {
+    size_t end = at + 1;
+    bool bare = false;
+    if (inString && json[at] == '\\') {
+      end = std::min(json.size(), at + (at + 1 < json.size() && json[at + 1] == 'u' ? 6 : 2));
+    } else if (json[at] == '"') {
+      inString = !inString;
+    } else if (!inString && bareCharacter(json[at])) {
+      while (end < json.size() && bareCharacter(json[end])) ++end;
+      bare = true;
+    }
+    if (!open && found[next].first < end) open = Span{at, end, bare};
+    if (open && found[next].second <= end) {
+      spans.push_back({open->begin, end, open->bare});
+      open.reset();
+      while (next < found.size() && found[next].first < end) ++next;
+    }
+    at = end;
+  }
+  std::string out;
+  size_t copied = 0;
+  for (const auto& span : spans) {
+    out.append(json.substr(copied, span.begin - copied));
+    out += span.bare ? "\"***\"" : "***";
+    copied = span.end;
+  }
+  out.append(json.substr(copied));
   return out;
 }
 

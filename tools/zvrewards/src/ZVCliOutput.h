@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include <ZorvaneCoreKit/ZVJSON.h>
 
@@ -23,8 +25,16 @@ class Redactor {
   std::string operator()(std::string_view text) const;
   /// A copy of `value` with the secret masked in every string and key.
   ZVJSONValue json(const ZVJSONValue& value) const;
+  /// Serialised JSON with the secret masked where the serialiser's own
+  /// escapes complete it (the escape \t before "ok-1234" reads "tok-1234"): an
+  /// escape that a match starts or ends in is masked with it, and a match in a
+  /// number or keyword makes it the string "***", so the JSON stays valid.
+  std::string serialized(std::string_view json) const;
 
  private:
+  /// Where the secret occurs in `text`, in order, without overlaps.
+  std::vector<std::pair<size_t, size_t>> matches(std::string_view text) const;
+
   std::string lowered_;  // the secret in lower case (ASCII)
 };
 
