@@ -91,6 +91,12 @@ TEST(OfferTest, DescriptionText) {
   EXPECT_EQ(offer->description(),
             "\rOffer ID: 42\rType: physical\rName: Mug\rDetails: Blue mug\r"
             "Status: insufficient_points\rPoints: 150");
+  // The service's own carriage returns cannot start a field of their own.
+  offer = ZVOffer::initMutableWithDictionary(
+      dict(R"({"id": "4\r2", "name": "Mug\rPoints: 0", "description": {"a": "\r"}})"));
+  EXPECT_EQ(offer->description(),
+            "\rOffer ID: 4\\r2\rType: (null)\rName: Mug\\rPoints: 0\rDetails: {\n  \"a\" : "
+            "\"\\r\"\n}\rStatus: unknown\rPoints: 0");
 }
 
 // A container where the contract puts text prints 128 bytes at most: its

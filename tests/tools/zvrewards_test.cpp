@@ -340,6 +340,7 @@ TEST(SandboxFraming, FindsTheEndOfARequestOrRefusesIt) {
       {post + "Content-Length: 1\r\nContent-Length: 1\r\n\r\na", refused, 400},
       {post + "Content-Length: 1\r\nTransfer-Encoding: chunked\r\n\r\n", refused, 400},
       {post + "Transfer-Encoding: gzip\r\n\r\n", refused, 501},
+      {post + "Idempotency-Key: \t\r\n\r\n", refused, 400},  // dropped by the HTTP parser
   };
   for (const auto& [bytes, state, endOrStatus] : cases) {
     // Byte by byte and all at once: the framer resumes where it stopped.
@@ -627,7 +628,7 @@ TEST_F(ZvrewardsTest, SandboxCommandServesADemoThatAsksBeforeARealOrder) {
   EXPECT_NE(listed.out.find("No orders yet."), std::string::npos) << listed.out << listed.err;
 
   // No terminal: both flags, or nothing is sent at all.
-  for (const Args& more : {Args{}, {"--answer", "3"}, {"--yes"}}) {
+  for (const Args& more : {Args{}, {"--answer", "3"}, {"--yes"}, {"--answer", "", "--yes"}}) {
     const ProcessResult refused = runRaw(at + Args{"demo"} + more);
     EXPECT_EQ(refused.exitCode(), 2) << refused.err;
     EXPECT_NE(refused.err.find("--answer and confirm the order with --yes"), std::string::npos)

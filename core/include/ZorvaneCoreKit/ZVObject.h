@@ -13,6 +13,9 @@
 ///
 /// `description()` is what a "%@" format prints for the object. The default is
 /// "<ClassName: 0x...>" (the class's demangled name and the object's address).
+/// Records and errors separate their fields with carriage returns; one inside
+/// a field's text (a service's) prints as a backslash and an "r", so that it
+/// cannot start a field of its own in a log.
 ///
 /// @par Thread safety
 /// `description()` of the root is safe from any thread; subclasses state their own contract.
@@ -32,7 +35,8 @@ ZV_CORE_EXPORT std::string ZVDescribe(const ZVObject* object);
 inline std::string ZVDescribe(const std::shared_ptr<const ZVObject>& object) {
   return ZVDescribe(object.get());
 }
-/// Text form of an optional string: the string itself, or "(null)".
+/// Text form of an optional string: the string itself (a carriage return in it
+/// written as a backslash and an "r"), or "(null)".
 ZV_CORE_EXPORT std::string ZVDescribe(const std::string* text);
 
 /// Text form of a list of texts in the platform's array layout:

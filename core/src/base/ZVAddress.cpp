@@ -20,7 +20,7 @@ constexpr Field kFields[] = {
 };
 
 std::string describeField(const std::optional<std::string>& field) {
-  return field ? *field : std::string("(null)");
+  return field ? zv_detail::describedText(*field) : std::string("(null)");
 }
 
 }  // namespace

@@ -33,5 +33,5 @@ ZVError::~ZVError() = default;
 std::string ZVError::description() const {
   return zv_detail::strCat("Error Domain=ZVError Type=", type_,
                            " Code=", code_.empty() ? "(null)" : code_, " \"",
-                           message_ ? *message_ : "(null)", "\"");
+                           message_ ? zv_detail::describedText(*message_) : "(null)", "\"");
 }

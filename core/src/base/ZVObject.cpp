@@ -23,7 +23,7 @@ std::string ZVDescribe(const ZVObject* object) {
 }
 
 std::string ZVDescribe(const std::string* text) {
-  return text != nullptr ? *text : std::string("(null)");
+  return text != nullptr ? zv_detail::describedText(*text) : std::string("(null)");
 }
 
 std::string ZVDescribeList(const std::vector<std::string>& items) {

@@ -63,4 +63,16 @@ std::string addressText(const void* address) {
   return std::string(buffer, end);
 }
 
+std::string describedText(std::string_view text) {
+  std::string out;
+  out.reserve(text.size());
+  for (const char c : text) {
+    if (c == '\r')
+      out += "\\r";
+    else
+      out += c;
+  }
+  return out;
+}
+
 }  // namespace zv_detail

@@ -31,6 +31,11 @@ ZV_CORE_EXPORT std::string shortestDouble(double value);
 /// "0x" and the lower-case hexadecimal digits of an address.
 ZV_CORE_EXPORT std::string addressText(const void* address);
 
+/// Text for a description, whose fields are separated by carriage returns:
+/// one inside the text is written as a backslash and an "r", so that the
+/// text cannot start a field of its own in a log.
+ZV_CORE_EXPORT std::string describedText(std::string_view text);
+
 inline void appendPart(std::string& out, std::string_view text) {
   out.append(text);
 }

@@ -197,6 +197,7 @@ std::string describe(const ZVMutableDictionary& dictionary) {
 }
 
 std::string describeCapped(const ZVJSONValue& value, size_t maxBytes) {
+  if (const auto text = value.string()) return describedText(*text);
   if (!value.isArray() && !value.isDictionary()) return value.description();
   std::string out;
   Writer writer(out, /*pretty=*/true, /*lenient=*/true);

@@ -70,6 +70,9 @@ Framing RequestFramer::parseHead(std::string_view head) {
       return refuse(415, "compressed request bodies are not accepted");
     } else if (sameName(name, "Expect") && sameName(value, "100-continue")) {
       expectsContinue_ = true;
+    } else if (sameName(name, "Idempotency-Key") && value.empty()) {
+      // The HTTP library drops an empty field: the request would order unkeyed.
+      return refuse(400, std::string(kBadIdempotencyKey));
     }
   }
 

@@ -10,6 +10,10 @@
 
 namespace zvsandbox {
 
+/// The refusal of an Idempotency-Key that is not one valid value.
+inline constexpr std::string_view kBadIdempotencyKey =
+    "Idempotency-Key must be one value of 1 to 255 printable ASCII characters without spaces";
+
 /// What is known about the request at the start of a connection's buffer.
 struct Framing {
   enum class State {

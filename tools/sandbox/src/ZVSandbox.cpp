@@ -23,6 +23,7 @@
 #include "SandboxCatalogue.h"
 #include "SandboxCertificate.h"
 #include "SandboxFiles.h"
+#include "SandboxFraming.h"
 #include "SandboxServer.h"
 #include "SandboxStore.h"
 
@@ -283,9 +284,7 @@ void ZVSandbox::Impl::answerOnce(const httplib::Request& req, httplib::Response&
                                  const std::function<zvsandbox::StoredAnswer()>& run) {
   const std::string key = req.get_header_value("Idempotency-Key");
   if (req.get_header_value_count("Idempotency-Key") != 1 || !validIdempotencyKey(key)) {
-    return badRequest(res,
-                      "Idempotency-Key must be one value of 1 to 255 printable ASCII characters "
-                      "without spaces");
+    return badRequest(res, std::string(zvsandbox::kBadIdempotencyKey));
   }
   const zvsandbox::IdempotentCall call{options.appID, zvsandbox::kUserID, key,
                                        requestIdentity(req, limits.maxJSONDepth)};

@@ -303,7 +303,9 @@ int runDemo(const GlobalOptions& global, const DemoArgs& args, std::FILE* input,
   // A real service takes real points: the user answers the question and
   // confirms the order; without a terminal, only flags can say so.
   const bool realService = !global.service.empty();
-  if (realService && !interactive && (!args.answer || !args.yes)) {
+  // An empty --answer is no answer, as an empty line typed is.
+  const bool answerGiven = args.answer && !args.answer->empty();
+  if (realService && !interactive && (!answerGiven || !args.yes)) {
     throw CliError(fmt::format("demo places a real order at {}: without a terminal to ask at, give "
                                "the answer with --answer and confirm the order with --yes",
                                global.service),
@@ -337,7 +339,7 @@ int runDemo(const GlobalOptions& global, const DemoArgs& args, std::FILE* input,
   narrator.say("Question {}: {}\n", shown(questionID), shown(questionText(*question)));
 
   narrator.say("\n3. The answer\n");
-  std::optional<std::string> answer = args.answer;
+  std::optional<std::string> answer = answerGiven ? args.answer : std::nullopt;
   if (answer) {
     narrator.say("Answering {} (from --answer).\n", shown(*answer));
   } else if (interactive && (realService || !global.json)) {

@@ -2,6 +2,7 @@
 #include <fmt/core.h>
 #include <unistd.h>
 #include <CLI/CLI.hpp>
+#include <limits>
 
 #include <ZVSandboxFlags.h>
 #include <ZorvaneCoreKit/ZVLogger.h>
@@ -68,7 +69,7 @@ int main(int argc, char** argv) {
   auto* order = subcommand("order", "Redeem an offer");
   order->add_option("OFFER_ID", orderArgs.offerID, "The offer to redeem")->required();
   order->add_option("--quantity", orderArgs.quantity, "How many (default 1)")
-      ->check(CLI::PositiveNumber);
+      ->check(CLI::Range(1, std::numeric_limits<int>::max()));
   order->add_option("--email", orderArgs.email, "Where the reward is sent");
   order->add_option("--challenge", orderArgs.challengeID,
                     "Id of a passed skill-testing challenge, for offers that need one");
