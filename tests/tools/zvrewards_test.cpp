@@ -565,7 +565,7 @@ TEST_F(ZvrewardsTest, FailuresPrintOneLineAndTheirExitStatus) {
 TEST_F(ZvrewardsTest, ServiceTextCannotDriveTheTerminalNorShowTheToken) {
   const std::string token = kToken;
   const std::string evil =
-      "\\u001b]0;pwned\\u0007\\u001b[31mTasse à café\\u009b2J\\u202e\\nBalance: 9 " +
+      "\\u0000\\u001b]0;pwned\\u0007\\u001b[31mTasse à café\\u009b2J\\u202e\\nBalance: 9 " +
       lowered(token) + " " + token + " " + token.substr(0, 3) + "-7F3A9C-NEVER-PRINT-ME" + " \\t" +
       token.substr(1);  // the escape of the tab completes the token
   const std::string offer =

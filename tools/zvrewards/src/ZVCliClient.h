@@ -29,10 +29,13 @@ enum ExitStatus : int {
 class CliError : public std::runtime_error {
  public:
   CliError(const std::string& message, int exitStatus)
-      : std::runtime_error(message), exitStatus_(exitStatus) {}
+      : std::runtime_error(message), message_(message), exitStatus_(exitStatus) {}
   int exitStatus() const { return exitStatus_; }
+  /// The whole message: what() ends at a NUL a service may have put in it.
+  const std::string& message() const { return message_; }
 
  private:
+  std::string message_;
   int exitStatus_;
 };
 

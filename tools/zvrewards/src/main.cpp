@@ -146,7 +146,7 @@ int main(int argc, char** argv) {
     if (*sandbox) return runSandbox(global, sandboxArgs);
     if (*demo) return runDemo(global, demoArgs, stdin, isatty(STDIN_FILENO) != 0);
   } catch (const CliError& e) {
-    printError(e.what());
+    printError(e.message());
     return e.exitStatus();
   } catch (const std::exception& e) {
     printError(e.what());
