@@ -64,8 +64,10 @@ struct ZVConfiguration {
   /// Time allowed for a whole operation: from the call to its completion
   /// handler's task on the main queue, waiting for a free slot, connecting,
   /// every attempt, decoding and building the records included. The handler
-  /// is queued no later than this plus the time to decode one answer (see
-  /// docs/reliability.md). Default: 30 s.
+  /// is queued no later than this plus the time to decode one answer, except
+  /// for a submission (an order, a skill answer) whose answer arrived in
+  /// time: that one is always decoded and delivered, after the decodes queued
+  /// before it (see docs/reliability.md). Default: 30 s.
   std::chrono::milliseconds requestTimeout{30000};
   /// A PEM file of extra certificate authorities to trust (a private CA, or a
   /// sandbox's self-signed certificate). Verification is never turned off.
