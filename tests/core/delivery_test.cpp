@@ -159,6 +159,56 @@ TEST(MainQueueTest, ExecutorGetsEveryTaskInOrderThenTheQueueTakesOver) {
   EXPECT_EQ(order, (std::vector<int>{1, 2, 4}));
 }
 
+// A host frees what its wake-up handler or executor captured once the call
+// that replaced it returns (the sleeping loop's destructor): a call under
+// way on another thread is waited for, and one on the replacing thread
+// (a hook that replaces itself) is not.
+TEST(MainQueueTest, ReplacingAHookWaitsForItsCallsOnOtherThreads) {
+  struct Case {
+    const char* name;
+    void (*install)(ZVMainQueue&, std::function<void()> body);
+    void (*remove)(ZVMainQueue&);
+  };
+  const Case cases[] = {
+      {"wake-up handler",
+       [](ZVMainQueue& q, std::function<void()> body) { q.setWakeUpHandler(body); },
+       [](ZVMainQueue& q) { q.setWakeUpHandler({}); }},
+      {"executor",
+       [](ZVMainQueue& q, std::function<void()> body) {
+         q.setExecutor([body](ZVMainQueue::Task) { body(); });
+       },
+       [](ZVMainQueue& q) { q.setExecutor({}); }},
+      {"shutdown", [](ZVMainQueue& q, std::function<void()> body) { q.setWakeUpHandler(body); },
+       [](ZVMainQueue&) { Zorvane::shutdown(); }},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    ZVMainQueue& queue = *ZVMainQueue::shared();
+    std::atomic<bool> entered{false}, finished{false};
+    c.install(queue, [&] {
+      entered = true;
+      std::this_thread::sleep_for(200ms);
+      finished = true;
+    });
+    std::thread producer([&] { queue.async([] {}); });
+    while (!entered) std::this_thread::yield();
+    c.remove(queue);
+    EXPECT_TRUE(finished);
+    producer.join();
+    queue.drain();
+
+    int calls = 0;
+    c.install(queue, [&] {
+      ++calls;
+      c.remove(queue);
+    });
+    queue.async([] {});
+    queue.async([] {});
+    EXPECT_EQ(calls, 1);
+    queue.drain();
+  }
+}
+
 struct Sender : ZVObject {};
 
 TEST(NotificationCenterTest, FiltersByNameAndObject) {

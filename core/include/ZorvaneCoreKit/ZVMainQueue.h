@@ -76,6 +76,11 @@ class ZV_CORE_EXPORT ZVMainQueue {
   /// REQUIRES: the handler returns promptly and does not run the queue
   /// itself (a `drain()` or `runUntil()` inside it returns at once, without
   /// running anything: it may be inside the call that started an operation).
+  ///
+  /// When it returns, the previous handler is not running on another thread
+  /// (a call under way there is waited for; one on this thread, the handler
+  /// replacing itself, is not) and is never called again: what it captured
+  /// may be freed. Do not replace it while holding a lock the handler waits for.
   void setWakeUpHandler(std::function<void()> handler);
 
   /// Installs `executor`: from now on every task, deliveries of the SDK
@@ -91,7 +96,9 @@ class ZV_CORE_EXPORT ZVMainQueue {
   /// operation). It runs or destroys every task it got before the libraries
   /// are unloaded. A task it destroys without running ends its operation as
   /// cancelled. If the executor throws, that is reported and the task is
-  /// treated as the executor left it.
+  /// treated as the executor left it. When it returns, the previous executor
+  /// is not running on another thread and gets no more tasks, as for
+  /// `setWakeUpHandler`.
   void setExecutor(Executor executor);
 
  private:

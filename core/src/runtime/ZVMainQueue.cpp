@@ -2,6 +2,7 @@
 
 #include <pthread.h>
 
+#include <algorithm>
 #include <exception>
 #include <vector>
 
@@ -21,6 +22,64 @@ constexpr std::chrono::milliseconds kPollInterval{5};
 thread_local bool tInWakeUp = false;
 
 thread_local ZVDeliveryBatch* tDeliveries = nullptr;
+
+// The calls under way of one installed hook (wake-up handler or executor).
+// The queue copies a hook before it calls it, unlocked, so a call may still
+// run on another thread once the hook is replaced; replacing it waits for
+// those calls, after which the host may free what the hook captured.
+struct HookCalls {
+  std::mutex mutex;
+  std::condition_variable ended;
+  bool retired = false;                  // guarded by mutex
+  std::vector<std::thread::id> running;  // guarded by mutex
+
+  bool enter() {
+    std::lock_guard lock(mutex);
+    if (retired) return false;
+    running.push_back(std::this_thread::get_id());
+    return true;
+  }
+  void leave() {
+    {
+      std::lock_guard lock(mutex);
+      running.erase(std::find(running.begin(), running.end(), std::this_thread::get_id()));
+    }
+    ended.notify_all();
+  }
+  // Not for the calls on this thread: a hook may replace itself.
+  void retire() {
+    std::unique_lock lock(mutex);
+    retired = true;
+    ended.wait(lock, [this] {
+      return std::all_of(running.begin(), running.end(),
+                         [](std::thread::id id) { return id == std::this_thread::get_id(); });
+    });
+  }
+};
+
+// What the queue keeps in place of the host's function, so that the calls
+// can be found from the `std::function` the header declares.
+template <class Function>
+struct Hook {
+  Function function;
+  std::shared_ptr<HookCalls> calls = std::make_shared<HookCalls>();
+  template <class... Args>
+  void operator()(Args&&... args) const {
+    function(std::forward<Args>(args)...);
+  }
+};
+
+template <class Function>
+HookCalls* callsOf(const std::shared_ptr<const Function>& installed) {
+  if (!installed) return nullptr;
+  const auto* hook = installed->template target<Hook<Function>>();
+  return hook ? hook->calls.get() : nullptr;
+}
+
+template <class Function>
+void retire(const std::shared_ptr<const Function>& installed) {
+  if (HookCalls* calls = callsOf(installed)) calls->retire();
+}
 
 void runGuarded(const ZVMainQueue::Task& task) {
   // A throwing task must not take the queue, and every task behind it, down with it.
@@ -129,14 +188,27 @@ void ZVMainQueue::enqueue(Task* tasks, size_t count) {
     }
   }
   if (executor) {
-    for (size_t i = 0; i < count; ++i)
+    HookCalls* calls = callsOf(executor);
+    for (size_t i = 0; i < count; ++i) {
+      // An executor replaced meanwhile gets no more tasks: the queue, or the
+      // executor that replaced it, takes them.
+      if (calls && !calls->enter()) {
+        enqueue(&tasks[i], count - i);
+        return;
+      }
       zv_detail::runHostCode("the main queue's executor",
                              [&] { (*executor)(std::move(tasks[i])); });
+      if (calls) calls->leave();
+    }
     return;
   }
   if (wake && queued > 0) cv_.notify_all();
-  if (wakeUp)
-    for (size_t i = 0; i < queued; ++i) runWakeUp(*wakeUp);
+  if (HookCalls* calls = callsOf(wakeUp)) {
+    for (size_t i = 0; i < queued && calls->enter(); ++i) {
+      runWakeUp(*wakeUp);
+      calls->leave();
+    }
+  }
   if (noMemory) std::rethrow_exception(noMemory);
 }
 
@@ -162,24 +234,27 @@ void ZVMainQueue::waitForTask(std::unique_lock<std::mutex>& lock,
 }
 
 void ZVMainQueue::setWakeUpHandler(std::function<void()> handler) {
-  std::shared_ptr<const std::function<void()>> next;
-  if (handler) next = std::make_shared<const std::function<void()>>(std::move(handler));
+  using WakeUp = std::function<void()>;
+  std::shared_ptr<const WakeUp> next;
+  if (handler) next = std::make_shared<const WakeUp>(Hook<WakeUp>{std::move(handler)});
   {
     std::lock_guard lock(mutex_);
     wakeUp_.swap(next);
   }
+  retire(next);
   // The previous handler is destroyed here, outside the lock.
 }
 
 void ZVMainQueue::setExecutor(Executor executor) {
   std::shared_ptr<const Executor> next;
-  if (executor) next = std::make_shared<const Executor>(std::move(executor));
+  if (executor) next = std::make_shared<const Executor>(Hook<Executor>{std::move(executor)});
   std::deque<Task> handOver;
   {
     std::lock_guard lock(mutex_);
     executor_.swap(next);
     if (executor_) handOver.swap(tasks_);
   }
+  retire(next);
   for (Task& task : handOver) async(std::move(task));
 }
 
@@ -193,6 +268,8 @@ void ZVMainQueue::discardForShutdown() {
     wakeUp.swap(wakeUp_);
     executor.swap(executor_);
   }
+  retire(wakeUp);
+  retire(executor);
   // Destroyed here, unlocked: their captures may hold the last reference to
   // an operation, whose end runs host code.
 }
