@@ -133,16 +133,12 @@ void startReturned(const std::shared_ptr<Owed>& owed, bool started) {
 
 // ---- The wake-up hook ----------------------------------------------------------
 
-// One installed hook. The queue may call a hook it already replaced (it
-// copies it before calling), so each call checks `active`, and replacing
-// waits for the calls under way, after which the host may free `user`.
+// One installed hook. Replacing it is the queue's to get right: once
+// `setWakeUpHandler` returns, the hook it replaced is not running on another
+// thread and is never called again, so the host may free `user`.
 struct WakeUp {
   zvr_wakeup_callback callback;
   void* user;
-  std::mutex mutex;
-  std::condition_variable idle;
-  bool active = true;  // guarded by mutex
-  int running = 0;     // guarded by mutex
 };
 
 // The hooks running on this thread, innermost first, on the stack: plain
@@ -153,49 +149,24 @@ struct WakeUpFrame {
 };
 thread_local const WakeUpFrame* tWakeUps = nullptr;
 
-std::mutex gWakeUpMutex;
-std::shared_ptr<WakeUp> gWakeUp;  // guarded by gWakeUpMutex: the installed hook
-
-void callWakeUp(const std::shared_ptr<WakeUp>& hook) {
-  {
-    std::lock_guard lock(hook->mutex);
-    if (!hook->active) return;
-    ++hook->running;
-  }
+void callWakeUp(const WakeUp& hook) {
   struct Frame {
-    WakeUp& hook;
     WakeUpFrame frame;
-    explicit Frame(WakeUp& h) : hook(h), frame{&h, tWakeUps} { tWakeUps = &frame; }
-    ~Frame() {
-      tWakeUps = frame.previous;
-      {
-        std::lock_guard lock(hook.mutex);
-        --hook.running;
-      }
-      hook.idle.notify_all();
-    }
-  } frame(*hook);
-  hook->callback(hook->user);
+    explicit Frame(const WakeUp& h) : frame{&h, tWakeUps} { tWakeUps = &frame; }
+    ~Frame() { tWakeUps = frame.previous; }
+  } frame(hook);
+  hook.callback(hook.user);
 }
 
-void retire(const std::shared_ptr<WakeUp>& hook) {
-  if (!hook) return;
-  int mine = 0;
-  for (const WakeUpFrame* f = tWakeUps; f; f = f->previous)
-    if (f->hook == hook.get()) ++mine;
-  std::unique_lock lock(hook->mutex);
-  hook->active = false;
-  hook->idle.wait(lock, [&] { return hook->running <= mine; });
-}
-
-void removeWakeUp() {
-  std::shared_ptr<WakeUp> previous;
-  {
-    std::lock_guard lock(gWakeUpMutex);
-    ZVMainQueue::shared()->setWakeUpHandler(nullptr);
-    previous = std::move(gWakeUp);
-  }
-  retire(previous);
+// Never under a lock of ours: the queue waits for the replaced hook's calls
+// on other threads, and one of them may be replacing the hook itself.
+void installWakeUp(zvr_wakeup_callback callback, void* user) {
+  std::function<void()> handler;
+  if (callback)
+    handler = [hook = std::make_shared<const WakeUp>(WakeUp{callback, user})] {
+      callWakeUp(*hook);
+    };
+  ZVMainQueue::shared()->setWakeUpHandler(std::move(handler));
 }
 
 // Cancelling waits for handlers on other threads; from the log sink (whose
@@ -282,21 +253,7 @@ zvr_result zvr_rewards_cancel_all(void) {
 
 zvr_result zvr_main_queue_set_wakeup(zvr_wakeup_callback callback, void* user) {
   return guarded([&]() -> zvr_result {
-    std::shared_ptr<WakeUp> next;
-    if (callback) {
-      next = std::make_shared<WakeUp>();
-      next->callback = callback;
-      next->user = user;
-    }
-    std::shared_ptr<WakeUp> previous;
-    {
-      std::lock_guard lock(gWakeUpMutex);
-      std::function<void()> handler;
-      if (next) handler = [next] { callWakeUp(next); };
-      ZVMainQueue::shared()->setWakeUpHandler(std::move(handler));
-      previous = std::exchange(gWakeUp, next);
-    }
-    retire(previous);
+    installWakeUp(callback, user);
     return ZVR_OK;
   });
 }
@@ -307,9 +264,9 @@ zvr_result zvr_shutdown(void) {
     // The hook goes first: the deliveries that shutdown queues are dropped
     // with the queue, so waking the host for them would be in vain. One
     // installed while shutdown runs goes with the queue's hooks, and here.
-    removeWakeUp();
+    installWakeUp(nullptr, nullptr);
     Zorvane::shutdown();
-    removeWakeUp();
+    installWakeUp(nullptr, nullptr);
     // The queued deliveries were dropped with the queue's tasks: make them
     // here, then wait for those that another thread took before.
     deliverDue();

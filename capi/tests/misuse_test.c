@@ -3,10 +3,13 @@
  * user pointers, calls from inside callbacks, handles shared between
  * threads. Each must give an error result (or work), never a crash. Needs no
  * service: validation failures are delivered without sending anything. */
+#define _POSIX_C_SOURCE 200809L /* nanosleep */
 #include <pthread.h>
+#include <sched.h>
 #include <stdatomic.h>
 #include <stddef.h>
 #include <stdlib.h>
+#include <time.h>
 
 #include "zvr_test.h"
 
@@ -459,6 +462,34 @@ static void check_wakeup_starting_operations(void) {
   CHECK(hook_starts >= 4 && started.calls == hook_starts && started.cancelled == 0);
 }
 
+/* A hook replacing itself on the I/O thread while the host's thread replaces
+ * it too: the host's call waits for the hook's, which must not wait for the
+ * host's in turn. */
+static atomic_int replace_step;
+static void ZVR_CALL quiet_wakeup(void* user) {
+  (void)user;
+}
+static void ZVR_CALL replacing_wakeup(void* user) {
+  (void)user;
+  int entered = 0;
+  if (!atomic_compare_exchange_strong(&replace_step, &entered, 1)) return;
+  while (atomic_load(&replace_step) != 2) sched_yield();
+  const struct timespec pause = {0, 50 * 1000 * 1000};
+  nanosleep(&pause, NULL); /* the host's thread is now waiting for this call */
+  CHECK_RESULT(ZVR_OK, zvr_main_queue_set_wakeup(quiet_wakeup, NULL));
+}
+
+static void check_wakeup_replaced_from_both_sides(void) {
+  CHECK_RESULT(ZVR_OK, zvr_main_queue_set_wakeup(replacing_wakeup, NULL));
+  orders_ended = 0;
+  CHECK_RESULT(ZVR_OK, zvr_rewards_fetch_orders(on_orders_failed, NULL)); /* port 1 */
+  while (atomic_load(&replace_step) != 1) sched_yield();
+  atomic_store(&replace_step, 2);
+  CHECK_RESULT(ZVR_OK, zvr_main_queue_set_wakeup(NULL, NULL));
+  CHECK(zvr_test_wait_for(&orders_ended));
+  CHECK_RESULT(ZVR_OK, zvr_main_queue_set_wakeup(NULL, NULL));
+}
+
 /* ---- Threads ------------------------------------------------------------------ */
 
 static zvr_order_request shared_request;
@@ -509,6 +540,7 @@ int main(void) {
   check_retries();
   check_long_waits();
   check_wakeup_starting_operations();
+  check_wakeup_replaced_from_both_sides();
 
   CHECK_RESULT(ZVR_OK, zvr_handle_count(&after));
   CHECK(after == before);
