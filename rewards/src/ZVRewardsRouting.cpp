@@ -146,6 +146,16 @@ ZVErrorPtr sentTimes(ZVErrorPtr error, int attempts) {
   return error;
 }
 
+// Whether the answer numbered `arrival` may replace a list that came from
+// the answer numbered `current`: not when a later arrival wrote it already.
+// Records `arrival` as the list's when it may.
+bool takesOver(const std::optional<uint64_t>& arrival, uint64_t& current) {
+  if (!arrival) return true;
+  if (*arrival < current) return false;
+  current = *arrival;
+  return true;
+}
+
 ZVJSONValue valueUnder(const ZVMutableDictionary& body, std::string_view key) {
   const ZVJSONValue* value = body.find(key);
   return value ? *value : ZVJSONValue();
@@ -201,6 +211,10 @@ void ZVRewardsRouting::requestKind(const std::string& kind,
   try {
     ZVDictionaryPtr body =
         response && response->body() ? response->body()->mutableCopy() : ZVDictionaryPtr();
+    if (kind == kKindFetchRewardOffers || kind == kKindFetchRewardOrders) {
+      std::lock_guard lock(manager_.state_->mutex);
+      arrivalNumber_ = ++manager_.state_->arrivals;
+    }
     if (kind == kKindFetchRewardOffers) {
       // The stamp records the answer's arrival, before its status is looked
       // at; it is published with the catalogue it belongs to, never before.
@@ -241,8 +255,10 @@ void ZVRewardsRouting::handleFetchRewardOffers(ZVDictionaryPtr body,
       auto noOffers = std::make_shared<const ZVOfferArray>();
       std::lock_guard lock(manager_.state_->mutex);
       if (completionHandler.cancelled()) return;
-      manager_.state_->offers = std::move(noOffers);
-      manager_.state_->lastRefreshTime = 0.0;
+      if (takesOver(arrivalNumber_, manager_.state_->offersArrival)) {
+        manager_.state_->offers = std::move(noOffers);
+        manager_.state_->lastRefreshTime = 0.0;
+      }
     }
     failService(std::move(body), kKindFetchRewardOffers, std::move(completionHandler));
     return;
@@ -250,14 +266,20 @@ void ZVRewardsRouting::handleFetchRewardOffers(ZVDictionaryPtr body,
   ZVOfferArrayPtr result = reclaimedElsewhere(recordsUnder<ZVOffer>(*body, "offers"));
   ZVOfferArrayPtr previous;
   double previousStamp = 0.0;
+  uint64_t previousArrival = 0;
   {
     // The stamp and the catalogue together: a reader sees both or neither,
     // so a catalogue still being built is never served as fresh.
     std::lock_guard lock(manager_.state_->mutex);
     if (completionHandler.cancelled()) return;
-    previous = std::exchange(manager_.state_->offers, result);
+    previous = manager_.state_->offers;
     previousStamp = manager_.state_->lastRefreshTime;
-    if (arrival_) manager_.state_->lastRefreshTime = *arrival_;
+    previousArrival = manager_.state_->offersArrival;
+    // A later arrival's catalogue stays; this answer still goes to its handler.
+    if (takesOver(arrivalNumber_, manager_.state_->offersArrival)) {
+      manager_.state_->offers = result;
+      if (arrival_) manager_.state_->lastRefreshTime = *arrival_;
+    }
   }
   try {
     dispatchOffers(result, std::move(completionHandler));
@@ -268,6 +290,7 @@ void ZVRewardsRouting::handleFetchRewardOffers(ZVDictionaryPtr body,
     if (manager_.state_->offers == result) {
       manager_.state_->offers = std::move(previous);
       manager_.state_->lastRefreshTime = previousStamp;
+      manager_.state_->offersArrival = previousArrival;
     }
     throw;
   }
@@ -295,7 +318,8 @@ void ZVRewardsRouting::handleFetchRewardOrders(ZVDictionaryPtr body,
       auto noOrders = std::make_shared<const ZVOrderArray>();
       std::lock_guard lock(manager_.state_->mutex);
       if (completionHandler.cancelled()) return;
-      manager_.state_->orders = std::move(noOrders);
+      if (takesOver(arrivalNumber_, manager_.state_->ordersArrival))
+        manager_.state_->orders = std::move(noOrders);
     }
     failService(std::move(body), kKindFetchRewardOrders, std::move(completionHandler));
     return;
@@ -304,7 +328,7 @@ void ZVRewardsRouting::handleFetchRewardOrders(ZVDictionaryPtr body,
   {
     std::lock_guard lock(manager_.state_->mutex);
     if (completionHandler.cancelled()) return;
-    manager_.state_->orders = result;
+    if (takesOver(arrivalNumber_, manager_.state_->ordersArrival)) manager_.state_->orders = result;
   }
   deliver<ZVOrdersCompletionHandler>(result, ZV_REWARDS_MANAGER_DID_FETCH_ORDERS_NOTIFICATION,
                                      std::move(completionHandler));

@@ -3,6 +3,7 @@
 // Our tests drive it directly; hosts only see the manager.
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -21,6 +22,12 @@ struct ZVRewardsManager::State {
   ZVOfferArrayPtr offers;        // guarded by mutex
   ZVOrderArrayPtr orders;        // guarded by mutex
   double lastRefreshTime = 0.0;  // guarded by mutex
+  // Answers are numbered as they reach the routing. Decodes run on more than
+  // one thread (a large answer on the decode thread), so an answer may be
+  // ready after one that arrived later; the lists keep the later arrival.
+  uint64_t arrivals = 0;       // guarded by mutex
+  uint64_t offersArrival = 0;  // guarded by mutex: the arrival `offers` came from
+  uint64_t ordersArrival = 0;  // guarded by mutex: the arrival `orders` came from
 };
 
 /// One operation's completion handler, with its type: the kind of a request
@@ -118,6 +125,9 @@ class ZV_REWARDS_EXPORT ZVRewardsRouting {
   // When the offers answer being handled arrived; unset when a handler is
   // called directly, which then leaves `lastRefreshTime` alone.
   std::optional<double> arrival_;
+  // The number of the offers or orders answer being handled; unset when a
+  // handler is called directly, which then always writes the state.
+  std::optional<uint64_t> arrivalNumber_;
   // How often the answer's request was sent; 0 when a handler is called directly.
   int attempts_ = 0;
 };

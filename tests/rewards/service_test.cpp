@@ -4,8 +4,10 @@
 // and failure dispatch. (Concurrent use of every operation is the load test's.)
 #include <fmt/format.h>
 
+#include <condition_variable>
 #include <cstdlib>
 #include <limits>
+#include <mutex>
 #include <thread>
 
 #include "ZVRewardsFixture.h"
@@ -114,6 +116,54 @@ TEST_F(OffersTest, CacheFreshnessFollowsTheRefreshInterval) {
     });
     EXPECT_EQ(server.requestCount() - before, c.sends ? 1u : 0u);
     EXPECT_TRUE(c.sends || outcome->result == cached) << "a hit shares the cached records";
+  }
+}
+
+// A large answer decodes on the decode thread, a small one on the I/O thread,
+// so an older offers answer may be ready after a newer one. The newer
+// catalogue and its stamp stay; the older answer still reaches its handler.
+TEST_F(OffersTest, AnOlderAnswerReadyLastLeavesTheNewerCatalogue) {
+  const std::string padding(300 << 10, 'x');  // past the decode thread's 256 KB
+  for (bool olderIsOK : {true, false}) {
+    SCOPED_TRACE(olderIsOK ? "older answer ok" : "older answer refused");
+    manager()->resetData();
+    struct Sync {
+      std::mutex mutex;
+      std::condition_variable changed;
+      int stamps = 0;
+      bool newerHandled = false;
+    };
+    auto sync = std::make_shared<Sync>();
+    // The older answer's stamp, the first, waits until the newer one is handled.
+    ZVClock::setSource([sync] {
+      std::unique_lock lock(sync->mutex);
+      if (++sync->stamps > 1) return 200.0;
+      sync->changed.notify_all();
+      sync->changed.wait_for(lock, std::chrono::seconds(10), [&] { return sync->newerHandled; });
+      return 100.0;
+    });
+    answer(olderIsOK
+               ? fmt::format(R"({{"status":"ok","offers":[{{"id":"old"}}],"pad":"{}"}})", padding)
+               : fmt::format(R"({{"status":"error","pad":"{}"}})", padding));
+    Outcome<const ZVOfferArray> older;
+    manager()->forceFetchOffersWithLocale(ZVLocale("en_US"), older.handler());
+    {
+      std::unique_lock lock(sync->mutex);
+      ASSERT_TRUE(sync->changed.wait_for(lock, std::chrono::seconds(10),
+                                         [&] { return sync->stamps == 1; }));
+    }
+    fetchFresh(R"({"status":"ok","offers":[{"id":"new"}]})");
+    {
+      std::lock_guard lock(sync->mutex);
+      sync->newerHandled = true;
+    }
+    sync->changed.notify_all();
+    ASSERT_TRUE(older.wait());
+    EXPECT_EQ(older.result != nullptr, olderIsOK);
+
+    ASSERT_EQ(manager()->offers()->size(), 1u);
+    EXPECT_EQ((*manager()->offers())[0]->offerID(), "new");
+    EXPECT_EQ(manager()->lastRefreshTime(), 200.0);
   }
 }
 
