@@ -49,10 +49,8 @@ struct TooManyRecords {
   size_t limit;
 };
 
-size_t recordLimit() {
-  // Shared, not copied: a copy of the configuration costs a dozen allocations.
-  const size_t bytes = zv_detail::currentConfiguration()->maxResponseBytes;
-  return bytes == 0 ? SIZE_MAX : bytes / kBytesPerRecord;
+size_t recordLimit(size_t maxResponseBytes) {
+  return maxResponseBytes == 0 ? SIZE_MAX : maxResponseBytes / kBytesPerRecord;
 }
 
 // The records the objects of `list` make, counting past `counted`: one per
@@ -78,11 +76,11 @@ size_t recordsIn(const ZVJSONValue& list, bool withOptions, size_t limit, size_t
 // building anything when the array holds more than the limit.
 template <class Record>
 std::shared_ptr<const ZVArray<Record>> recordsUnder(const ZVMutableDictionary& body,
-                                                    std::string_view key) {
+                                                    std::string_view key, size_t maxResponseBytes) {
   std::vector<std::shared_ptr<Record>> list;
   if (const ZVJSONValue* value = body.find(key)) {
     if (const ZVArrayPtr array = value->array()) {
-      const size_t limit = recordLimit();
+      const size_t limit = recordLimit(maxResponseBytes);
       if (recordsIn(*value, std::is_same_v<Record, ZVOffer>, limit, 0) > limit)
         throw TooManyRecords{limit};
       list.reserve(static_cast<size_t>(std::count_if(
@@ -188,6 +186,12 @@ void ZVRewardsRouting::send(std::shared_ptr<ZVGenericRequest> request,
       });
 }
 
+size_t ZVRewardsRouting::answerLimit() const {
+  // Shared, not copied: a copy of the configuration costs a dozen allocations.
+  return maxResponseBytes_ ? *maxResponseBytes_
+                           : zv_detail::currentConfiguration()->maxResponseBytes;
+}
+
 void ZVRewardsRouting::requestKind(const std::string& kind,
                                    std::shared_ptr<ZVGenericResponse> response, ZVErrorPtr error,
                                    ZVRewardsCall completionHandler) {
@@ -207,7 +211,10 @@ void ZVRewardsRouting::requestKind(const std::string& kind,
   // would drop the handler. Every handler queues its delivery last, so one
   // that threw has queued nothing, and the call is delivered once either way.
   const ZVRewardsCall call = completionHandler;
-  if (response) attempts_ = response->attempts();
+  if (response) {
+    attempts_ = response->attempts();
+    maxResponseBytes_ = response->maxResponseBytes();
+  }
   try {
     ZVDictionaryPtr body =
         response && response->body() ? response->body()->mutableCopy() : ZVDictionaryPtr();
@@ -263,7 +270,8 @@ void ZVRewardsRouting::handleFetchRewardOffers(ZVDictionaryPtr body,
     failService(std::move(body), kKindFetchRewardOffers, std::move(completionHandler));
     return;
   }
-  ZVOfferArrayPtr result = reclaimedElsewhere(recordsUnder<ZVOffer>(*body, "offers"));
+  ZVOfferArrayPtr result =
+      reclaimedElsewhere(recordsUnder<ZVOffer>(*body, "offers", answerLimit()));
   ZVOfferArrayPtr previous;
   double previousStamp = 0.0;
   uint64_t previousArrival = 0;
@@ -324,7 +332,7 @@ void ZVRewardsRouting::handleFetchRewardOrders(ZVDictionaryPtr body,
     failService(std::move(body), kKindFetchRewardOrders, std::move(completionHandler));
     return;
   }
-  auto result = reclaimedElsewhere(recordsUnder<ZVOrder>(*body, "orders"));
+  auto result = reclaimedElsewhere(recordsUnder<ZVOrder>(*body, "orders", answerLimit()));
   {
     std::lock_guard lock(manager_.state_->mutex);
     if (completionHandler.cancelled()) return;

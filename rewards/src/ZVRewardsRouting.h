@@ -130,4 +130,8 @@ class ZV_REWARDS_EXPORT ZVRewardsRouting {
   std::optional<uint64_t> arrivalNumber_;
   // How often the answer's request was sent; 0 when a handler is called directly.
   int attempts_ = 0;
+  // The answer size limit its request was sent under; unset when a handler
+  // is called directly, which then takes the current configuration's.
+  std::optional<size_t> maxResponseBytes_;
+  size_t answerLimit() const;
 };

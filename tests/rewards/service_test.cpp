@@ -6,6 +6,7 @@
 
 #include <condition_variable>
 #include <cstdlib>
+#include <future>
 #include <limits>
 #include <mutex>
 #include <thread>
@@ -273,6 +274,29 @@ TEST_F(ServiceTest, RecordsOfOneAnswerAreLimited) {
     EXPECT_EQ(manager()->offers(), offersBefore);
     EXPECT_EQ(manager()->lastRefreshTime(), 1000.0);
   }
+}
+
+// An answer is held to the limits its request was sent under: a host that
+// lowers them meanwhile does not fail a read already on its way.
+TEST_F(ServiceTest, AnAnswerKeepsTheLimitsItsRequestWasSentUnder) {
+  std::string body = R"({"status":"ok","orders":[{})";
+  for (int i = 1; i < 100; ++i) body += ",{}";
+  body += "]}";
+  std::promise<void> sent, resume;
+  server.setHandler([&, resumed = resume.get_future().share()](const LoopbackRequest&) {
+    sent.set_value();
+    resumed.wait_for(std::chrono::seconds(10));
+    return LoopbackResponse{.body = body};
+  });
+  Outcome<const ZVOrderArray> orders;
+  manager()->fetchOrdersWithCompletionHandler(orders.handler());
+  ASSERT_EQ(sent.get_future().wait_for(std::chrono::seconds(10)), std::future_status::ready);
+  // Past both the values' budget and the record limit of 100 orders.
+  reconfigure([](ZVConfiguration& config) { config.maxResponseBytes = 1024; });
+  resume.set_value();
+  ASSERT_TRUE(orders.wait());
+  ASSERT_TRUE(orders.result) << orders.error->description();
+  EXPECT_EQ(orders.result->size(), 100u);
 }
 
 TEST_F(ServiceTest, PlaceOrderSendsTheBodyAndAnnouncesBalances) {

@@ -41,7 +41,8 @@ ZVOutcome failedOutcome(ZVErrorPtr error) {
   return {nullptr, std::move(error), std::move(raw)};
 }
 
-ZVOutcome decodeAnswer(ZVHTTPResult result, const ZVGenericRequest& request, ZVResolvedURL& where) {
+ZVOutcome decodeAnswer(ZVHTTPResult result, const ZVGenericRequest& request, ZVResolvedURL& where,
+                       size_t maxResponseBytes) {
   if (result.failure != ZVTransportFailure::None) return failedOutcome(transportError(result));
 
   const int status = result.status;
@@ -53,9 +54,7 @@ ZVOutcome decodeAnswer(ZVHTTPResult result, const ZVGenericRequest& request, ZVR
   else
     // The values' memory is bounded by the answer size limit, whatever the
     // answer holds (tiny containers cost many times their text).
-    parsed = ZVJSONParse(
-        result.body,
-        {.maxValueBytes = ZVJSONMemoryForAnswer(currentConfiguration()->maxResponseBytes)});
+    parsed = ZVJSONParse(result.body, {.maxValueBytes = ZVJSONMemoryForAnswer(maxResponseBytes)});
 
   if (status >= 400)
     return failedOutcome(httpStatusError(status, parsed.ok() ? parsed.value.dictionary() : nullptr,
@@ -72,7 +71,9 @@ ZVOutcome decodeAnswer(ZVHTTPResult result, const ZVGenericRequest& request, ZVR
     return invalidAnswer(ZVErrorAnswerNotObject,
                          strCat("answer from ", where.url, " is a JSON ",
                                 jsonTypeName(parsed.value.type()), ", not an object"));
-  return {std::make_shared<ZVGenericResponse>(status, std::move(where.url), body), nullptr, body};
+  auto response = std::make_shared<ZVGenericResponse>(status, std::move(where.url), body);
+  response->setMaxResponseBytes(maxResponseBytes);
+  return {std::move(response), nullptr, body};
 }
 
 }  // namespace zv_detail

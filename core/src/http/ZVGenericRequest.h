@@ -108,11 +108,16 @@ class ZV_CORE_EXPORT ZVGenericResponse final : public ZVObject {
   /// How many times the request was sent before this answer (1 without retries).
   int attempts() const { return attempts_; }
   void setAttempts(int attempts) { attempts_ = attempts; }
+  /// The answer size limit the request was sent under (0: none), which
+  /// bounds what the answer may become: a newer configuration does not.
+  size_t maxResponseBytes() const { return maxResponseBytes_; }
+  void setMaxResponseBytes(size_t bytes) { maxResponseBytes_ = bytes; }
   std::string description() const override;
 
  private:
   int statusCode_;
   int attempts_ = 1;
+  size_t maxResponseBytes_ = 0;
   std::string url_;
   ZVDictionaryPtr body_;
 };

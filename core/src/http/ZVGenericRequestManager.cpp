@@ -110,7 +110,7 @@ class Call : public std::enable_shared_from_this<Call> {
   // Parses the answer and calls back, on this thread.
   void decode(ZVHTTPResult result) {
     try {
-      finish(decodeAnswer(std::move(result), *request_, where));
+      finish(decodeAnswer(std::move(result), *request_, where, service->config->maxResponseBytes));
     } catch (const std::exception& e) {
       finish(failed(ZVErrorTypeTransport, ZVErrorTransportOther,
                     strCat("could not read the answer: ", e.what())));
