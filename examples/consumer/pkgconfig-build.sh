@@ -9,7 +9,7 @@ mkdir -p "$out"
 packages=(zorvane-rewards-kit zorvane-rewards-kit-testing)
 pkg-config --exists --print-errors "${packages[@]}"
 libdir="$(pkg-config --variable=libdir zorvane-rewards-kit)"
-# A static install hands its private dependencies (libcurl, simdjson, fmt) to the link.
+# A static install hands its private dependencies (libcurl, simdjson) to the link.
 static=()
 [ -e "$libdir/libZorvaneCoreKit.so" ] || static=(--static)
 # shellcheck disable=SC2046 # pkg-config prints words meant to be split
