@@ -192,6 +192,20 @@ TEST_F(LifetimesTest, ThrowingHostCodeBreaksNoPromise) {
          return ZVObservation();
        },
        "", true},
+      // A sink that logs, replaces itself and shuts the SDK down: each would
+      // wait for the sink's own lock.
+      {"reentrant log sink", 200,
+       [] {
+         ZVLogger::instance()->setLogCategories(ZVLogCategoryRewards);
+         ZVLogger::instance()->setLogLevel(1);
+         ZVLogger::instance()->setSink([](std::string_view line) {
+           ZVLogger::instance()->log(line);
+           ZVLogger::instance()->setSink({});
+           Zorvane::shutdown();
+         });
+         return ZVObservation();
+       },
+       "", true},
       {"throwing clock", 200,
        [] {
          ZVClock::setSource([]() -> double { throw std::bad_alloc(); });

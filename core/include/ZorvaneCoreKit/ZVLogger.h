@@ -23,8 +23,10 @@ enum : int64_t {
 ///
 /// @par Thread safety
 /// Every operation is safe from any thread. The sink is called under the
-/// logger's sink lock, so lines never interleave; a sink must not log. A sink
-/// that throws loses that line to standard error, and the SDK goes on.
+/// logger's sink lock, so lines never interleave. A line logged from inside
+/// the sink goes to standard error, and a sink set there takes over when the
+/// sink returns. A sink that throws loses that line to standard error, and
+/// the SDK goes on.
 class ZV_CORE_EXPORT ZVLogger {
  public:
   using Sink = std::function<void(std::string_view line)>;
@@ -42,7 +44,9 @@ class ZV_CORE_EXPORT ZVLogger {
   void log(std::string_view line);
 
   /// Replaces the sink. Default: standard error, one line per call. An empty
-  /// function restores the default.
+  /// function restores the default. Called from inside the sink, the
+  /// replacement takes over when the sink returns (a line the sink logs
+  /// itself goes to standard error).
   void setSink(Sink sink);
 
  private:

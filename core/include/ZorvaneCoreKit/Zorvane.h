@@ -161,7 +161,9 @@ class ZV_CORE_EXPORT Zorvane {
   /// the hooks again as needed.
   ///
   /// Called from inside a handler, it does not wait for that handler, and the
-  /// dedicated thread (if that is where it runs) ends after it. Unloading
+  /// dedicated thread (if that is where it runs) ends after it. Called from
+  /// inside the log sink, it does nothing but say so on standard error: it
+  /// would wait for threads that wait for the sink. Unloading
   /// the libraries is safe once a call made outside the SDK's threads has
   /// returned, observers were removed, and a transport or executor of the
   /// host's holds nothing of the SDK.

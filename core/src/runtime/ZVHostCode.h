@@ -15,6 +15,11 @@ namespace zv_detail {
 /// Never throws.
 ZV_CORE_EXPORT void reportHostException(const char* where, const char* what) noexcept;
 
+/// Whether this thread is running the logger's sink, which holds the
+/// logger's lock: nothing that waits for a thread that may wait to log may
+/// run there.
+bool insideLogSink();
+
 /// Runs `code`; an exception is reported as thrown by `where` and goes no
 /// further. Returns whether `code` returned normally.
 template <class Code>

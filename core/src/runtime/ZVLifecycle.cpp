@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdio>
 #include <mutex>
 
 #include <ZorvaneCoreKit/ZVClock.h>
@@ -13,6 +14,7 @@
 #include <ZorvaneCoreKit/Zorvane.h>
 
 #include "http/ZVGenericRequestManager.h"
+#include "runtime/ZVHostCode.h"
 #include "runtime/ZVOperation.h"
 #include "runtime/ZVReclaimer.h"
 
@@ -88,5 +90,11 @@ void Zorvane::cancelAllOperations() {
 }
 
 void Zorvane::shutdown() {
+  // It joins threads that may be waiting for the sink's lock, held here.
+  if (zv_detail::insideLogSink()) {
+    std::fputs("ZorvaneRewardsKit: Zorvane::shutdown() called from inside the log sink: ignored\n",
+               stderr);
+    return;
+  }
   ZVLifecycle::shutdown();
 }

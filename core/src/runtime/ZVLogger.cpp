@@ -1,6 +1,9 @@
 #include <ZorvaneCoreKit/ZVLogger.h>
 
 #include <cstdio>
+#include <optional>
+
+#include "runtime/ZVHostCode.h"
 
 ZVLogger* ZVLogger::instance() {
   // Leaked so that logging from static destructors at exit stays valid.
@@ -20,16 +23,31 @@ void writeToStandardError(std::string_view line) {
   std::fflush(stderr);
 }
 
+// Whether this thread runs the sink, which holds the sink's lock; and the
+// sink it set meanwhile, installed once the sink returns.
+thread_local bool tInSink = false;
+thread_local std::optional<ZVLogger::Sink> tReplacement;
+
 }  // namespace
 
+bool zv_detail::insideLogSink() {
+  return tInSink;
+}
+
 void ZVLogger::log(std::string_view line) {
-  std::lock_guard lock(sinkMutex_);
+  // The sink logging would wait for its own lock.
+  if (tInSink) {
+    writeToStandardError(line);
+    return;
+  }
+  std::unique_lock lock(sinkMutex_);
   if (!sink_) {
     writeToStandardError(line);
     return;
   }
   // A throwing sink must not stop the delivery that logs (the handler and the
   // notification come after the line); the line goes to stderr instead.
+  tInSink = true;
   try {
     sink_(line);
   } catch (...) {
@@ -39,9 +57,19 @@ void ZVLogger::log(std::string_view line) {
     } catch (...) {
     }
   }
+  tInSink = false;
+  if (!tReplacement) return;
+  Sink previous = std::exchange(sink_, std::move(*tReplacement));
+  tReplacement.reset();
+  lock.unlock();
+  // The previous sink is destroyed here, outside the lock.
 }
 
 void ZVLogger::setSink(Sink sink) {
+  if (tInSink) {
+    tReplacement = std::move(sink);  // installed when the sink returns
+    return;
+  }
   {
     std::lock_guard lock(sinkMutex_);
     sink_.swap(sink);
