@@ -139,6 +139,16 @@ bool hasControlChar(std::string_view text) {
   });
 }
 
+// The service host as a message shows it: credentials put in front of the
+// host (user:password@) are never repeated.
+std::string shownHost(std::string_view host) {
+  const size_t start = host.find("://") == std::string_view::npos ? 0 : host.find("://") + 3;
+  const size_t end = host.find_first_of("/?#", start);
+  const size_t at = host.substr(0, end).rfind('@');
+  if (at == std::string_view::npos || at < start) return std::string(host);
+  return strCat(host.substr(0, start), "***", host.substr(at));
+}
+
 ZVService prepareService(std::shared_ptr<const ZVConfiguration> shared) {
   ZVService service;
   service.config = std::move(shared);
@@ -157,15 +167,16 @@ ZVService prepareService(std::shared_ptr<const ZVConfiguration> shared) {
   }
   while (host.ends_with('/')) host.remove_suffix(1);
   if (scheme != "http" && scheme != "https") {
-    service.error = strCat("service host ", config.serviceHost, " has the scheme \"", scheme,
-                           "\": only https (or http) is supported");
+    service.error = strCat("service host ", shownHost(config.serviceHost), " has the scheme \"",
+                           scheme, "\": only https (or http) is supported");
     return service;
   }
   if (host.empty() || !std::ranges::all_of(host, [](char c) {
         return isSafeHostChar(static_cast<unsigned char>(c));
       })) {
-    service.error = strCat("service host \"", percentEncode(config.serviceHost, "/:@[]"),
-                           "\" is not a host name with an optional port");
+    service.error =
+        strCat("service host \"", percentEncode(shownHost(config.serviceHost), "/:@[]*"),
+               "\" is not a host name with an optional port");
     return service;
   }
   if (scheme == "http" && !config.allowInsecureHTTP) {
