@@ -135,15 +135,6 @@ ZVErrorPtr undecodableAnswer(const std::string& kind, const ZVGenericResponse* r
   }
 }
 
-// An error made of an answer says how often its request was sent, as the
-// request layer's own errors do.
-ZVErrorPtr sentTimes(ZVErrorPtr error, int attempts) {
-  error->setAttempts(attempts);
-  if (attempts > 1 && error->message())
-    error->setMessage(zv_detail::strCat(*error->message(), " (after ", attempts, " attempts)"));
-  return error;
-}
-
 // Whether the answer numbered `arrival` may replace a list that came from
 // the answer numbered `current`: not when a later arrival wrote it already.
 // Records `arrival` as the list's when it may.
@@ -238,8 +229,9 @@ void ZVRewardsRouting::requestKind(const std::string& kind,
     }
   } catch (...) {
     try {
-      requestKind(kind, nullptr, sentTimes(undecodableAnswer(kind, response.get()), attempts_),
-                  call);
+      ZVErrorPtr undecodable = undecodableAnswer(kind, response.get());
+      zv_detail::stampAttempts(*undecodable, attempts_);
+      requestKind(kind, nullptr, std::move(undecodable), call);
     } catch (...) {
       // Not even the failure fits in memory: nothing more can be done here.
     }
@@ -404,7 +396,7 @@ void ZVRewardsRouting::deliver(std::shared_ptr<Result> result, const char* notif
 void ZVRewardsRouting::failService(ZVDictionaryPtr body, const char* kind,
                                    ZVRewardsCall completionHandler) {
   auto error = std::make_shared<ZVRewardsError>(ZVErrorTypeService, std::move(body));
-  sentTimes(error, attempts_);
+  zv_detail::stampAttempts(*error, attempts_);
   ZVRewardsManager* manager = &manager_;
   // The step delivers the error made here, whatever the utility hands it.
   ZVPManagerUtils::callDidFailWithError<ZVRewardsCall>(

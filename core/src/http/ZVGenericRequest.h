@@ -7,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include <ZorvaneCoreKit/ZVError.h>
 #include <ZorvaneCoreKit/ZVJSON.h>
 #include <ZorvaneCoreKit/ZVObject.h>
 
@@ -121,3 +122,12 @@ class ZV_CORE_EXPORT ZVGenericResponse final : public ZVObject {
   std::string url_;
   ZVDictionaryPtr body_;
 };
+
+namespace zv_detail {
+
+/// Stamps on `error` how often its call was sent and, after retries, ends
+/// its message with "(after N attempts)": for the request layer's errors and
+/// for those made above it from an answer.
+ZV_CORE_EXPORT void stampAttempts(ZVError& error, int attempts);
+
+}  // namespace zv_detail

@@ -69,10 +69,7 @@ class Call : public std::enable_shared_from_this<Call> {
       ~Decrement() { count.fetch_sub(1); }
     } decrement{inFlight_};
     if (outcome.error) {
-      outcome.error->setAttempts(attempts_);
-      if (attempts_ > 1 && outcome.error->message())
-        outcome.error->setMessage(
-            strCat(*outcome.error->message(), " (after ", attempts_, " attempts)"));
+      zv_detail::stampAttempts(*outcome.error, attempts_);
     } else if (outcome.response) {
       // An answer may still fail above this layer (a refusal, records that
       // cannot be built): its error must say how often the call was sent.
@@ -276,6 +273,12 @@ void Call::answered(ZVHTTPResult result) {
 }
 
 }  // namespace
+
+void zv_detail::stampAttempts(ZVError& error, int attempts) {
+  error.setAttempts(attempts);
+  if (attempts > 1 && error.message())
+    error.setMessage(strCat(*error.message(), " (after ", attempts, " attempts)"));
+}
 
 ZVGenericRequestManager* ZVGenericRequestManager::instance() {
   // Leaked on purpose: callbacks on transport threads may still reach it

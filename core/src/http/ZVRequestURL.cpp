@@ -142,7 +142,8 @@ bool hasControlChar(std::string_view text) {
 // The service host as a message shows it: credentials put in front of the
 // host (user:password@) are never repeated.
 std::string shownHost(std::string_view host) {
-  const size_t start = host.find("://") == std::string_view::npos ? 0 : host.find("://") + 3;
+  const size_t scheme = host.find("://");
+  const size_t start = scheme == std::string_view::npos ? 0 : scheme + 3;
   const size_t end = host.find_first_of("/?#", start);
   const size_t at = host.substr(0, end).rfind('@');
   if (at == std::string_view::npos || at < start) return std::string(host);
