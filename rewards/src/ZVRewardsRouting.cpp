@@ -106,8 +106,9 @@ constexpr size_t kReclaimedFrom = 16;
 template <class Record>
 std::shared_ptr<const ZVArray<Record>> reclaimedElsewhere(
     std::shared_ptr<const ZVArray<Record>> list) {
-  if (list->size() < kReclaimedFrom) return list;
-  return zv_detail::reclaimedElsewhere(std::move(list));
+  const size_t records = list->size();
+  if (records < kReclaimedFrom) return list;
+  return zv_detail::reclaimedElsewhere(std::move(list), records);
 }
 
 // The error of an answer that could not become records: the exception

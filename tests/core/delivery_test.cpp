@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <future>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -13,6 +14,9 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <pthread.h>
+
+#include "runtime/ZVReclaimer.h"
 
 namespace {
 
@@ -207,6 +211,56 @@ TEST(MainQueueTest, ReplacingAHookWaitsForItsCallsOnOtherThreads) {
     EXPECT_EQ(calls, 1);
     queue.drain();
   }
+}
+
+// The reclaimer runs niced, and a process that keeps its CPU busy starves
+// it: past its backlog, the thread that lets a result go frees it itself.
+TEST(ReclaimerTest, PastItsBacklogTheReleasingThreadFreesItself) {
+  std::promise<void> unblock;
+  std::shared_future<void> unblocked = unblock.get_future().share();
+  std::atomic<bool> blocking{false};
+  zv_detail::reclaim(std::shared_ptr<const void>(new int(0), [&](const int* p) {
+    blocking = true;
+    unblocked.wait();
+    delete p;
+  }));
+  while (!blocking) std::this_thread::yield();
+
+  struct Case {
+    const char* name;
+    size_t weight;
+    bool freedHere;
+  };
+  // The stuck item weighs 1 and stays counted until it is freed.
+  const Case cases[] = {
+      {"heavier than the room left", zv_detail::kMaxReclaimBacklog, true},
+      {"fits", 1, false},
+      {"fills the backlog exactly", zv_detail::kMaxReclaimBacklog - 2, false},
+      {"one past it", 1, true},
+  };
+  std::vector<std::string> freedOn(std::size(cases));
+  std::atomic<size_t> freed{0};
+  for (size_t i = 0; i < std::size(cases); ++i) {
+    SCOPED_TRACE(cases[i].name);
+    zv_detail::reclaim(std::shared_ptr<const void>(new int(0),
+                                                   [&, i](const int* p) {
+                                                     char name[16] = {};
+                                                     pthread_getname_np(pthread_self(), name,
+                                                                        sizeof name);
+                                                     freedOn[i] = name;
+                                                     delete p;
+                                                     ++freed;
+                                                   }),
+                       cases[i].weight);
+    EXPECT_EQ(!freedOn[i].empty(), cases[i].freedHere);
+  }
+  unblock.set_value();
+  const auto deadline = std::chrono::steady_clock::now() + 10s;
+  while (freed < std::size(cases) && std::chrono::steady_clock::now() < deadline)
+    std::this_thread::sleep_for(1ms);
+  ASSERT_EQ(freed, std::size(cases));
+  for (size_t i = 0; i < std::size(cases); ++i)
+    EXPECT_EQ(freedOn[i] == "zv-reclaim", !cases[i].freedHere) << cases[i].name;
 }
 
 struct Sender : ZVObject {};

@@ -1,14 +1,20 @@
 #include "runtime/ZVReclaimer.h"
 
+#include <atomic>
+
 #include "runtime/ZVWorker.h"
 
 namespace zv_detail {
 namespace {
 
-using Held = std::shared_ptr<const void>;
+using Held = ZVReclaimBatch::Held;
 
-void drop(Held& object, bool /*abandoned: freed all the same*/) {
-  object.reset();
+// The weight handed to the reclaimer and not yet freed.
+std::atomic<size_t> backlog{0};
+
+void drop(Held& held, bool /*abandoned: freed all the same*/) {
+  held.object.reset();
+  backlog.fetch_sub(held.weight, std::memory_order_relaxed);
 }
 
 ZVWorker<Held>& reclaimer() {
@@ -17,19 +23,32 @@ ZVWorker<Held>& reclaimer() {
   return *worker;
 }
 
+// Hands `items` (of `weight` in all) to the reclaimer; false, with `items`
+// untouched, when the backlog has no room for them or the reclaimer refuses
+// them (closed, or no thread): the caller then frees them.
+bool handOver(std::vector<Held>& items, size_t weight) noexcept {
+  size_t pending = backlog.load(std::memory_order_relaxed);
+  do {
+    if (pending != 0 && (weight > kMaxReclaimBacklog || pending > kMaxReclaimBacklog - weight))
+      return false;
+  } while (!backlog.compare_exchange_weak(pending, pending + weight, std::memory_order_relaxed));
+  if (reclaimer().post(items)) return true;
+  backlog.fetch_sub(weight, std::memory_order_relaxed);
+  return false;
+}
+
 thread_local ZVReclaimBatch* tBatch = nullptr;
 
 }  // namespace
 
-void reclaim(Held object) noexcept {
+void reclaim(std::shared_ptr<const void> object, size_t weight) noexcept {
   if (!object) return;
-  if (ZVReclaimBatch* batch = tBatch; batch != nullptr && batch->hold(object)) return;
-  ZVWorker<Held>& worker = reclaimer();
-  if (worker.onWorkerThread()) return;  // freed here, as `object` goes
+  if (ZVReclaimBatch* batch = tBatch; batch != nullptr && batch->hold(object, weight)) return;
+  if (reclaimer().onWorkerThread()) return;  // freed here, as `object` goes
   try {
     std::vector<Held> one;
-    one.push_back(std::move(object));
-    if (!worker.post(one)) one.clear();  // closed, or no thread: freed here
+    one.push_back(Held{std::move(object), weight});
+    handOver(one, weight);  // refused: freed here, as `one` goes
   } catch (...) {
     // No memory to hand it over: `object` is freed here.
   }
@@ -48,9 +67,10 @@ ZVReclaimBatch* ZVReclaimBatch::current() noexcept {
   return tBatch;
 }
 
-bool ZVReclaimBatch::hold(Held& object) noexcept {
+bool ZVReclaimBatch::hold(std::shared_ptr<const void>& object, size_t weight) noexcept {
   try {
-    held_.push_back(std::move(object));
+    held_.push_back(Held{std::move(object), weight});
+    weight_ += weight;
     return true;
   } catch (...) {
     return false;
@@ -59,8 +79,9 @@ bool ZVReclaimBatch::hold(Held& object) noexcept {
 
 void ZVReclaimBatch::flush() noexcept {
   if (held_.empty()) return;
-  // Freed here when the reclaimer refuses them (closed, or no thread).
-  if (!reclaimer().post(held_)) held_.clear();
+  // Freed here when the reclaimer refuses them.
+  if (!handOver(held_, weight_)) held_.clear();
+  weight_ = 0;
 }
 
 void stopReclaimer(bool reopen) {

@@ -3,6 +3,7 @@
 // catalogue it let go of.
 #pragma once
 
+#include <cstddef>
 #include <memory>
 #include <vector>
 
@@ -10,19 +11,29 @@
 
 namespace zv_detail {
 
+/// The most work, in units of `reclaim`'s `weight` (records, for the SDK's
+/// lists), that waits for the reclaimer thread. It runs at a lower priority,
+/// so a process that keeps its CPU busy can starve it: past this backlog the
+/// thread that lets an object go frees it itself, and memory stays bounded.
+/// An object heavier than the whole bound still goes when nothing waits.
+inline constexpr size_t kMaxReclaimBacklog = 4096;
+
 /// Drops `object`'s reference on the reclaimer thread (`zv-reclaim`), or at
-/// once when called there, when the reclaimer is closed (process exit) or
-/// when no thread could start. While a `ZVReclaimBatch` is open on this
-/// thread, the object waits for the batch to close.
-ZV_CORE_EXPORT void reclaim(std::shared_ptr<const void> object) noexcept;
+/// once when called there, when the reclaimer is closed (process exit), when
+/// no thread could start or when its backlog would pass `kMaxReclaimBacklog`.
+/// `weight` is the object's share of that bound. While a `ZVReclaimBatch` is
+/// open on this thread, the object waits for the batch to close.
+ZV_CORE_EXPORT void reclaim(std::shared_ptr<const void> object, size_t weight = 1) noexcept;
 
 /// `object` behind a reference whose last release hands it to `reclaim`.
 /// Costs one control block; for results whose teardown is long.
 template <class T>
-std::shared_ptr<const T> reclaimedElsewhere(std::shared_ptr<const T> object) {
+std::shared_ptr<const T> reclaimedElsewhere(std::shared_ptr<const T> object, size_t weight = 1) {
   const T* raw = object.get();
-  return std::shared_ptr<const T>(
-      raw, [held = std::move(object)](const T*) mutable noexcept { reclaim(std::move(held)); });
+  return std::shared_ptr<const T>(raw,
+                                  [held = std::move(object), weight](const T*) mutable noexcept {
+                                    reclaim(std::move(held), weight);
+                                  });
 }
 
 /// While open, this thread's reclaims are collected and handed over together
@@ -42,10 +53,17 @@ class ZV_CORE_EXPORT ZVReclaimBatch {
   /// The batch open on this thread, if any.
   static ZVReclaimBatch* current() noexcept;
   /// Keeps `object` for the flush; false when there is no memory for it.
-  bool hold(std::shared_ptr<const void>& object) noexcept;
+  bool hold(std::shared_ptr<const void>& object, size_t weight) noexcept;
+
+  /// An object and its share of the reclaimer's backlog.
+  struct Held {
+    std::shared_ptr<const void> object;
+    size_t weight = 0;
+  };
 
  private:
-  std::vector<std::shared_ptr<const void>> held_;
+  std::vector<Held> held_;
+  size_t weight_ = 0;
   ZVReclaimBatch* previous_;
 };
 
