@@ -213,8 +213,9 @@ TEST(MainQueueTest, ReplacingAHookWaitsForItsCallsOnOtherThreads) {
   }
 }
 
-// The reclaimer runs niced, and a process that keeps its CPU busy starves
-// it: past its backlog, the thread that lets a result go frees it itself.
+// A process whose busy threads leave the reclaimer short of CPU must not
+// grow without end: past its backlog, the thread that lets a result go
+// frees it itself.
 TEST(ReclaimerTest, PastItsBacklogTheReleasingThreadFreesItself) {
   std::promise<void> unblock;
   std::shared_future<void> unblocked = unblock.get_future().share();

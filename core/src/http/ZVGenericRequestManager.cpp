@@ -239,7 +239,7 @@ void runDecode(DecodeJob& job, bool abandoned) {
 
 zv_detail::ZVWorker<DecodeJob>& decoder() {
   // Leaked: answers may arrive on other threads while the process exits.
-  static auto* const worker = new zv_detail::ZVWorker<DecodeJob>("zv-decode", 0, runDecode);
+  static auto* const worker = new zv_detail::ZVWorker<DecodeJob>("zv-decode", runDecode);
   return *worker;
 }
 

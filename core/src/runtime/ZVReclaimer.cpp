@@ -19,7 +19,7 @@ void drop(Held& held, bool /*abandoned: freed all the same*/) {
 
 ZVWorker<Held>& reclaimer() {
   // Leaked: results may be released from other threads while the process exits.
-  static auto* const worker = new ZVWorker<Held>("zv-reclaim", kBackgroundNiceness, drop);
+  static auto* const worker = new ZVWorker<Held>("zv-reclaim", drop);
   return *worker;
 }
 

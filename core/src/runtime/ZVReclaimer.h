@@ -12,9 +12,10 @@
 namespace zv_detail {
 
 /// The most work, in units of `reclaim`'s `weight` (records, for the SDK's
-/// lists), that waits for the reclaimer thread. It runs at a lower priority,
-/// so a process that keeps its CPU busy can starve it: past this backlog the
-/// thread that lets an object go frees it itself, and memory stays bounded.
+/// lists), that waits for the reclaimer thread. Its thread has one CPU share
+/// among the process's busy threads, which a host with many may leave short
+/// of the teardown it is given: past this backlog the thread that lets an
+/// object go frees it itself, and memory stays bounded.
 /// An object heavier than the whole bound still goes when nothing waits.
 inline constexpr size_t kMaxReclaimBacklog = 4096;
 

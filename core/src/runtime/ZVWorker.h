@@ -4,8 +4,6 @@
 
 #include <pthread.h>
 #include <sched.h>
-#include <sys/resource.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <condition_variable>
@@ -18,23 +16,19 @@
 
 namespace zv_detail {
 
-// How much lower than the SDK's other threads a worker that may lag runs
-// (the reclaimer: a free that waits only holds memory a little longer). With
-// every thread on one CPU, the I/O thread and the host's thread then win it
-// as soon as they wake. Work a host waits for (the decode) runs at the
-// normal priority: niced, it got a tenth of each busy process's share of a
-// CPU, and a 500 KB answer took over 30 s to decode (sanitized build, on a
-// machine busy with other builds).
-inline constexpr int kBackgroundNiceness = 10;
+// Workers run at the process's own niceness. Niced, each lagged: the decode
+// got a tenth of a busy process's share of a CPU (a 500 KB answer took over
+// 30 s to decode, sanitized build, on a machine busy with other builds), and
+// the reclaimer fell behind a client that kept its CPU busy, its backlog
+// growing by 200 MB a second.
 // A worker's thread ends after this long without work, and the next item
 // starts another: a host that rarely needs one keeps no thread for it.
 inline constexpr std::chrono::seconds kWorkerIdleEnd{2};
 
 /// Runs items in the order posted, on one thread that starts with the first
 /// item (and ends when idle), is named `name` by its creator and runs as a
-/// batch thread with a long time slice (`runAsBackground`) at `niceness`
-/// above the process's own, yielding at the yield points of long work
-/// (`yieldPoint`).
+/// batch thread with a long time slice (`runAsBackground`), yielding at the
+/// yield points of long work (`yieldPoint`).
 /// `run(item, abandoned)` does an item's work; items left when the worker
 /// stops run with `abandoned` set, on the stopping thread, so that each item
 /// runs exactly once.
@@ -46,7 +40,7 @@ class ZVWorker {
  public:
   using Run = void (*)(Item& item, bool abandoned);
 
-  ZVWorker(const char* name, int niceness, Run run) : name_(name), niceness_(niceness), run_(run) {}
+  ZVWorker(const char* name, Run run) : name_(name), run_(run) {}
   ZVWorker(const ZVWorker&) = delete;
   ZVWorker& operator=(const ZVWorker&) = delete;
 
@@ -126,9 +120,6 @@ class ZVWorker {
     // Running, it gives the CPU up at the yield points of long work.
     runAsBackground(SCHED_BATCH);
     yieldFromHere();
-    if (niceness_ != 0)
-      setpriority(PRIO_PROCESS, static_cast<id_t>(gettid()),
-                  getpriority(PRIO_PROCESS, 0) + niceness_);
     std::vector<Item> batch;
     std::unique_lock lock(mutex_);
     while (generation_ == generation) {
@@ -163,7 +154,6 @@ class ZVWorker {
   static thread_local const ZVWorker* tCurrent;
 
   const char* const name_;
-  const int niceness_;
   const Run run_;
   std::mutex mutex_;
   std::condition_variable cv_;
