@@ -28,17 +28,19 @@ class ZVTransport;
 /// call fit in its `requestTimeout`; the completion handler is called once,
 /// with the final outcome, and an error's `attempts()` says how many were made.
 struct ZVRetryPolicy {
-  /// Attempts per call, the first included. Default: 1 (no retries).
+  /// Attempts per call, the first included; below 1 counts as 1.
+  /// Default: 1 (no retries).
   int maxAttempts = 1;
-  /// Default: 200 ms.
+  /// Below 0 counts as 0, as for `maxDelay`. Default: 200 ms.
   std::chrono::milliseconds baseDelay{200};
   /// Default: 5 s.
   std::chrono::milliseconds maxDelay{5000};
   /// The longest `Retry-After` honoured (seconds or an HTTP date); an answer
-  /// that asks for a longer wait is not retried. Default: 30 s.
+  /// that asks for a longer wait is not retried (below 0: no answer that
+  /// sends one). Default: 30 s.
   std::chrono::milliseconds maxRetryAfter{30000};
-  /// Time allowed to one attempt; 0: whatever is left of `requestTimeout`.
-  /// Default: 0.
+  /// Time allowed to one attempt; 0 or less: whatever is left of
+  /// `requestTimeout`. Default: 0.
   std::chrono::milliseconds attemptTimeout{0};
 };
 
@@ -59,7 +61,8 @@ struct ZVConfiguration {
   /// a local sandbox and tests. Default: false (such requests fail with
   /// `ZVErrorNotConfigured`).
   bool allowInsecureHTTP = false;
-  /// Time allowed to establish a connection. Default: 10 s.
+  /// Time allowed to establish a connection; 0 or less: libcurl's own limit
+  /// (300 s), within `requestTimeout` all the same. Default: 10 s.
   std::chrono::milliseconds connectTimeout{10000};
   /// Time allowed for a whole operation: from the call to its completion
   /// handler's task on the main queue, waiting for a free slot, connecting,
@@ -67,7 +70,7 @@ struct ZVConfiguration {
   /// is queued no later than this plus the time to decode one answer, except
   /// for a submission (an order, a skill answer) whose answer arrived in
   /// time: that one is always decoded and delivered, after the decodes queued
-  /// before it (see docs/reliability.md). Default: 30 s.
+  /// before it (see docs/reliability.md). 0 or less: no limit. Default: 30 s.
   std::chrono::milliseconds requestTimeout{30000};
   /// A PEM file of extra certificate authorities to trust (a private CA, or a
   /// sandbox's self-signed certificate). Verification is never turned off.
@@ -89,13 +92,13 @@ struct ZVConfiguration {
   size_t maxResponseBytes = 8u << 20;
   /// Largest total of an answer's header and trailer lines (status lines
   /// included); past it the transfer stops with `ZVErrorAnswerTooLarge`, as
-  /// it does for any one line past 100 KiB (libcurl's own limit).
-  /// Default: 64 KiB.
+  /// it does for any one line past 100 KiB (libcurl's own limit). 0: only
+  /// that line limit. Default: 64 KiB.
   size_t maxHeaderBytes = 64u << 10;
   /// Requests in flight and waiting, all operations together; a call past it
   /// fails at once (on the main queue) with `ZVErrorTooManyRequests`, and
-  /// nothing is sent. Cache hits and validation failures do not count.
-  /// Default: 64.
+  /// nothing is sent (0: every call). Cache hits and validation failures do
+  /// not count. Default: 64.
   size_t maxRequestsInFlight = 64;
   /// Default: no retries.
   ZVRetryPolicy retry;
