@@ -24,6 +24,11 @@
 
 #include <ZorvaneCoreKit/ZVObject.h>
 
+// X11's headers define `Bool` as a macro, and a host may include them
+// before ours: it is set aside here and restored at the end of this header.
+#pragma push_macro("Bool")
+#undef Bool
+
 class ZVMutableDictionary;
 class ZVMutableArray;
 using ZVDictionaryPtr = std::shared_ptr<ZVMutableDictionary>;
@@ -356,3 +361,5 @@ inline constexpr size_t ZVJSONPadding = 64;
 /// number, or a string that is not valid UTF-8. Nil values inside containers
 /// are skipped. `pretty` indents with two spaces, one entry per line.
 ZV_CORE_EXPORT bool ZVJSONSerialize(const ZVJSONValue& value, bool pretty, std::string& out);
+
+#pragma pop_macro("Bool")

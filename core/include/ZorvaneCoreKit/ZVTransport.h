@@ -12,6 +12,11 @@
 
 #include <ZorvaneCoreKit/ZVExport.h>
 
+// X11's headers define `None` as a macro, and a host may include them
+// before ours: it is set aside here and restored at the end of this header.
+#pragma push_macro("None")
+#undef None
+
 using ZVHeaders = std::vector<std::pair<std::string, std::string>>;
 
 /// One HTTP exchange as the transport sees it: everything already encoded.
@@ -114,3 +119,5 @@ struct ZVCurlTransportOptions {
 /// `ZVTransportFailure::Shutdown` and joins both threads.
 ZV_CORE_EXPORT std::shared_ptr<ZVTransport> ZVMakeCurlTransport(
     ZVCurlTransportOptions options = {});
+
+#pragma pop_macro("None")

@@ -15,6 +15,11 @@
 #include <ZorvaneCoreKit/ZVTransport.h>
 #include <ZorvaneCoreKit/Zorvane.h>
 
+// X11's headers define `None` as a macro, and a host may include them
+// before ours: it is set aside here and restored at the end of this header.
+#pragma push_macro("None")
+#undef None
+
 /// What the fake answers to one request.
 struct ZVFakeAnswer {
   /// HTTP status of the answer (ignored for a transport failure).
@@ -140,3 +145,5 @@ class ZVScopedFakeRewardsService {
   std::shared_ptr<ZVFakeRewardsService> service_;
   std::optional<ZVConfiguration> previous_;
 };
+
+#pragma pop_macro("None")
