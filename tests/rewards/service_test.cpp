@@ -367,6 +367,13 @@ TEST_F(ServiceTest, ValidationFailuresSendNothing) {
     EXPECT_EQ(error->code(), c.code);
     EXPECT_EQ(error->message(), c.message);
   }
+  // What the request layer cannot write as JSON is refused there.
+  const auto unwritable = await([&](auto h) {
+    manager()->answerSkillQuestionForOfferID("1", "q", ZVJSONValue(std::string("\xff")), h);
+  });
+  ASSERT_TRUE(unwritable->error);
+  EXPECT_EQ(unwritable->error->type(), ZVErrorTypeValidation);
+  EXPECT_EQ(unwritable->error->code(), ZVErrorInvalidBody);
   EXPECT_EQ(server.requestCount(), 0u);
   EXPECT_EQ(notifications.count(ZV_REWARDS_MANAGER_VALIDATION_DID_FAIL_NOTIFICATION),
             std::size(cases));

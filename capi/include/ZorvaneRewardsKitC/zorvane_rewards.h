@@ -248,7 +248,8 @@ ZVR_API zvr_result ZVR_CALL zvr_error_get_type(zvr_error error, int64_t* out_typ
  *  "ZVErrorTransportConnect", "...Timeout", "...TLS", "...Reset", "...Other",
  *  "ZVErrorTooManyRequests"; validation "ZVErrorServerNoRequest",
  *  "ZVErrorValidationNoOfferID", "...NoQuestionID", "...NoAnswer",
- *  "ZVErrorInvalidPathValue", "ZVErrorInvalidIdempotencyKey"; HTTP
+ *  "ZVErrorInvalidPathValue", "ZVErrorInvalidIdempotencyKey",
+ *  "ZVErrorInvalidBody"; HTTP
  *  "ZVErrorHTTPStatus", "ZVErrorHTTPUnexpectedStatus"; invalid answer
  *  "ZVErrorAnswerNotJSON", "ZVErrorAnswerNotObject", "ZVErrorAnswerTooLarge",
  *  "ZVErrorAnswerNotDecoded"; configuration "ZVErrorNotConfigured"; and

@@ -62,6 +62,9 @@ extern ZV_CORE_EXPORT const char* const ZVErrorTooManyRequests;
 extern ZV_CORE_EXPORT const char* const ZVErrorInvalidPathValue;
 /// An order request's idempotency key is not 1 to 255 visible ASCII characters.
 extern ZV_CORE_EXPORT const char* const ZVErrorInvalidIdempotencyKey;
+/// A submission's body cannot be written as JSON (a NaN or infinite number,
+/// or text that is not UTF-8, in what the host passed), so nothing was sent.
+extern ZV_CORE_EXPORT const char* const ZVErrorInvalidBody;
 
 /// An error: a type, an optional code, an optional message and, for errors
 /// made from an answer, the answer's body (`raw`).

@@ -22,6 +22,7 @@ const char* const ZVErrorHTTPUnexpectedStatus = "ZVErrorHTTPUnexpectedStatus";
 const char* const ZVErrorTooManyRequests = "ZVErrorTooManyRequests";
 const char* const ZVErrorInvalidPathValue = "ZVErrorInvalidPathValue";
 const char* const ZVErrorInvalidIdempotencyKey = "ZVErrorInvalidIdempotencyKey";
+const char* const ZVErrorInvalidBody = "ZVErrorInvalidBody";
 
 ZVError::ZVError(int64_t type, ZVDictionaryPtr result) : type_(type), raw_(std::move(result)) {}
 

@@ -430,7 +430,7 @@ void ZVGenericRequestManager::sendRequest(std::shared_ptr<ZVGenericRequest> requ
       http.method = "POST";
       if (request->body()) {
         if (!ZVJSONSerialize(ZVJSONValue(request->body()), false, http.body)) {
-          call->refuse(failed(ZVErrorTypeValidation, "",
+          call->refuse(failed(ZVErrorTypeValidation, ZVErrorInvalidBody,
                               strCat("the body of the ", request->kind(),
                                      " request cannot be written as JSON (a NaN or infinite "
                                      "number, or text that is not UTF-8)")));
