@@ -50,7 +50,9 @@ struct ZVConfiguration {
   /// The rewards service: "rewards.example.com", "rewards.example.com:8443",
   /// or with a scheme, "http://127.0.0.1:8080". Without a scheme, https.
   /// REQUIRES: non-empty before the first request (else every request fails
-  /// with `ZVErrorNotConfigured`). Default: empty.
+  /// with `ZVErrorNotConfigured`, as it does for a host that is not a host
+  /// name or IP literal with an optional port of 1 to 65535, or that holds
+  /// a path or credentials). Default: empty.
   std::string serviceHost;
   /// The application id that fills ":appid". Default: empty.
   std::string appID;

@@ -129,6 +129,30 @@ bool isSafeHostChar(unsigned char c) {
   return isUnreserved(c) || c == ':' || c == '[' || c == ']';
 }
 
+// A port, when the host names one, is 1 to 65535 (or empty: the scheme's).
+// Checked here so that a bad one is a configuration error, not a transport
+// fault counted as an attempt.
+bool hasValidPort(std::string_view host) {
+  size_t colon = 0;
+  if (host.starts_with('[')) {
+    const size_t close = host.find(']');
+    if (close == std::string_view::npos) return false;
+    if (close + 1 == host.size()) return true;
+    if (host[close + 1] != ':') return false;
+    colon = close + 1;
+  } else {
+    colon = host.find(':');
+    if (colon == std::string_view::npos) return true;
+  }
+  const std::string_view port = host.substr(colon + 1);
+  if (port.empty()) return true;
+  if (port.size() > 5 || !std::ranges::all_of(port, [](char c) { return c >= '0' && c <= '9'; }))
+    return false;
+  int value = 0;
+  for (const char c : port) value = value * 10 + (c - '0');
+  return value >= 1 && value <= 65535;
+}
+
 // ---------------------------------------------------------------------------
 // Resolution.
 
@@ -172,9 +196,10 @@ ZVService prepareService(std::shared_ptr<const ZVConfiguration> shared) {
                            scheme, "\": only https (or http) is supported");
     return service;
   }
-  if (host.empty() || !std::ranges::all_of(host, [](char c) {
-        return isSafeHostChar(static_cast<unsigned char>(c));
-      })) {
+  if (host.empty() ||
+      !std::ranges::all_of(host,
+                           [](char c) { return isSafeHostChar(static_cast<unsigned char>(c)); }) ||
+      !hasValidPort(host)) {
     service.error =
         strCat("service host \"", percentEncode(shownHost(config.serviceHost), "/:@[]*"),
                "\" is not a host name with an optional port");
