@@ -1,6 +1,7 @@
 #include "runtime/ZVReclaimer.h"
 
 #include <atomic>
+#include <utility>
 
 #include "runtime/ZVWorker.h"
 
@@ -79,9 +80,11 @@ bool ZVReclaimBatch::hold(std::shared_ptr<const void>& object, size_t weight) no
 
 void ZVReclaimBatch::flush() noexcept {
   if (held_.empty()) return;
-  // Freed here when the reclaimer refuses them.
-  if (!handOver(held_, weight_)) held_.clear();
-  weight_ = 0;
+  // Taken out first: what frees here may reclaim into this batch again.
+  std::vector<Held> items;
+  items.swap(held_);
+  const size_t weight = std::exchange(weight_, 0);
+  if (!handOver(items, weight)) items.clear();  // refused: freed here
 }
 
 void stopReclaimer(bool reopen) {
