@@ -210,10 +210,9 @@ void ZVRewardsRouting::requestKind(const std::string& kind,
   try {
     ZVDictionaryPtr body =
         response && response->body() ? response->body()->mutableCopy() : ZVDictionaryPtr();
-    if (kind == kKindFetchRewardOffers || kind == kKindFetchRewardOrders) {
-      std::lock_guard lock(manager_.state_->mutex);
-      arrivalNumber_ = ++manager_.state_->arrivals;
-    }
+    // Ordered as the transport finished reading them, not as they were
+    // decoded; an answer not numbered (none here) always writes.
+    if (response && response->arrival() != 0) arrivalNumber_ = response->arrival();
     if (kind == kKindFetchRewardOffers) {
       // The stamp records the answer's arrival, before its status is looked
       // at; it is published with the catalogue it belongs to, never before.

@@ -22,10 +22,10 @@ struct ZVRewardsManager::State {
   ZVOfferArrayPtr offers;        // guarded by mutex
   ZVOrderArrayPtr orders;        // guarded by mutex
   double lastRefreshTime = 0.0;  // guarded by mutex
-  // Answers are numbered as they reach the routing. Decodes run on more than
-  // one thread (a large answer on the decode thread), so an answer may be
-  // ready after one that arrived later; the lists keep the later arrival.
-  uint64_t arrivals = 0;       // guarded by mutex
+  // Answers are numbered as the transport finishes reading them
+  // (`ZVGenericResponse::arrival`). Decodes run on more than one thread (a
+  // large answer on the decode thread), so an answer may be ready after one
+  // that arrived later; the lists keep the later arrival.
   uint64_t offersArrival = 0;  // guarded by mutex: the arrival `offers` came from
   uint64_t ordersArrival = 0;  // guarded by mutex: the arrival `orders` came from
 };
@@ -125,8 +125,8 @@ class ZV_REWARDS_EXPORT ZVRewardsRouting {
   // When the offers answer being handled arrived; unset when a handler is
   // called directly, which then leaves `lastRefreshTime` alone.
   std::optional<double> arrival_;
-  // The number of the offers or orders answer being handled; unset when a
-  // handler is called directly, which then always writes the state.
+  // The answer's `arrival()`; unset when a handler is called directly, or
+  // for an answer not numbered, which then always writes the state.
   std::optional<uint64_t> arrivalNumber_;
   // How often the answer's request was sent; 0 when a handler is called directly.
   int attempts_ = 0;

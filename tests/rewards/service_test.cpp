@@ -412,6 +412,32 @@ TEST(ManagerSingleton, RacingFirstCallsGetOneManager) {
 // Each known kind gets its failure once, the core error unchanged, and a
 // missing answer as the service's refusal; an unknown kind is dropped. A core
 // error is announced even without a handler, and leaves the state alone.
+// Whatever order answers are decoded in, the lists keep the one the
+// transport finished reading last; the other still reaches its handler.
+TEST_F(ManagerCoreTest, ListsKeepTheLaterArrivalWhateverOrderAnswersAreRoutedIn) {
+  for (const std::string kind : {kKindFetchRewardOffers, kKindFetchRewardOrders}) {
+    SCOPED_TRACE(kind);
+    const bool offers = kind == kKindFetchRewardOffers;
+    Completion older;
+    for (const auto& [id, arrival] : {std::pair{"newer", 1002}, std::pair{"older", 1001}}) {
+      const auto response = std::make_shared<ZVGenericResponse>(
+          200, "",
+          dict(fmt::format(R"({{"status":"ok","{}":[{{"id":"{}"}}]}})",
+                           offers ? "offers" : "orders", id)));
+      response->setArrival(arrival);
+      ZVRewardsRouting(*manager())
+          .requestKind(
+              kind, response, nullptr,
+              std::string(id) == "older" ? handlerFor(kind, older) : ZVAnyCompletionHandler());
+    }
+    ZVMainQueue::shared()->drain();
+    EXPECT_EQ(older.calls, 1);
+    const std::optional<std::string> kept =
+        offers ? (*manager()->offers())[0]->offerID() : (*manager()->orders())[0]->orderID();
+    EXPECT_EQ(kept, "newer");
+  }
+}
+
 TEST_F(ManagerCoreTest, FailuresAreRoutedByKind) {
   const auto good = std::make_shared<ZVGenericResponse>(200, "", dict(R"({"status":"ok"})"));
   const auto down = std::make_shared<ZVError>(ZVErrorTypeTransport, "X", "down");

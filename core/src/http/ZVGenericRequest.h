@@ -113,12 +113,18 @@ class ZV_CORE_EXPORT ZVGenericResponse final : public ZVObject {
   /// bounds what the answer may become: a newer configuration does not.
   size_t maxResponseBytes() const { return maxResponseBytes_; }
   void setMaxResponseBytes(size_t bytes) { maxResponseBytes_ = bytes; }
+  /// The order answers arrived in, process-wide: an answer the transport
+  /// finished reading later has a larger number, however long each took to
+  /// decode (a large one decodes on another thread). 0: not numbered.
+  uint64_t arrival() const { return arrival_; }
+  void setArrival(uint64_t arrival) { arrival_ = arrival; }
   std::string description() const override;
 
  private:
   int statusCode_;
   int attempts_ = 1;
   size_t maxResponseBytes_ = 0;
+  uint64_t arrival_ = 0;
   std::string url_;
   ZVDictionaryPtr body_;
 };

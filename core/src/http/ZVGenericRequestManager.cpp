@@ -31,6 +31,9 @@ ZVOutcome failed(int64_t type, const char* code, std::string message) {
   return failedOutcome(std::make_shared<ZVError>(type, code, std::move(message)));
 }
 
+// Answers finished by the transports so far, all calls together.
+std::atomic<uint64_t> answersArrived{0};
+
 // Rounded up, so that a call's first attempt has the whole of requestTimeout.
 int64_t millisecondsUntil(Clock::time_point when) {
   return std::chrono::ceil<milliseconds>(when - Clock::now()).count();
@@ -74,6 +77,7 @@ class Call : public std::enable_shared_from_this<Call> {
       // An answer may still fail above this layer (a refusal, records that
       // cannot be built): its error must say how often the call was sent.
       outcome.response->setAttempts(attempts_);
+      outcome.response->setArrival(arrival_);
     }
     static const std::string kNoKind;
     if (callback_)
@@ -207,7 +211,8 @@ class Call : public std::enable_shared_from_this<Call> {
   std::atomic<size_t>& inFlight_;
   ZVRequestCallback callback_;
   std::shared_ptr<ZVGenericRequest> request_;
-  int attempts_ = 0;  // touched by one attempt at a time
+  int attempts_ = 0;      // touched by one attempt at a time
+  uint64_t arrival_ = 0;  // set by the answer's transport thread, before its decode
   std::atomic<bool> done_{false};
 };
 
@@ -246,6 +251,9 @@ zv_detail::ZVWorker<DecodeJob>& decoder() {
 void Call::answered(ZVHTTPResult result) {
   try {
     if (policy.maxAttempts > 1 && retryLater(result)) return;
+    // Numbered before any decode: a large answer decodes on another thread,
+    // and may be ready after a small one that arrived after it.
+    arrival_ = answersArrived.fetch_add(1, std::memory_order_relaxed) + 1;
     // The attempt had what was left of the call's time: say the call's.
     if (result.failure == ZVTransportFailure::Timeout && deadline != Clock::time_point::max() &&
         Clock::now() + milliseconds(5) >= deadline)
