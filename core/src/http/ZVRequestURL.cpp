@@ -4,6 +4,8 @@
 #include <cctype>
 #include <mutex>
 
+#include <curl/curl.h>
+
 #include "base/ZVStrings.h"
 #include "http/ZVGenericRequest.h"
 #include "runtime/ZorvaneSettings.h"
@@ -129,28 +131,22 @@ bool isSafeHostChar(unsigned char c) {
   return isUnreserved(c) || c == ':' || c == '[' || c == ']';
 }
 
-// A port, when the host names one, is 1 to 65535 (or empty: the scheme's).
-// Checked here so that a bad one is a configuration error, not a transport
-// fault counted as an attempt.
-bool hasValidPort(std::string_view host) {
-  size_t colon = 0;
-  if (host.starts_with('[')) {
-    const size_t close = host.find(']');
-    if (close == std::string_view::npos) return false;
-    if (close + 1 == host.size()) return true;
-    if (host[close + 1] != ':') return false;
-    colon = close + 1;
-  } else {
-    colon = host.find(':');
-    if (colon == std::string_view::npos) return true;
+// Whether libcurl reads `host` as a host with an optional port of 1 to
+// 65535. Checked here so that a bad port is a configuration error, not a
+// transport fault counted as an attempt. libcurl takes port 0, where nothing
+// can be reached: refused too.
+bool isHostWithPort(std::string_view scheme, std::string_view host) {
+  CURLU* url = curl_url();
+  if (url == nullptr) return false;
+  bool ok = curl_url_set(url, CURLUPART_URL, strCat(scheme, "://", host).c_str(), 0) == CURLUE_OK;
+  char* port = nullptr;
+  if (ok) {
+    const CURLUcode found = curl_url_get(url, CURLUPART_PORT, &port, 0);
+    ok = found == CURLUE_NO_PORT || (found == CURLUE_OK && std::string_view(port) != "0");
   }
-  const std::string_view port = host.substr(colon + 1);
-  if (port.empty()) return true;
-  if (port.size() > 5 || !std::ranges::all_of(port, [](char c) { return c >= '0' && c <= '9'; }))
-    return false;
-  int value = 0;
-  for (const char c : port) value = value * 10 + (c - '0');
-  return value >= 1 && value <= 65535;
+  curl_free(port);
+  curl_url_cleanup(url);
+  return ok;
 }
 
 // ---------------------------------------------------------------------------
@@ -199,7 +195,7 @@ ZVService prepareService(std::shared_ptr<const ZVConfiguration> shared) {
   if (host.empty() ||
       !std::ranges::all_of(host,
                            [](char c) { return isSafeHostChar(static_cast<unsigned char>(c)); }) ||
-      !hasValidPort(host)) {
+      !isHostWithPort(scheme, host)) {
     service.error =
         strCat("service host \"", percentEncode(shownHost(config.serviceHost), "/:@[]*"),
                "\" is not a host name with an optional port");
