@@ -141,20 +141,15 @@ struct WakeUp {
   void* user;
 };
 
-// The hooks running on this thread, innermost first, on the stack: plain
-// pointers, so the thread-local needs no destructor.
-struct WakeUpFrame {
-  const WakeUp* hook;
-  const WakeUpFrame* previous;
-};
-thread_local const WakeUpFrame* tWakeUps = nullptr;
+// How many wake-up hooks run on this thread (a hook may start an operation
+// that wakes the host again).
+thread_local int tWakeUpDepth = 0;
 
 void callWakeUp(const WakeUp& hook) {
-  struct Frame {
-    WakeUpFrame frame;
-    explicit Frame(const WakeUp& h) : frame{&h, tWakeUps} { tWakeUps = &frame; }
-    ~Frame() { tWakeUps = frame.previous; }
-  } frame(hook);
+  struct Depth {
+    Depth() { ++tWakeUpDepth; }
+    ~Depth() { --tWakeUpDepth; }
+  } depth;
   hook.callback(hook.user);
 }
 
@@ -172,7 +167,7 @@ void installWakeUp(zvr_wakeup_callback callback, void* user) {
 // Cancelling waits for handlers on other threads; from the log sink (whose
 // lock a handler may wait for) or the wake-up hook it could wait forever.
 bool insideHook() {
-  return insideLogSink() || tWakeUps != nullptr;
+  return insideLogSink() || tWakeUpDepth > 0;
 }
 
 }  // namespace
@@ -204,7 +199,7 @@ const ZVErrorPtr& zvr::cancellationError() {
 }
 
 bool zvr::insideWakeUp() {
-  return tWakeUps != nullptr;
+  return tWakeUpDepth > 0;
 }
 
 extern "C" {
