@@ -222,7 +222,7 @@ TEST(ResolveURLTest, EncodesPathValuesAndRefusesBadConfigurations) {
        "service host \"evil.com/x%3F\" is not a host name with an optional port"},
       {"[::1]:8443", false, "a", "https://[::1]:8443/apps/a"},
       {"r.example.com:", false, "a", "https://r.example.com:/apps/a"},
-      // Ports libcurl would refuse only once sent.
+      // Bad ports are refused before anything is sent.
       {"r.example.com:65536", false, "a",
        "service host \"r.example.com:65536\" is not a host name with an optional port"},
       {"r.example.com:0", false, "a",
