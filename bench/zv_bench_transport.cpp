@@ -24,9 +24,13 @@
 // come from getrusage.
 // Prints one line per benchmark on stdout with the medians over the
 // repetitions, and the spread (".min", ".max") of the ratios. With
-// --only=host|core|raw, that client runs alone (for a profiler).
+// --only=host|core|raw, that client runs alone (for a profiler); with
+// --repetitions=N, N repetitions instead of 11 (two runs that differ only in
+// N give a profiler's cost per request, without the start-up).
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <ctime>
 #include <functional>
 #include <iostream>
@@ -147,17 +151,21 @@ int main(int argc, char** argv) {
     return 2;
   }
   const std::string workDir = argv[1];
-  // --only=host|core|raw runs that client alone, for a profiler.
+  // Our own flags: --only=host|core|raw and --repetitions=N.
   std::string only;
+  int repetitions = 11;
   std::vector<char*> args{argv[0]};
-  for (int i = 2; i < argc; ++i) {
-    const std::string arg = argv[i];
-    if (arg.rfind("--only=", 0) == 0) only = arg.substr(7);
-  }
   char interleave[] = "--benchmark_enable_random_interleaving=true";
   args.push_back(interleave);  // a later flag on the command line still wins
-  for (int i = 2; i < argc; ++i)
-    if (std::string(argv[i]).rfind("--only=", 0) != 0) args.push_back(argv[i]);
+  for (int i = 2; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if (arg.rfind("--only=", 0) == 0)
+      only = arg.substr(7);
+    else if (arg.rfind("--repetitions=", 0) == 0)
+      repetitions = std::max(1, std::atoi(arg.c_str() + 14));
+    else
+      args.push_back(argv[i]);
+  }
   int count = static_cast<int>(args.size());
   benchmark::Initialize(&count, args.data());
 
@@ -207,7 +215,7 @@ int main(int argc, char** argv) {
     auto* bench = benchmark::RegisterBenchmark(c.name.c_str(), paired, &c)
                       ->MinTime(0.3)
                       ->MinWarmUpTime(0.1)
-                      ->Repetitions(11)
+                      ->Repetitions(repetitions)
                       ->ReportAggregatesOnly(true)
                       ->UseManualTime();
     zvbench::CollectingReporter::addSpread(bench);
