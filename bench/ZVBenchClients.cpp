@@ -41,6 +41,15 @@ size_t keepBody(char* data, size_t size, size_t count, void* user) {
   return size * count;
 }
 
+// The request layer's offers request, built once and sent again and again.
+std::shared_ptr<ZVGenericRequest> offersRequest(const Catalogue& catalogue) {
+  auto builder =
+      ZVGenericRequestBuilder::requestBuilderWithMethod(ZVRequestMethodRead, "kind.bench.offers");
+  builder->setBaseURL("https://:host/api/v1/apps/:appid/offers");
+  builder->params().setObject("locale", catalogue.webLocale);
+  return builder->build();
+}
+
 }  // namespace
 
 std::string Endpoint::offersURL(const Catalogue& catalogue) const {
@@ -176,11 +185,7 @@ int64_t hostFetches(const Catalogue& catalogue, int width, int total) {
 
 int64_t coreFetches(const Catalogue& catalogue, int width, int total) {
   ZVGenericRequestManager* manager = ZVGenericRequestManager::instance();
-  auto builder =
-      ZVGenericRequestBuilder::requestBuilderWithMethod(ZVRequestMethodRead, "kind.bench.offers");
-  builder->setBaseURL("https://:host/api/v1/apps/:appid/offers");
-  builder->params().setObject("locale", catalogue.webLocale);
-  const std::shared_ptr<ZVGenericRequest> request = builder->build();
+  const std::shared_ptr<ZVGenericRequest> request = offersRequest(catalogue);
 
   std::mutex mutex;
   std::condition_variable cv;
@@ -200,6 +205,33 @@ int64_t coreFetches(const Catalogue& catalogue, int width, int total) {
   std::unique_lock lock(mutex);
   if (!cv.wait_for(lock, kBatchLimit, [&] { return done == total; }))
     batchStuck("a batch of requests");
+  return failures;
+}
+
+int64_t hopFetches(const Catalogue& catalogue, int width, int total) {
+  ZVGenericRequestManager* manager = ZVGenericRequestManager::instance();
+  const std::shared_ptr<ZVGenericRequest> request = offersRequest(catalogue);
+  // Touched by the main queue's tasks, which run on this thread.
+  int sent = 0;
+  int done = 0;
+  int64_t failures = 0;
+  std::function<void()> sendOne = [&] {
+    ++sent;
+    manager->sendRequest(request, [&](const std::string&, std::shared_ptr<ZVGenericResponse>,
+                                      ZVErrorPtr error, ZVDictionaryPtr body) {
+      const bool bad = error || !body;
+      ZVMainQueue::shared()->async([&, bad] {
+        if (bad) ++failures;
+        ++done;
+        if (sent < total) sendOne();
+      });
+    });
+  };
+  while (sent < std::min(width, total)) sendOne();
+  if (!ZVMainQueue::shared()->runUntil(
+          [&] { return done == total; },
+          std::chrono::duration_cast<std::chrono::milliseconds>(kBatchLimit)))
+    batchStuck("a batch of requests handed to the main queue");
   return failures;
 }
 

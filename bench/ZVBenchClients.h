@@ -85,6 +85,11 @@ int64_t hostFetches(const Catalogue& catalogue, int width, int total);
 /// request; no records and no main queue. Returns the failures.
 int64_t coreFetches(const Catalogue& catalogue, int width, int total);
 
+/// coreFetches with each callback handed to the main queue, which this
+/// thread runs and where the next request is sent: the hand-off to the
+/// host's thread without the rewards layer. Returns the failures.
+int64_t hopFetches(const Catalogue& catalogue, int width, int total);
+
 /// Nearest-rank percentile of `values` (sorted in place); 0 when empty.
 double percentile(std::vector<double>& values, double p);
 

@@ -6,7 +6,7 @@
 // is pinned to one CPU and nginx to another, so that the client's CPU time is
 // its own work and the server never competes with it.
 //
-// Each benchmark times three clients in turn within every iteration, a batch
+// Each benchmark times four clients in turn within every iteration, a batch
 // each, in a rotating order, so that they meet the same speed of a shared
 // machine:
 //   host: ZVRewardsManager's forced offers fetch, the completion handler on
@@ -15,6 +15,9 @@
 //   core: ZVGenericRequestManager alone (transport and JSON parse, callback
 //         on the transport's thread, no records, no main queue), for where
 //         the time goes;
+//   hop:  core with each callback handed to the main queue, which this
+//         thread runs and where the next request is sent: the hand-off to
+//         the host's thread without the rewards layer, for the same;
 //   raw:  raw libcurl, the baseline: a multi handle with the same number in
 //         flight (or one reused easy handle for sequential requests), the
 //         same request headers, each body kept in a std::string, and for the
@@ -24,7 +27,7 @@
 // come from getrusage.
 // Prints one line per benchmark on stdout with the medians over the
 // repetitions, and the spread (".min", ".max") of the ratios. With
-// --only=host|core|raw, that client runs alone (for a profiler); with
+// --only=host|core|hop|raw, that client runs alone (for a profiler); with
 // --repetitions=N, N repetitions instead of 11 (two runs that differ only in
 // N give a profiler's cost per request, without the start-up).
 #include <algorithm>
@@ -151,7 +154,7 @@ int main(int argc, char** argv) {
     return 2;
   }
   const std::string workDir = argv[1];
-  // Our own flags: --only=host|core|raw and --repetitions=N.
+  // Our own flags: --only=host|core|hop|raw and --repetitions=N.
   std::string only;
   int repetitions = 11;
   std::vector<char*> args{argv[0]};
@@ -199,6 +202,7 @@ int main(int argc, char** argv) {
            batch,
            {{"host", [=] { return zvbench::hostFetches(*catalogue, kInFlight, batch); }},
             {"core", [=] { return zvbench::coreFetches(*catalogue, kInFlight, batch); }},
+            {"hop", [=] { return zvbench::hopFetches(*catalogue, kInFlight, batch); }},
             {"raw", [=] { return raw->multi(batch, parse); }}}});
       if (parse) continue;
       const int sequential = 256;
@@ -207,6 +211,7 @@ int main(int argc, char** argv) {
                        sequential,
                        {{"host", [=] { return zvbench::hostFetches(*catalogue, 1, sequential); }},
                         {"core", [=] { return zvbench::coreFetches(*catalogue, 1, sequential); }},
+                        {"hop", [=] { return zvbench::hopFetches(*catalogue, 1, sequential); }},
                         {"raw", [=] { return raw->sequential(sequential, false); }}}});
     }
   }
