@@ -50,6 +50,27 @@ std::shared_ptr<ZVGenericRequest> offersRequest(const Catalogue& catalogue) {
   return builder->build();
 }
 
+// A batch whose completions run on the main queue, which this thread runs
+// as a host's main thread would; each completion sends the next request
+// until `total` are sent. Its counters are touched on this thread only.
+struct MainQueueBatch {
+  int total;
+  int sent = 0;
+  int done = 0;
+  int64_t failures = 0;
+
+  // Starts `width` requests with `sendOne`, then runs the main queue until
+  // all are done. Returns the failures.
+  int64_t run(int width, const std::function<void()>& sendOne, const char* what) {
+    while (sent < std::min(width, total)) sendOne();
+    if (!ZVMainQueue::shared()->runUntil(
+            [&] { return done == total; },
+            std::chrono::duration_cast<std::chrono::milliseconds>(kBatchLimit)))
+      batchStuck(what);
+    return failures;
+  }
+};
+
 }  // namespace
 
 std::string Endpoint::offersURL(const Catalogue& catalogue) const {
@@ -163,24 +184,16 @@ int64_t RawClient::sequential(int total, bool parse) {
 int64_t hostFetches(const Catalogue& catalogue, int width, int total) {
   ZVRewardsManager* manager = ZVRewardsManager::instance();
   const ZVLocale locale(catalogue.locale);
-  // Touched by the handlers, which run on this thread.
-  int sent = 0;
-  int done = 0;
-  int64_t failures = 0;
+  MainQueueBatch batch{total};
   std::function<void()> sendOne = [&] {
-    ++sent;
+    ++batch.sent;
     manager->forceFetchOffersWithLocale(locale, [&](ZVOfferArrayPtr offers, ZVErrorPtr error) {
-      if (error || !offers || offers->size() != catalogue.offers) ++failures;
-      ++done;
-      if (sent < total) sendOne();
+      if (error || !offers || offers->size() != catalogue.offers) ++batch.failures;
+      ++batch.done;
+      if (batch.sent < total) sendOne();
     });
   };
-  while (sent < std::min(width, total)) sendOne();
-  if (!ZVMainQueue::shared()->runUntil(
-          [&] { return done == total; },
-          std::chrono::duration_cast<std::chrono::milliseconds>(kBatchLimit)))
-    batchStuck("a batch of offers fetches");
-  return failures;
+  return batch.run(width, sendOne, "a batch of offers fetches");
 }
 
 int64_t coreFetches(const Catalogue& catalogue, int width, int total) {
@@ -211,28 +224,20 @@ int64_t coreFetches(const Catalogue& catalogue, int width, int total) {
 int64_t hopFetches(const Catalogue& catalogue, int width, int total) {
   ZVGenericRequestManager* manager = ZVGenericRequestManager::instance();
   const std::shared_ptr<ZVGenericRequest> request = offersRequest(catalogue);
-  // Touched by the main queue's tasks, which run on this thread.
-  int sent = 0;
-  int done = 0;
-  int64_t failures = 0;
+  MainQueueBatch batch{total};
   std::function<void()> sendOne = [&] {
-    ++sent;
+    ++batch.sent;
     manager->sendRequest(request, [&](const std::string&, std::shared_ptr<ZVGenericResponse>,
                                       ZVErrorPtr error, ZVDictionaryPtr body) {
       const bool bad = error || !body;
       ZVMainQueue::shared()->async([&, bad] {
-        if (bad) ++failures;
-        ++done;
-        if (sent < total) sendOne();
+        if (bad) ++batch.failures;
+        ++batch.done;
+        if (batch.sent < total) sendOne();
       });
     });
   };
-  while (sent < std::min(width, total)) sendOne();
-  if (!ZVMainQueue::shared()->runUntil(
-          [&] { return done == total; },
-          std::chrono::duration_cast<std::chrono::milliseconds>(kBatchLimit)))
-    batchStuck("a batch of requests handed to the main queue");
-  return failures;
+  return batch.run(width, sendOne, "a batch of requests handed to the main queue");
 }
 
 double percentile(std::vector<double>& values, double p) {
