@@ -16,6 +16,7 @@
 #include <ZorvaneCoreKit/Zorvane.h>
 #include <ZorvaneRewardsKit/ZVRewardsError.h>
 
+#include "ZVRecordMemory.h"
 #include "base/ZVStrings.h"
 #include "http/ZVGenericRequestManager.h"
 #include "runtime/ZVPManagerUtils.h"
@@ -49,6 +50,11 @@ struct TooManyRecords {
   size_t limit;
 };
 
+// The memory one record takes: itself and its reference counts. An offer's
+// list of options comes on top; the arena grows for it.
+template <class Record>
+constexpr size_t kRecordMemory = sizeof(Record) + 2 * sizeof(void*);
+
 size_t recordLimit(size_t maxResponseBytes) {
   return maxResponseBytes == 0 ? SIZE_MAX : maxResponseBytes / kBytesPerRecord;
 }
@@ -81,8 +87,10 @@ std::shared_ptr<const ZVArray<Record>> recordsUnder(const ZVMutableDictionary& b
   if (const ZVJSONValue* value = body.find(key)) {
     if (const ZVArrayPtr array = value->array()) {
       const size_t limit = recordLimit(maxResponseBytes);
-      if (recordsIn(*value, std::is_same_v<Record, ZVOffer>, limit, 0) > limit)
-        throw TooManyRecords{limit};
+      const size_t records = recordsIn(*value, std::is_same_v<Record, ZVOffer>, limit, 0);
+      if (records > limit) throw TooManyRecords{limit};
+      // Opened before the list: the records outlive it.
+      const zv_detail::ZVRecordMemory memory(records, kRecordMemory<Record>);
       list.reserve(static_cast<size_t>(std::count_if(
           array->begin(), array->end(), [](const ZVJSONValue& v) { return v.isDictionary(); })));
       const bool yielding = zv_detail::yieldingHere();

@@ -156,6 +156,21 @@ TEST(JSONTest, DuplicateKeysKeepFirstPositionAndLastValue) {
   dict = json(same).dictionary();
   EXPECT_EQ(dict->count(), 1u);
   EXPECT_EQ(dict->objectForKey("k").integerValue(), -1);
+
+  // Past the table that lets equal long keys share one text, a repeated
+  // long key is two texts: still one key, in small and larger objects.
+  std::string crowded = R"({"fill":{)";
+  for (int i = 0; i < 1000; ++i) crowded += fmt::format("\"filling key {}\":{},", i, i);
+  crowded += R"("end":0},"few":{"repeated key":1,"x":0,"repeated key":2},"many":{)";
+  for (int i = 0; i < 20; ++i) crowded += fmt::format("\"another key {}\":{},", i, i);
+  crowded += R"("another key 3":-3}})";
+  dict = json(crowded).dictionary();
+  ZVDictionaryPtr few = dict->objectForKey("few").dictionary();
+  EXPECT_EQ(few->allKeys(), (std::vector<std::string>{"repeated key", "x"}));
+  EXPECT_EQ(few->objectForKey("repeated key").integerValue(), 2);
+  ZVDictionaryPtr many = dict->objectForKey("many").dictionary();
+  EXPECT_EQ(many->count(), 20u);
+  EXPECT_EQ(many->objectForKey("another key 3").integerValue(), -3);
 }
 
 TEST(JSONTest, DictionaryKeepsInsertionOrderThroughRemovals) {

@@ -68,7 +68,7 @@ class ZVArray final : public ZVObject {
   using const_iterator = typename std::vector<value_type>::const_iterator;
 
   ZVArray() = default;
-  explicit ZVArray(std::vector<value_type> items) : items_(std::move(items)) {}
+  explicit ZVArray(std::vector<value_type> items) noexcept : items_(std::move(items)) {}
 
   size_t size() const { return items_.size(); }
   bool empty() const { return items_.empty(); }

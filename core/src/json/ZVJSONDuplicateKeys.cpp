@@ -29,12 +29,12 @@ uint64_t longKeyHash(std::string_view key) {
 }
 
 bool hasDuplicateKeys(std::span<const ZVDictionarySlot> slots,
-                      std::vector<std::string_view>& scratch) {
+                      std::vector<std::string_view>& scratch, bool canonical) {
   const size_t count = slots.size();
   if (count < 2) return false;
   const auto same = [&](size_t i, size_t j) {
     return slots[i].key.sameBytes(slots[j].key) ||
-           (slots[i].key.shared() && slots[j].key.shared() &&
+           (!canonical && slots[i].key.shared() && slots[j].key.shared() &&
             slots[i].key.view() == slots[j].key.view());
   };
   if (count <= kLinearKeyLimit) {
@@ -53,7 +53,7 @@ bool hasDuplicateKeys(std::span<const ZVDictionarySlot> slots,
     for (size_t i = 0; i < count; ++i) {
       const ZVKey& key = slots[i].key;
       const uint64_t hash =
-          key.shared() ? longKeyHash(key.view()) : key.bits() * 0x9E3779B97F4A7C15u;
+          key.shared() && !canonical ? longKeyHash(key.view()) : key.bits() * 0x9E3779B97F4A7C15u;
       for (size_t at = hash >> 57;; at = (at + 1) & mask) {
         if (places[at] == kEmpty) {
           places[at] = static_cast<uint8_t>(i);

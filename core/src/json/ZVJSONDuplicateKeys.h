@@ -14,8 +14,10 @@ namespace zv_detail {
 uint64_t longKeyHash(std::string_view key);
 
 // Whether two of `slots` share a key; `scratch` is reused between calls.
+// `canonical`: equal long keys are known to share one text, so that keys are
+// equal exactly when their eight bytes are.
 bool hasDuplicateKeys(std::span<const ZVDictionarySlot> slots,
-                      std::vector<std::string_view>& scratch);
+                      std::vector<std::string_view>& scratch, bool canonical);
 
 // Rare: keeps each key at the position of its first occurrence with the
 // value of its last.

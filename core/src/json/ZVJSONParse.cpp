@@ -22,27 +22,10 @@ using zv_detail::ZVText;
 
 namespace {
 
-// Hands a container's control block its memory from the arena. Each
-// container keeps the arena alive: the builder retains it once per
-// container, and the block's one deallocation releases it.
-template <class T>
-struct ArenaAllocator {
-  using value_type = T;
-  explicit ArenaAllocator(ZVArena* a) noexcept : arena(a) {}
-  template <class U>
-  ArenaAllocator(const ArenaAllocator<U>& other) noexcept : arena(other.arena) {}
-  T* allocate(size_t n) { return static_cast<T*>(arena->allocate(n * sizeof(T), alignof(T))); }
-  void deallocate(T*, size_t) noexcept { arena->release(); }
-  template <class U>
-  bool operator==(const ArenaAllocator<U>& other) const noexcept {
-    return arena == other.arena;
-  }
-  ZVArena* arena;
-};
-
 template <class T>
 std::shared_ptr<T> makeInArena(ZVArena& arena) {
-  auto made = std::allocate_shared<T>(ArenaAllocator<T>(&arena));
+  // The builder retains the arena once per container: see ZVArenaAllocator.
+  auto made = std::allocate_shared<T>(zv_detail::ZVArenaAllocator<T>(&arena));
   arena.retainUnshared();  // after success: a failed allocation deallocates nothing
   return made;
 }
@@ -500,7 +483,8 @@ class Builder {
   void finishObject(ZVMutableDictionary& result, size_t base) {
     // Looked for on the scratch stack, written a while ago: the copy just
     // made would be read back from stores still under way.
-    const bool duplicates = zv_detail::hasDuplicateKeys(slots_.top(base), keys_);
+    const bool duplicates =
+        zv_detail::hasDuplicateKeys(slots_.top(base), keys_, keyCache_.canonical);
     auto slots = ZVJSONAccess::slots(result);
     fill(slots, slots_, base);
     ZVJSONAccess::live(result) = slots.size();
@@ -519,20 +503,31 @@ class Builder {
   }
 
   // Long keys repeat across the objects of a document: equal ones share one
-  // text, found through a small cache that forgets on collision.
+  // text, found in a small table. While every long key has its place there,
+  // equal keys of the document are one text, and comparing keys is
+  // comparing their eight bytes.
   zv_detail::ZVKey makeKey(std::string_view key) {
     if (key.size() <= zv_detail::ZVKey::kInline) return zv_detail::ZVKey::fromPadded(key);
-    ZVText*& cached = keyCache_.texts[zv_detail::longKeyHash(key) >> 56];
-    if (cached == nullptr || std::string_view(cached->data(), cached->size) != key) {
-      if (cached != nullptr) cached->release();
-      // Cleared first: should making the new text throw, the teardown must
-      // not release the old one a second time.
-      cached = nullptr;
-      cached = ZVText::make(arena_, key);
-      keyCache_.used = true;
+    const uint64_t hash = zv_detail::longKeyHash(key);
+    for (size_t probe = 0, at = hash >> 56; probe < KeyCache::kProbes;
+         ++probe, at = (at + 1) & 255) {
+      ZVText*& cached = keyCache_.texts[at];
+      if (cached == nullptr) {
+        cached = ZVText::make(arena_, key);
+        keyCache_.hashes[at] = hash;
+        keyCache_.used = true;
+        cached->retainUnshared();  // one reference for the key; the table keeps its own
+        return zv_detail::ZVKey(cached);
+      }
+      if (keyCache_.hashes[at] == hash && cached->view() == key) {
+        cached->retainUnshared();
+        return zv_detail::ZVKey(cached);
+      }
     }
-    cached->retainUnshared();  // one reference for the key; the cache keeps its own
-    return zv_detail::ZVKey(cached);
+    // No place left near its hash: a text of its own, which another key of
+    // the same bytes will not share.
+    keyCache_.canonical = false;
+    return zv_detail::ZVKey(ZVText::make(arena_, key));
   }
 
   // `value` is where the token after the key starts. A key is a string
@@ -562,8 +557,11 @@ class Builder {
   simdjson::dom::parser& scalars_;
   const bool yielding_;  // asked once: most walks run where nothing yields
   struct KeyCache {
+    static constexpr size_t kProbes = 8;
     ZVText* texts[256] = {};
-    bool used = false;  // most small answers' keys are all inline: nothing to walk
+    uint64_t hashes[256];   // of the text in the same place
+    bool used = false;      // most small answers' keys are all inline: nothing to walk
+    bool canonical = true;  // equal long keys so far share one text
     ~KeyCache() {
       if (!used) return;
       for (ZVText* text : texts)

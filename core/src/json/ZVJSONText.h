@@ -33,8 +33,9 @@ class ZVMemoryBudget {
 // bumping a pointer in the parse order (which is the order records and
 // teardown read it back in) and given back all at once when the last
 // container or string cut from it is gone. Only the parsing thread cuts;
-// storage that grows after the parse comes from the heap.
-class ZVArena {
+// storage that grows after the parse comes from the heap. The records of an
+// answer are cut from an arena of their own the same way.
+class ZV_CORE_EXPORT ZVArena {
  public:
   explicit ZVArena(size_t firstChunk) : nextChunk_(std::max<size_t>(firstChunk, 256)) {}
   // Each new chunk is charged to `budget` (none: no limit) until the parse
@@ -76,6 +77,24 @@ class ZVArena {
   char* cursor_ = nullptr;
   char* limit_ = nullptr;
   size_t nextChunk_;
+};
+
+// Hands an object's control block (`std::allocate_shared`) its memory from an
+// arena. Each object keeps the arena alive: its maker retains the arena once
+// per object, and the block's one deallocation releases it.
+template <class T>
+struct ZVArenaAllocator {
+  using value_type = T;
+  explicit ZVArenaAllocator(ZVArena* a) noexcept : arena(a) {}
+  template <class U>
+  ZVArenaAllocator(const ZVArenaAllocator<U>& other) noexcept : arena(other.arena) {}
+  T* allocate(size_t n) { return static_cast<T*>(arena->allocate(n * sizeof(T), alignof(T))); }
+  void deallocate(T*, size_t) noexcept { arena->release(); }
+  template <class U>
+  bool operator==(const ZVArenaAllocator<U>& other) const noexcept {
+    return arena == other.arena;
+  }
+  ZVArena* arena;
 };
 
 // Immutable text shared by reference count: the count, the size, the arena

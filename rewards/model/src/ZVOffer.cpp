@@ -5,6 +5,7 @@
 #include <utility>
 #include <vector>
 
+#include "ZVRecordMemory.h"
 #include "base/ZVStrings.h"
 
 #include "base/ZVUtil.h"
@@ -30,7 +31,7 @@ const std::string* optionalText(const std::optional<std::string>& text) {
 }  // namespace
 
 std::shared_ptr<ZVOffer> ZVOffer::initMutableWithDictionary(const ZVDictionaryPtr& dictionary) {
-  auto offer = std::make_shared<ZVOffer>();
+  auto offer = zv_detail::makeRecord<ZVOffer>();
   if (!dictionary) return offer;
   ZVMutableDictionary& d = *dictionary;
 
@@ -83,7 +84,7 @@ ZVOfferArrayPtr ZVOffer::parseOptions(const ZVJSONValue& value) {
   for (const ZVJSONValue& element : *options)
     if (const ZVDictionaryPtr option = element.dictionary())
       records.push_back(initMutableWithDictionary(option));
-  return std::make_shared<const ZVOfferArray>(std::move(records));
+  return zv_detail::makeRecord<const ZVOfferArray>(std::move(records));
 }
 
 int64_t ZVOffer::statusForString(const ZVJSONValue& status) {

@@ -3,6 +3,7 @@
 #include <string_view>
 #include <utility>
 
+#include "ZVRecordMemory.h"
 #include "base/ZVStrings.h"
 
 #include "base/ZVUtil.h"
@@ -24,7 +25,7 @@ ZVDictionaryPtr nestedDictionary(const ZVMutableDictionary& d, std::string_view 
 
 std::shared_ptr<ZVOrderUser> ZVOrderUser::initMutableWithDictionary(
     const ZVDictionaryPtr& dictionary) {
-  auto user = std::make_shared<ZVOrderUser>();
+  auto user = zv_detail::makeRecord<ZVOrderUser>();
   if (!dictionary) return user;
   ZVMutableDictionary& d = *dictionary;
   user->userID_ = ZVUtil::nilOrStringFromObject(d.getAndRemoveObjectForKey("id"));
@@ -44,7 +45,7 @@ std::string ZVOrderUser::description() const {
 }
 
 std::shared_ptr<ZVOrder> ZVOrder::initMutableWithDictionary(const ZVDictionaryPtr& dictionary) {
-  auto order = std::make_shared<ZVOrder>();
+  auto order = zv_detail::makeRecord<ZVOrder>();
   if (!dictionary) return order;
 
   // The placement answer wraps the order as {"order": {...}}; history gives it bare.

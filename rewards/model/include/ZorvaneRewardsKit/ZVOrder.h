@@ -55,6 +55,7 @@ class ZV_REWARDS_EXPORT ZVOrderUser final : public ZVObject {
 /// that is a JSON object; an element of another type (outside the contract)
 /// is skipped and costs no record. One answer may produce at most
 /// `maxResponseBytes / 128` orders (see `ZVConfiguration::maxResponseBytes`).
+/// The records of one answer share memory as offers do (see `ZVOffer`).
 ///
 /// @par Thread safety
 /// No locking; see `ZVOffer`.
