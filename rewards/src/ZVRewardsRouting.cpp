@@ -54,6 +54,9 @@ struct TooManyRecords {
 // list of options comes on top; the arena grows for it.
 template <class Record>
 constexpr size_t kRecordMemory = sizeof(Record) + 2 * sizeof(void*);
+// Fewer records than this take their memory from the heap: an arena of their
+// own would cost a small answer an allocation more.
+constexpr size_t kSharedRecordMemoryFrom = 8;
 
 size_t recordLimit(size_t maxResponseBytes) {
   return maxResponseBytes == 0 ? SIZE_MAX : maxResponseBytes / kBytesPerRecord;
@@ -90,7 +93,8 @@ std::shared_ptr<const ZVArray<Record>> recordsUnder(const ZVMutableDictionary& b
       const size_t records = recordsIn(*value, std::is_same_v<Record, ZVOffer>, limit, 0);
       if (records > limit) throw TooManyRecords{limit};
       // Opened before the list: the records outlive it.
-      const zv_detail::ZVRecordMemory memory(records, kRecordMemory<Record>);
+      std::optional<zv_detail::ZVRecordMemory> memory;
+      if (records >= kSharedRecordMemoryFrom) memory.emplace(records, kRecordMemory<Record>);
       list.reserve(static_cast<size_t>(std::count_if(
           array->begin(), array->end(), [](const ZVJSONValue& v) { return v.isDictionary(); })));
       const bool yielding = zv_detail::yieldingHere();
