@@ -40,10 +40,10 @@ enum ZVOfferStatus : int64_t {
 /// hold whatever JSON value stood under their key (normally a string; read it
 /// with `.string()`), or nil when the key was absent.
 ///
-/// Memory: the records of one answer (options included) share one block,
-/// freed when the last of them is gone: a record kept after its list keeps
-/// the others' memory too (a few hundred bytes a record), as a kept field
-/// keeps its answer's parsed values (see `ZVJSONParse`).
+/// Memory: the records of an answer that makes 8 or more (options included)
+/// share one block, freed when the last of them is gone: a record kept after
+/// its list keeps the others' memory too (a few hundred bytes a record), as
+/// a kept field keeps its answer's parsed values (see `ZVJSONParse`).
 ///
 /// @par Thread safety
 /// No locking. The SDK builds a record on its I/O thread and never changes it
