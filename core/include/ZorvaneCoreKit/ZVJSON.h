@@ -342,9 +342,10 @@ struct ZVJSONParseResult {
 /// other thread may use it meanwhile); the others parse a padded copy.
 ///
 /// Memory: the containers, long strings and long keys of one result share
-/// one allocation arena, freed when the last of them is gone. A piece kept
-/// after the rest is dropped (a nested dictionary, a long string) keeps the
-/// whole result's memory, about three times the text.
+/// one allocation arena, freed when the last of them is gone (up to 2 MiB of
+/// freed arenas is kept for the next parses). A piece kept after the rest is
+/// dropped (a nested dictionary, a long string) keeps the whole result's
+/// memory, about three times the text.
 ZV_CORE_EXPORT ZVJSONParseResult ZVJSONParse(std::string_view text,
                                              const ZVJSONParseOptions& options = {});
 ZV_CORE_EXPORT ZVJSONParseResult ZVJSONParse(std::string& text,

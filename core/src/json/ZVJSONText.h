@@ -41,9 +41,7 @@ class ZV_CORE_EXPORT ZVArena {
   // Each new chunk is charged to `budget` (none: no limit) until the parse
   // that cuts from the arena is over.
   void setBudget(ZVMemoryBudget* budget) { budget_ = budget; }
-  ~ZVArena() {
-    for (void* chunk : chunks_) ::operator delete(chunk);
-  }
+  ~ZVArena();
   ZVArena(const ZVArena&) = delete;
   ZVArena& operator=(const ZVArena&) = delete;
 
@@ -56,6 +54,10 @@ class ZV_CORE_EXPORT ZVArena {
     if (refs_.fetch_sub(1, std::memory_order_acq_rel) == 1) delete this;
   }
 
+  // The size chunks grow to; only a larger single piece takes more. Small
+  // enough for malloc to serve from memory it already has.
+  static constexpr size_t kChunkBytes = size_t{64} << 10;
+
   void* allocate(size_t bytes, size_t align) {
     const uintptr_t at = (reinterpret_cast<uintptr_t>(cursor_) + align - 1) & ~(align - 1);
     if (cursor_ == nullptr || at + bytes > reinterpret_cast<uintptr_t>(limit_))
@@ -65,15 +67,12 @@ class ZV_CORE_EXPORT ZVArena {
   }
 
  private:
-  // Small enough for malloc to serve from memory it already has, so that
-  // parsing answer after answer does not fault fresh pages in each time.
-  static constexpr size_t kMaxChunk = size_t{64} << 10;
-
   [[gnu::noinline]] void* allocateInNewChunk(size_t bytes, size_t align);
 
   std::atomic<size_t> refs_{1};
   ZVMemoryBudget* budget_ = nullptr;
   std::vector<void*> chunks_;
+  std::vector<bool> fullSize_;  // of each chunk: whether it is kChunkBytes bytes
   char* cursor_ = nullptr;
   char* limit_ = nullptr;
   size_t nextChunk_;
