@@ -12,9 +12,9 @@ namespace zv_detail {
 namespace {
 
 // Full-size chunks of arenas gone, for the next arenas. Given back to malloc,
-// the memory of a freed answer lies at the top of the heap of the thread
-// that made it, which malloc then gives back to the system: the next answer
-// faulted its pages in again (up to 24 faults a 100-offer catalogue).
+// the memory of a freed answer could go back to the system (malloc trims the
+// top of a heap), and the next answer faulted its pages in again (up to 24
+// faults a 100-offer catalogue).
 class ChunkCache {
  public:
   void* take() {
