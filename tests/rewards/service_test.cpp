@@ -198,6 +198,37 @@ TEST_F(OffersTest, CacheHitNotifiesAndLogsThroughTheGate) {
   }
 }
 
+// The records of a large answer share memory: one kept alone (and an option
+// of it) stays whole after its list, the cache and the answer are gone and
+// later answers have taken the freed memory.
+TEST_F(OffersTest, ARecordKeptAloneOutlivesItsAnswer) {
+  auto catalogue = [](const char* tag) {
+    std::string body = R"({"status":"ok","offers":[)";
+    for (int i = 0; i < 20; ++i)
+      body += fmt::format(
+          R"({}{{"id":"{}-{}","name":"offer {} of the {} catalogue","points":{},)"
+          R"("options":[{{"id":"{}-{}-a","data":{{"colour":"the {} option's colour"}}}}]}})",
+          i == 0 ? "" : ",", tag, i, i, tag, i, tag, i, tag);
+    return body + "]}";
+  };
+  const std::string first = catalogue("first");
+  fetchFresh(first.c_str());
+  std::shared_ptr<ZVOffer> kept = (*manager()->offers())[3];
+  std::shared_ptr<ZVOffer> option = (*kept->options())[0];
+  manager()->resetData();
+  for (const char* tag : {"second", "third", "fourth"}) {
+    const std::string next = catalogue(tag);
+    fetchFresh(next.c_str());
+  }
+  manager()->resetData();
+  EXPECT_EQ(kept->offerID(), "first-3");
+  EXPECT_EQ(*kept->name().string(), "offer 3 of the first catalogue");
+  EXPECT_EQ(kept->points(), 3);
+  EXPECT_EQ(option->offerID(), "first-3-a");
+  EXPECT_EQ(*option->data().dictionary()->objectForKey("colour").string(),
+            "the first option's colour");
+}
+
 using ServiceTest = RewardsTest;
 
 std::unique_ptr<Outcome<ZVOrder>> placeOrder() {
