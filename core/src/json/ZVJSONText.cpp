@@ -64,20 +64,18 @@ ChunkCache& chunkCache() {
 }  // namespace
 
 ZVArena::~ZVArena() {
-  for (size_t i = 0; i < chunks_.size(); ++i)
-    if (!(fullSize_[i] && chunkCache().keep(chunks_[i]))) ::operator delete(chunks_[i]);
+  for (const Chunk& chunk : chunks_)
+    if (!(chunk.full && chunkCache().keep(chunk.memory))) ::operator delete(chunk.memory);
 }
 
 void* ZVArena::allocateInNewChunk(size_t bytes, size_t align) {
   const size_t size = std::max(nextChunk_, bytes + align);
   if (budget_ != nullptr) budget_->charge(size);
-  // Both before the chunk: nothing leaks if they throw.
-  chunks_.reserve(chunks_.size() + 1);
-  fullSize_.reserve(chunks_.size() + 1);
-  void* kept = size == kChunkBytes ? chunkCache().take() : nullptr;
+  chunks_.reserve(chunks_.size() + 1);  // before the chunk: nothing leaks if this throws
+  const bool full = size == kChunkBytes;
+  void* kept = full ? chunkCache().take() : nullptr;
   char* begin = static_cast<char*>(kept != nullptr ? kept : ::operator new(size));
-  chunks_.push_back(begin);
-  fullSize_.push_back(size == kChunkBytes);
+  chunks_.push_back({begin, full});
   limit_ = begin + size;
   nextChunk_ = std::min(nextChunk_ * 2, kChunkBytes);
   const uintptr_t at = (reinterpret_cast<uintptr_t>(begin) + align - 1) & ~(align - 1);

@@ -71,8 +71,11 @@ class ZV_CORE_EXPORT ZVArena {
 
   std::atomic<size_t> refs_{1};
   ZVMemoryBudget* budget_ = nullptr;
-  std::vector<void*> chunks_;
-  std::vector<bool> fullSize_;  // of each chunk: whether it is kChunkBytes bytes
+  struct Chunk {
+    void* memory;
+    bool full;  // kChunkBytes long: may serve another arena
+  };
+  std::vector<Chunk> chunks_;
   char* cursor_ = nullptr;
   char* limit_ = nullptr;
   size_t nextChunk_;
