@@ -3,6 +3,7 @@
 #pragma once
 
 #include <string_view>
+#include <type_traits>
 
 #include <ZorvaneCoreKit/ZVJSON.h>
 
@@ -40,6 +41,18 @@ struct ZVJSONAccess {
   // Values built in place by the parser; `text` is a text it already owns.
   static char* raw(ZVJSONValue& value) { return value.raw_; }
   static void setTag(ZVJSONValue& value, Tag tag) { value.tag_ = tag; }
+  // A scalar written straight into a nil value: assigning a temporary would
+  // copy its 24 bytes back while its tag's store is still under way.
+  template <class T>
+  static void setScalar(ZVJSONValue& value, T scalar) {
+    new (value.raw_) T(scalar);
+    if constexpr (std::is_same_v<T, bool>)
+      value.tag_ = Tag::Bool;
+    else if constexpr (std::is_same_v<T, double>)
+      value.tag_ = Tag::Double;
+    else
+      value.tag_ = Tag::Integer;
+  }
   static void setText(ZVJSONValue& value, zv_detail::ZVText* text) {
     new (value.raw_) zv_detail::ZVText*(text);
     value.tag_ = Tag::LongString;

@@ -333,14 +333,14 @@ class Builder {
       case od::json_type::boolean: {
         bool b = false;
         if (!check(v.get_bool().get(b))) return false;
-        out = ZVJSONValue(b);
+        ZVJSONAccess::setScalar(out, b);
         return true;
       }
       case od::json_type::null: {
         bool isNull = false;
         if (!check(v.is_null().get(isNull))) return false;
         if (!isNull) return check(simdjson::N_ATOM_ERROR);
-        out = ZVJSONValue::null();
+        ZVJSONAccess::setTag(out, ZVJSONAccess::Tag::Null);
         return true;
       }
     }
@@ -366,14 +366,14 @@ class Builder {
       switch (kind) {
         case od::number_type::signed_integer:
           if (int64_t i = 0; v.get_int64().get(i) == simdjson::SUCCESS) {
-            out = ZVJSONValue(static_cast<long long>(i));
+            ZVJSONAccess::setScalar(out, i);
             return true;
           }
           break;
         case od::number_type::unsigned_integer:
           // Above the signed range: kept as the nearest double rather than refused.
           if (uint64_t u = 0; v.get_uint64().get(u) == simdjson::SUCCESS) {
-            out = ZVJSONValue(static_cast<double>(u));
+            ZVJSONAccess::setScalar(out, static_cast<double>(u));
             return true;
           }
           break;
@@ -381,7 +381,7 @@ class Builder {
           // Past 19 digits the walk's own reading can be wrong: the DOM's is not.
           if (double d = 0;
               rawToken(v).size() <= 19 && v.get_double().get(d) == simdjson::SUCCESS) {
-            out = ZVJSONValue(d);
+            ZVJSONAccess::setScalar(out, d);
             return true;
           }
           break;
@@ -519,7 +519,7 @@ class Builder {
         cached->retainUnshared();  // one reference for the key; the table keeps its own
         return zv_detail::ZVKey(cached);
       }
-      if (keyCache_.hashes[at] == hash && cached->view() == key) {
+      if (keyCache_.hashes[at] == hash && sameLongKey(cached->view(), key)) {
         cached->retainUnshared();
         return zv_detail::ZVKey(cached);
       }
@@ -528,6 +528,20 @@ class Builder {
     // the same bytes will not share.
     keyCache_.canonical = false;
     return zv_detail::ZVKey(ZVText::make(arena_, key));
+  }
+
+  // Both keys longer than an inline one: up to 16 bytes, two overlapping
+  // words hold them whole, which spares most keys a call to memcmp.
+  static bool sameLongKey(std::string_view a, std::string_view b) {
+    if (a.size() != b.size()) return false;
+    if (a.size() > 16) return a == b;
+    uint64_t x[2];
+    uint64_t y[2];
+    std::memcpy(&x[0], a.data(), 8);
+    std::memcpy(&x[1], a.data() + a.size() - 8, 8);
+    std::memcpy(&y[0], b.data(), 8);
+    std::memcpy(&y[1], b.data() + b.size() - 8, 8);
+    return ((x[0] ^ y[0]) | (x[1] ^ y[1])) == 0;
   }
 
   // `value` is where the token after the key starts. A key is a string
