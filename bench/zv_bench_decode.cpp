@@ -8,8 +8,8 @@
 // 100,000 offers. Every iteration runs our decode and both baselines on the
 // same bytes, in a rotating order; each figure is the median of five
 // repetitions, and the ratio to the DOM parse comes with its lowest and
-// highest repetition. The benchmark table, the drop timings and the throughput of
-// ZVJSONParse alone go to stderr.
+// highest repetition. The benchmark table, the drop timings and the
+// throughput of ZVJSONParse alone go to stderr.
 #include <algorithm>
 #include <chrono>
 #include <cstdio>

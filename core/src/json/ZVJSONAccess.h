@@ -2,6 +2,7 @@
 // the key lists and the builders that work on it directly.
 #pragma once
 
+#include <cstdint>
 #include <string_view>
 #include <type_traits>
 
@@ -45,6 +46,8 @@ struct ZVJSONAccess {
   // copy its 24 bytes back while its tag's store is still under way.
   template <class T>
   static void setScalar(ZVJSONValue& value, T scalar) {
+    static_assert(std::is_same_v<T, bool> || std::is_same_v<T, double> ||
+                  std::is_same_v<T, int64_t>);
     new (value.raw_) T(scalar);
     if constexpr (std::is_same_v<T, bool>)
       value.tag_ = Tag::Bool;
