@@ -78,6 +78,10 @@ std::string Endpoint::offersURL(const Catalogue& catalogue) const {
                      catalogue.webLocale);
 }
 
+std::string Endpoint::ordersURL() const {
+  return fmt::format("{}://127.0.0.1:{}/api/v1/apps/bench/orders", scheme, port);
+}
+
 void configureSDK(const Endpoint& endpoint) {
   ZVConfiguration config;
   config.serviceHost = fmt::format("{}://127.0.0.1:{}", endpoint.scheme, endpoint.port);
@@ -179,6 +183,48 @@ int64_t RawClient::sequential(int total, bool parse) {
     if (parse) simdjsonDOMParse(handle.body);
   }
   return failures;
+}
+
+int64_t RawClient::paced(double seconds, std::chrono::microseconds pace,
+                         std::vector<double>& latencies) {
+  using Clock = std::chrono::steady_clock;
+  const auto end = Clock::now() + std::chrono::duration_cast<Clock::duration>(
+                                      std::chrono::duration<double>(seconds));
+  std::vector<Handle*> idle;
+  for (size_t i = 0; i + 1 < handles_.size(); ++i) idle.push_back(&handles_[i]);
+  const size_t width = idle.size();
+  int64_t failures = 0;
+  auto next = Clock::now();
+  while (true) {
+    auto now = Clock::now();
+    if (now >= end && idle.size() == width) return failures;
+    if (now < end && now >= next && !idle.empty()) {
+      Handle* handle = idle.back();
+      idle.pop_back();
+      handle->body.clear();
+      handle->sent = now;
+      curl_multi_add_handle(multi_, handle->easy);
+      next += pace;
+    }
+    int running = 0;
+    curl_multi_perform(multi_, &running);
+    int left = 0;
+    while (CURLMsg* message = curl_multi_info_read(multi_, &left)) {
+      if (message->msg != CURLMSG_DONE) continue;
+      Handle* handle = nullptr;
+      curl_easy_getinfo(message->easy_handle, CURLINFO_PRIVATE, &handle);
+      if (message->data.result != CURLE_OK) ++failures;
+      curl_multi_remove_handle(multi_, message->easy_handle);
+      latencies.push_back(
+          std::chrono::duration<double, std::milli>(Clock::now() - handle->sent).count());
+      idle.push_back(handle);
+    }
+    now = Clock::now();
+    const auto wait = now < end && !idle.empty() ? std::max(next - now, Clock::duration{})
+                                                 : std::chrono::milliseconds(2);
+    const int ms = static_cast<int>(std::chrono::ceil<std::chrono::milliseconds>(wait).count());
+    if (ms > 0 || running > 0) curl_multi_poll(multi_, nullptr, 0, ms, nullptr);
+  }
 }
 
 int64_t hostFetches(const Catalogue& catalogue, int width, int total) {

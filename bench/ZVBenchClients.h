@@ -2,6 +2,7 @@
 // API, and raw libcurl sending the same requests.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -37,6 +38,7 @@ struct Endpoint {
   bool http2 = false;  ///< HTTP/2 over TLS, requests multiplexed on one connection
 
   std::string offersURL(const Catalogue& catalogue) const;
+  std::string ordersURL() const;
 };
 
 /// Points the SDK at `endpoint` (app "bench", a bearer token, `caFile`,
@@ -62,11 +64,18 @@ class RawClient {
   /// Runs `total` requests one after the other on one reused easy handle
   /// (outside the multi). Returns the failures.
   int64_t sequential(int total, bool parse);
+  /// Sends one request every `pace` until `seconds` have passed, on the
+  /// multi handle with up to `width` in flight (a request due while all are
+  /// busy waits for one), and appends each one's time from when it was sent
+  /// to its completion, in ms, to `latencies`: the SDK's stall phases time
+  /// theirs from the call in the same way. Returns the failures.
+  int64_t paced(double seconds, std::chrono::microseconds pace, std::vector<double>& latencies);
 
  private:
   struct Handle {
     CURL* easy = nullptr;
     std::string body;
+    std::chrono::steady_clock::time_point sent;  // of a paced request
   };
   void setUp(Handle& handle, const Endpoint& endpoint, const std::string& url);
   CURLM* multi_ = nullptr;

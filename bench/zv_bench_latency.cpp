@@ -12,7 +12,12 @@
 //   requests' p50/p99 in both (pooled over five rounds), the median over the
 //   rounds of the ratio of the p99s, and the large answer's own time (call
 //   to handler) beside raw libcurl's download plus simdjson DOM parse of the
-//   same answer on the same connection kind, two after every round.
+//   same answer on the same connection kind, two after every round. Each
+//   round starts with the same phases for raw libcurl (small requests on a
+//   multi handle, the large answers fetched and DOM-parsed on a second
+//   thread), its decode thread at the process's priority, then at idle
+//   priority: the stall of a client that never decodes on the small
+//   requests' thread.
 //
 // frame/latest: the host's frame loop, drain() then a 1 ms sleep, while
 //   10,000-offer catalogues are delivered one after the other (the next sent
@@ -25,6 +30,7 @@
 // frame/burst16: 16 forced fetches of a 100-offer catalogue whose handlers
 //   (which keep the latest) all run in one drain(); the time per result,
 //   beside 16 empty tasks through the same queue.
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <ctime>
@@ -34,7 +40,10 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
+
+#include <sched.h>
 
 #include <benchmark/benchmark.h>
 #include <curl/curl.h>
@@ -120,6 +129,33 @@ void phase(double seconds, bool loaded, Samples& out) {
   }
 }
 
+// The same phase for raw libcurl: the small requests paced on a multi handle
+// on this thread and, when loaded, the large answer fetched and DOM-parsed
+// again and again on a second thread, on a connection of its own, at the
+// process's priority or at idle priority (SCHED_IDLE, which any other thread
+// that wakes preempts). How much a client whose decode never runs on the
+// small requests' thread still stalls on this machine.
+enum class RawDecoder { None, Normal, Idle };
+
+void rawPhase(double seconds, RawDecoder decoder, zvbench::RawClient& small,
+              zvbench::RawClient& large, Samples& out) {
+  std::atomic<bool> stop{false};
+  std::atomic<int64_t> largeFailures{0};
+  std::thread thread;
+  if (decoder != RawDecoder::None)
+    thread = std::thread([&] {
+      if (decoder == RawDecoder::Idle) {
+        const sched_param none{};
+        if (sched_setscheduler(0, SCHED_IDLE, &none) != 0) ++largeFailures;
+      }
+      while (!stop.load()) largeFailures += large.sequential(1, true);
+    });
+  out.failures += small.paced(seconds, kPace, out.small);
+  stop = true;
+  if (thread.joinable()) thread.join();
+  out.failures += largeFailures.load();
+}
+
 zvbench::Nginx* server = nullptr;
 // One worker encrypts a 14.6 MB answer over TLS in runs of 9 to 12 ms and
 // answers nothing else meanwhile: the small requests' stall over HTTP/2
@@ -136,12 +172,35 @@ void stall(benchmark::State& state, const Endpoint* endpoint) {
   // handle and parsing it with simdjson's DOM, twice after every round.
   zvbench::RawClient client(*endpoint, endpoint->offersURL(zvbench::kCatalogue10k), 1);
   std::vector<double> raw;
+  // The stall's baselines: raw libcurl's small requests, up to 16 in flight,
+  // beside its decode at the process's priority and at idle priority.
+  zvbench::RawClient rawSmall(*endpoint, endpoint->ordersURL(), 16);
+  Samples rawIdle, rawLoaded, rawLoadedIdle;
+  std::vector<double> rawRatios, rawIdleRatios;
   for (auto _ : state) {
     phase(0.3, true, loaded);  // opens the connections, warms the parser
     client.sequential(1, true);
+    rawSmall.paced(0.1, kPace, rawIdle.small);
     idle = {};
     loaded = {};
+    rawIdle = {};
+    rawLoaded = {};
+    rawLoadedIdle = {};
+    rawRatios.clear();
+    rawIdleRatios.clear();
     for (int round = 0; round < kRounds; ++round) {
+      Samples ri, rl, rli;
+      rawPhase(kIdleSeconds, RawDecoder::None, rawSmall, client, ri);
+      rawPhase(kLoadedSeconds, RawDecoder::Normal, rawSmall, client, rl);
+      rawPhase(kLoadedSeconds, RawDecoder::Idle, rawSmall, client, rli);
+      const double riP99 = percentile(ri.small, 99);
+      rawRatios.push_back(percentile(rl.small, 99) / riP99);
+      rawIdleRatios.push_back(percentile(rli.small, 99) / riP99);
+      for (auto [from, into] : {std::pair{&ri, &rawIdle}, std::pair{&rl, &rawLoaded},
+                                std::pair{&rli, &rawLoadedIdle}}) {
+        into->small.insert(into->small.end(), from->small.begin(), from->small.end());
+        into->failures += from->failures;
+      }
       Samples i, l;
       phase(kIdleSeconds, false, i);
       phase(kLoadedSeconds, true, l);
@@ -180,7 +239,17 @@ void stall(benchmark::State& state, const Endpoint* endpoint) {
   state.counters["large_max_ms"] = percentile(loaded.large, 100);
   state.counters["raw_large_p50_ms"] = percentile(raw, 50);
   state.counters["large_ratio"] = percentile(loaded.large, 50) / percentile(raw, 50);
-  if (idle.failures + loaded.failures != 0) state.SkipWithError("requests failed");
+  state.counters["raw_idle_p99_ms"] = percentile(rawIdle.small, 99);
+  state.counters["raw_loaded_p99_ms"] = percentile(rawLoaded.small, 99);
+  state.counters["raw_p99_ratio"] = percentile(rawRatios, 50);
+  state.counters["raw_p99_ratio.min"] = percentile(rawRatios, 0);
+  state.counters["raw_p99_ratio.max"] = percentile(rawRatios, 100);
+  state.counters["raw_idledecode_loaded_p99_ms"] = percentile(rawLoadedIdle.small, 99);
+  state.counters["raw_idledecode_p99_ratio"] = percentile(rawIdleRatios, 50);
+  state.counters["raw_idledecode_p99_ratio.min"] = percentile(rawIdleRatios, 0);
+  state.counters["raw_idledecode_p99_ratio.max"] = percentile(rawIdleRatios, 100);
+  const int64_t rawFailures = rawIdle.failures + rawLoaded.failures + rawLoadedIdle.failures;
+  if (idle.failures + loaded.failures + rawFailures != 0) state.SkipWithError("requests failed");
 }
 
 // Frames of the host while 10,000-offer catalogues are delivered: `keep`
