@@ -19,6 +19,7 @@
 #include "ZVRecordMemory.h"
 #include "base/ZVStrings.h"
 #include "http/ZVGenericRequestManager.h"
+#include "json/ZVJSONAccess.h"
 #include "runtime/ZVPManagerUtils.h"
 #include "runtime/ZVReclaimer.h"
 #include "runtime/ZVYieldPoint.h"
@@ -66,14 +67,14 @@ size_t recordLimit(size_t maxResponseBytes) {
 // object, and for offers their options at every depth, as
 // `ZVOffer::parseOptions` builds them. Stops once past `limit`.
 size_t recordsIn(const ZVJSONValue& list, bool withOptions, size_t limit, size_t counted) {
-  const ZVArrayPtr array = list.array();
+  const ZVArrayPtr* array = ZVJSONAccess::arrayIn(list);
   if (!array) return counted;
-  for (const ZVJSONValue& element : *array) {
-    const ZVDictionaryPtr object = element.dictionary();
+  for (const ZVJSONValue& element : **array) {
+    const ZVDictionaryPtr* object = ZVJSONAccess::dictionaryIn(element);
     if (!object) continue;
     if (++counted > limit) return counted;
     if (withOptions)
-      if (const ZVJSONValue* options = object->find("options"))
+      if (const ZVJSONValue* options = std::as_const(**object).find("options"))
         counted = recordsIn(*options, true, limit, counted);
   }
   return counted;
@@ -99,8 +100,8 @@ std::shared_ptr<const ZVArray<Record>> recordsUnder(const ZVMutableDictionary& b
           array->begin(), array->end(), [](const ZVJSONValue& v) { return v.isDictionary(); })));
       const bool yielding = zv_detail::yieldingHere();
       for (const ZVJSONValue& element : *array)
-        if (const ZVDictionaryPtr object = element.dictionary()) {
-          list.push_back(Record::initMutableWithDictionary(object));
+        if (const ZVDictionaryPtr* object = ZVJSONAccess::dictionaryIn(element)) {
+          list.push_back(Record::initMutableWithDictionary(*object));
           if (yielding) zv_detail::yieldPoint();
         }
     }

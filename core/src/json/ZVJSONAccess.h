@@ -71,6 +71,15 @@ struct ZVJSONAccess {
   static zv_detail::ZVText* text(const ZVJSONValue& value) {
     return value.as<zv_detail::ZVText*>();
   }
+  // The pointer a container value holds, or null for any other value: for
+  // passes over a held tree, which need no count of their own (copying the
+  // pointer costs two atomic operations).
+  static const ZVDictionaryPtr* dictionaryIn(const ZVJSONValue& value) {
+    return value.tag_ == Tag::Dictionary ? &value.as<ZVDictionaryPtr>() : nullptr;
+  }
+  static const ZVArrayPtr* arrayIn(const ZVJSONValue& value) {
+    return value.tag_ == Tag::Array ? &value.as<ZVArrayPtr>() : nullptr;
+  }
 };
 
 namespace zv_detail {

@@ -9,6 +9,7 @@
 #include "base/ZVStrings.h"
 
 #include "base/ZVUtil.h"
+#include "json/ZVJSONAccess.h"
 #include "json/ZVJSONWrite.h"
 #include "json/ZVKeyList.h"
 
@@ -82,8 +83,8 @@ ZVOfferArrayPtr ZVOffer::parseOptions(const ZVJSONValue& value) {
   std::vector<std::shared_ptr<ZVOffer>> records;
   records.reserve(objects);
   for (const ZVJSONValue& element : *options)
-    if (const ZVDictionaryPtr option = element.dictionary())
-      records.push_back(initMutableWithDictionary(option));
+    if (const ZVDictionaryPtr* option = ZVJSONAccess::dictionaryIn(element))
+      records.push_back(initMutableWithDictionary(*option));
   return zv_detail::makeRecord<const ZVOfferArray>(std::move(records));
 }
 
