@@ -198,6 +198,7 @@ int64_t RawClient::paced(double seconds, std::chrono::microseconds pace,
   while (true) {
     auto now = Clock::now();
     if (now >= end && idle.size() == width) return failures;
+    if (now >= end + kBatchLimit) batchStuck("paced requests");
     if (now < end && now >= next && !idle.empty()) {
       Handle* handle = idle.back();
       idle.pop_back();
