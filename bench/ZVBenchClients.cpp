@@ -141,6 +141,22 @@ void RawClient::setUp(Handle& handle, const Endpoint& endpoint, const std::strin
   if (!endpoint.caFile.empty()) curl_easy_setopt(easy, CURLOPT_CAINFO, endpoint.caFile.c_str());
 }
 
+template <class Fn>
+int RawClient::performAndTakeFinished(Fn&& finished) {
+  int running = 0;
+  curl_multi_perform(multi_, &running);
+  int left = 0;
+  while (CURLMsg* message = curl_multi_info_read(multi_, &left)) {
+    if (message->msg != CURLMSG_DONE) continue;
+    Handle* handle = nullptr;
+    curl_easy_getinfo(message->easy_handle, CURLINFO_PRIVATE, &handle);
+    const bool ok = message->data.result == CURLE_OK;
+    curl_multi_remove_handle(multi_, message->easy_handle);
+    finished(handle, ok);
+  }
+  return running;
+}
+
 int64_t RawClient::multi(int total, bool parse) {
   const int width = static_cast<int>(handles_.size()) - 1;
   int64_t failures = 0;
@@ -151,24 +167,16 @@ int64_t RawClient::multi(int total, bool parse) {
     curl_multi_add_handle(multi_, handles_[i].easy);
   }
   while (finished < total) {
-    int running = 0;
-    curl_multi_perform(multi_, &running);
-    int left = 0;
-    while (CURLMsg* message = curl_multi_info_read(multi_, &left)) {
-      if (message->msg != CURLMSG_DONE) continue;
-      CURL* easy = message->easy_handle;
-      Handle* handle = nullptr;
-      curl_easy_getinfo(easy, CURLINFO_PRIVATE, &handle);
-      if (message->data.result != CURLE_OK) ++failures;
-      curl_multi_remove_handle(multi_, easy);
+    performAndTakeFinished([&](Handle* handle, bool ok) {
+      if (!ok) ++failures;
       if (parse && simdjsonDOMParse(handle->body) == 0 && handle->body.size() > 64) ++failures;
       ++finished;
       if (started < total) {
         handle->body.clear();
-        curl_multi_add_handle(multi_, easy);
+        curl_multi_add_handle(multi_, handle->easy);
         ++started;
       }
-    }
+    });
     if (finished < total) curl_multi_poll(multi_, nullptr, 0, 1000, nullptr);
   }
   return failures;
@@ -207,19 +215,12 @@ int64_t RawClient::paced(double seconds, std::chrono::microseconds pace,
       curl_multi_add_handle(multi_, handle->easy);
       next += pace;
     }
-    int running = 0;
-    curl_multi_perform(multi_, &running);
-    int left = 0;
-    while (CURLMsg* message = curl_multi_info_read(multi_, &left)) {
-      if (message->msg != CURLMSG_DONE) continue;
-      Handle* handle = nullptr;
-      curl_easy_getinfo(message->easy_handle, CURLINFO_PRIVATE, &handle);
-      if (message->data.result != CURLE_OK) ++failures;
-      curl_multi_remove_handle(multi_, message->easy_handle);
+    const int running = performAndTakeFinished([&](Handle* handle, bool ok) {
+      if (!ok) ++failures;
       latencies.push_back(
           std::chrono::duration<double, std::milli>(Clock::now() - handle->sent).count());
       idle.push_back(handle);
-    }
+    });
     now = Clock::now();
     const auto wait = now < end && !idle.empty() ? std::max(next - now, Clock::duration{})
                                                  : std::chrono::milliseconds(2);

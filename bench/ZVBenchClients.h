@@ -78,6 +78,10 @@ class RawClient {
     std::chrono::steady_clock::time_point sent;  // of a paced request
   };
   void setUp(Handle& handle, const Endpoint& endpoint, const std::string& url);
+  // One curl_multi_perform, then `finished(handle, ok)` for each transfer
+  // that ended, already removed from the multi handle. Returns the running count.
+  template <class Fn>
+  int performAndTakeFinished(Fn&& finished);
   CURLM* multi_ = nullptr;
   curl_slist* headers_ = nullptr;
   std::vector<Handle> handles_;  // handles_.back() runs the sequential requests
