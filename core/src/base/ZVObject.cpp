@@ -6,8 +6,13 @@
 #include <typeinfo>
 
 #include "base/ZVStrings.h"
+#include "runtime/ZVYieldPoint.h"
 
-ZVObject::~ZVObject() = default;
+ZVObject::~ZVObject() {
+  // Freeing a catalogue of thousands of records is long work on the
+  // reclaimer's thread: it yields between objects as the decode does.
+  zv_detail::teardownPoint();
+}
 
 std::string ZVObject::description() const {
   const char* mangled = typeid(*this).name();

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "runtime/ZVWorker.h"
+#include "runtime/ZVYieldPoint.h"
 
 namespace zv_detail {
 namespace {
@@ -13,8 +14,19 @@ using Held = ZVReclaimBatch::Held;
 // The weight handed to the reclaimer and not yet freed.
 std::atomic<size_t> backlog{0};
 
+// Objects of this weight and more (records, for the SDK's lists) take long
+// enough to free, a quarter of a millisecond and more, that the reclaimer
+// yields in the middle of them: the scheduler may otherwise let it run on
+// until its next tick while the I/O thread or the host's thread waits.
+constexpr size_t kYieldingTeardownFrom = 256;
+
 void drop(Held& held, bool /*abandoned: freed all the same*/) {
-  held.object.reset();
+  if (held.weight >= kYieldingTeardownFrom && yieldingHere()) {
+    const ZVYieldingTeardown yielding;
+    held.object.reset();
+  } else {
+    held.object.reset();
+  }
   backlog.fetch_sub(held.weight, std::memory_order_relaxed);
 }
 

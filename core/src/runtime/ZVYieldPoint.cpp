@@ -71,4 +71,14 @@ void yieldPoint() noexcept {
   tLastYield = Clock::now();
 }
 
+std::atomic<int> gYieldingTeardowns{0};
+
+ZVYieldingTeardown::ZVYieldingTeardown() noexcept {
+  gYieldingTeardowns.fetch_add(1, std::memory_order_relaxed);
+}
+
+ZVYieldingTeardown::~ZVYieldingTeardown() {
+  gYieldingTeardowns.fetch_sub(1, std::memory_order_relaxed);
+}
+
 }  // namespace zv_detail
