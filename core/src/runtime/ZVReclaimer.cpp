@@ -11,7 +11,9 @@ namespace {
 
 using Held = ZVReclaimBatch::Held;
 
-// The weight handed to the reclaimer and not yet freed.
+// The weight handed to the reclaimer that waits for it: an object leaves the
+// backlog when its teardown starts, so that the small lists of a burst may
+// queue while a large one is freed, slowly when the reclaimer yields often.
 std::atomic<size_t> backlog{0};
 
 // Objects of this weight and more (records, for the SDK's lists) take long
@@ -21,13 +23,15 @@ std::atomic<size_t> backlog{0};
 constexpr size_t kYieldingTeardownFrom = 256;
 
 void drop(Held& held, bool /*abandoned: freed all the same*/) {
+  // Caught up: its teardowns may yield again.
+  if (backlog.fetch_sub(held.weight, std::memory_order_relaxed) == held.weight)
+    ZVYieldingTeardown::pause(false);
   if (held.weight >= kYieldingTeardownFrom && yieldingHere()) {
     const ZVYieldingTeardown yielding;
     held.object.reset();
   } else {
     held.object.reset();
   }
-  backlog.fetch_sub(held.weight, std::memory_order_relaxed);
 }
 
 ZVWorker<Held>& reclaimer() {
@@ -42,8 +46,12 @@ ZVWorker<Held>& reclaimer() {
 bool handOver(std::vector<Held>& items, size_t weight) noexcept {
   size_t pending = backlog.load(std::memory_order_relaxed);
   do {
-    if (pending != 0 && (weight > kMaxReclaimBacklog || pending > kMaxReclaimBacklog - weight))
+    if (pending != 0 && (weight > kMaxReclaimBacklog || pending > kMaxReclaimBacklog - weight)) {
+      // Fallen behind: each yield of its teardown would now cost the
+      // thread that lets a list go the freeing of it.
+      ZVYieldingTeardown::pause(true);
       return false;
+    }
   } while (!backlog.compare_exchange_weak(pending, pending + weight, std::memory_order_relaxed));
   if (reclaimer().post(items)) return true;
   backlog.fetch_sub(weight, std::memory_order_relaxed);

@@ -72,6 +72,11 @@ void yieldPoint() noexcept {
 }
 
 std::atomic<int> gYieldingTeardowns{0};
+std::atomic<bool> gTeardownYieldsPaused{false};
+
+void ZVYieldingTeardown::pause(bool paused) noexcept {
+  gTeardownYieldsPaused.store(paused, std::memory_order_relaxed);
+}
 
 ZVYieldingTeardown::ZVYieldingTeardown() noexcept {
   gYieldingTeardowns.fetch_add(1, std::memory_order_relaxed);

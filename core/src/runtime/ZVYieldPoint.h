@@ -49,15 +49,22 @@ class ZVYieldingTeardown {
   ~ZVYieldingTeardown();
   ZVYieldingTeardown(const ZVYieldingTeardown&) = delete;
   ZVYieldingTeardown& operator=(const ZVYieldingTeardown&) = delete;
+
+  /// While paused, open teardowns do not yield (the reclaimer, when it has
+  /// fallen behind).
+  static void pause(bool paused) noexcept;
 };
 
 /// Teardowns open; read by `teardownPoint`.
 extern std::atomic<int> gYieldingTeardowns;
+extern std::atomic<bool> gTeardownYieldsPaused;
 
 /// `ZVObject`'s destructor: with no teardown open, one relaxed load (objects
 /// die by the thousand on every thread, most of them on no yielding thread).
 inline void teardownPoint() noexcept {
-  if (gYieldingTeardowns.load(std::memory_order_relaxed) != 0) yieldPoint();
+  if (gYieldingTeardowns.load(std::memory_order_relaxed) != 0 &&
+      !gTeardownYieldsPaused.load(std::memory_order_relaxed))
+    yieldPoint();
 }
 
 }  // namespace zv_detail
