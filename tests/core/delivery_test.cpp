@@ -237,6 +237,8 @@ TEST(ReclaimerTest, PastItsBacklogTheReleasingThreadFreesItself) {
     bool freedHere;
   } cases[] = {
       {"nothing waits", 1, false},
+      {"heavier than the bound, beside the light ones", zv_detail::kMaxReclaimBacklog + 1, false},
+      {"a second such one", zv_detail::kMaxReclaimBacklog + 1, true},
       {"heavier than the room left", zv_detail::kMaxReclaimBacklog, true},
       {"fits", 1, false},
       {"fills the backlog exactly", zv_detail::kMaxReclaimBacklog - 2, false},

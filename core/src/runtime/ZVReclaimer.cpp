@@ -11,10 +11,27 @@ namespace {
 
 using Held = ZVReclaimBatch::Held;
 
-// The weight handed to the reclaimer that waits for it: an object leaves the
-// backlog when its teardown starts, so that the small lists of a burst may
-// queue while a large one is freed, slowly when the reclaimer yields often.
+// The weight handed to the reclaimer that waits for it, in two parts: the
+// objects heavier than the whole bound, and the others, each part bounded
+// on its own, so that the small lists of a burst may queue while a large one
+// waits. An object leaves the backlog when its teardown starts.
+std::atomic<size_t> heavyBacklog{0};
 std::atomic<size_t> backlog{0};
+
+bool heavy(size_t weight) {
+  return weight > kMaxReclaimBacklog;
+}
+
+// Adds `weight` to `part` unless it has no room: a part that holds nothing
+// takes anything; `bound` 0 takes nothing more once it holds something.
+bool reserve(std::atomic<size_t>& part, size_t weight, size_t bound) {
+  if (weight == 0) return true;
+  size_t pending = part.load(std::memory_order_relaxed);
+  do {
+    if (pending != 0 && (weight > bound || pending > bound - weight)) return false;
+  } while (!part.compare_exchange_weak(pending, pending + weight, std::memory_order_relaxed));
+  return true;
+}
 
 // Objects of this weight and more (records, for the SDK's lists) take long
 // enough to free, a quarter of a millisecond and more, that the reclaimer
@@ -23,8 +40,10 @@ std::atomic<size_t> backlog{0};
 constexpr size_t kYieldingTeardownFrom = 256;
 
 void drop(Held& held, bool /*abandoned: freed all the same*/) {
-  // Caught up: its teardowns may yield again.
-  if (backlog.fetch_sub(held.weight, std::memory_order_relaxed) == held.weight)
+  std::atomic<size_t>& part = heavy(held.weight) ? heavyBacklog : backlog;
+  // Nothing waits behind this one: its teardown may yield.
+  if (part.fetch_sub(held.weight, std::memory_order_relaxed) == held.weight &&
+      (heavy(held.weight) ? backlog : heavyBacklog).load(std::memory_order_relaxed) == 0)
     ZVYieldingTeardown::pause(false);
   if (held.weight >= kYieldingTeardownFrom && yieldingHere()) {
     const ZVYieldingTeardown yielding;
@@ -40,20 +59,24 @@ ZVWorker<Held>& reclaimer() {
   return *worker;
 }
 
-// Hands `items` (of `weight` in all) to the reclaimer; false, with `items`
-// untouched, when the backlog has no room for them or the reclaimer refuses
-// them (closed, or no thread): the caller then frees them.
-bool handOver(std::vector<Held>& items, size_t weight) noexcept {
-  size_t pending = backlog.load(std::memory_order_relaxed);
-  do {
-    if (pending != 0 && (weight > kMaxReclaimBacklog || pending > kMaxReclaimBacklog - weight)) {
-      // Fallen behind: each yield of its teardown would now cost the
-      // thread that lets a list go the freeing of it.
-      ZVYieldingTeardown::pause(true);
-      return false;
-    }
-  } while (!backlog.compare_exchange_weak(pending, pending + weight, std::memory_order_relaxed));
+// Hands `items` to the reclaimer; false, with `items` untouched, when the
+// backlog has no room for them or the reclaimer refuses them (closed, or no
+// thread): the caller then frees them.
+bool handOver(std::vector<Held>& items) noexcept {
+  size_t heavyWeight = 0;
+  size_t weight = 0;
+  for (const Held& held : items) (heavy(held.weight) ? heavyWeight : weight) += held.weight;
+  // Something waits from now on: the teardown under way stops yielding, so
+  // that what waits does not pile up past the bound (each yield would then
+  // cost the thread that lets a list go the freeing of it).
+  ZVYieldingTeardown::pause(true);
+  const bool room = reserve(heavyBacklog, heavyWeight, 0);
+  if (!room || !reserve(backlog, weight, kMaxReclaimBacklog)) {
+    if (room) heavyBacklog.fetch_sub(heavyWeight, std::memory_order_relaxed);
+    return false;
+  }
   if (reclaimer().post(items)) return true;
+  heavyBacklog.fetch_sub(heavyWeight, std::memory_order_relaxed);
   backlog.fetch_sub(weight, std::memory_order_relaxed);
   return false;
 }
@@ -69,7 +92,7 @@ void reclaim(std::shared_ptr<const void> object, size_t weight) noexcept {
   try {
     std::vector<Held> one;
     one.push_back(Held{std::move(object), weight});
-    handOver(one, weight);  // refused: freed here, as `one` goes
+    handOver(one);  // refused: freed here, as `one` goes
   } catch (...) {
     // No memory to hand it over: `object` is freed here.
   }
@@ -91,7 +114,6 @@ ZVReclaimBatch* ZVReclaimBatch::current() noexcept {
 bool ZVReclaimBatch::hold(std::shared_ptr<const void>& object, size_t weight) noexcept {
   try {
     held_.push_back(Held{std::move(object), weight});
-    weight_ += weight;
     return true;
   } catch (...) {
     return false;
@@ -103,8 +125,7 @@ void ZVReclaimBatch::flush() noexcept {
   // Taken out first: what frees here may reclaim into this batch again.
   std::vector<Held> items;
   items.swap(held_);
-  const size_t weight = std::exchange(weight_, 0);
-  if (!handOver(items, weight)) items.clear();  // refused: freed here
+  if (!handOver(items)) items.clear();  // refused: freed here
 }
 
 void stopReclaimer(bool reopen) {

@@ -16,8 +16,8 @@ namespace zv_detail {
 /// among the process's busy threads, which a host with many may leave short
 /// of the teardown it is given: past this backlog the thread that lets an
 /// object go frees it itself, and memory stays bounded.
-/// An object heavier than the whole bound still goes when nothing waits; the
-/// object being freed no longer waits.
+/// An object heavier than the whole bound goes when no other such object
+/// waits, beside the lighter ones; the object being freed no longer waits.
 inline constexpr size_t kMaxReclaimBacklog = 4096;
 
 /// Drops `object`'s reference on the reclaimer thread (`zv-reclaim`), or at
@@ -65,7 +65,6 @@ class ZV_CORE_EXPORT ZVReclaimBatch {
 
  private:
   std::vector<Held> held_;
-  size_t weight_ = 0;
   ZVReclaimBatch* previous_;
 };
 

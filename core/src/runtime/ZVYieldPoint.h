@@ -50,8 +50,8 @@ class ZVYieldingTeardown {
   ZVYieldingTeardown(const ZVYieldingTeardown&) = delete;
   ZVYieldingTeardown& operator=(const ZVYieldingTeardown&) = delete;
 
-  /// While paused, open teardowns do not yield (the reclaimer, when it has
-  /// fallen behind).
+  /// While paused, open teardowns do not yield (the reclaimer's, while other
+  /// objects wait for it).
   static void pause(bool paused) noexcept;
 };
 
