@@ -1,6 +1,7 @@
 #include "runtime/ZVReclaimer.h"
 
 #include <atomic>
+#include <optional>
 #include <utility>
 
 #include "runtime/ZVWorker.h"
@@ -40,17 +41,16 @@ bool reserve(std::atomic<size_t>& part, size_t weight, size_t bound) {
 constexpr size_t kYieldingTeardownFrom = 256;
 
 void drop(Held& held, bool /*abandoned: freed all the same*/) {
-  std::atomic<size_t>& part = heavy(held.weight) ? heavyBacklog : backlog;
+  const bool isHeavy = heavy(held.weight);
+  std::atomic<size_t>& part = isHeavy ? heavyBacklog : backlog;
+  const std::atomic<size_t>& other = isHeavy ? backlog : heavyBacklog;
   // Nothing waits behind this one: its teardown may yield.
   if (part.fetch_sub(held.weight, std::memory_order_relaxed) == held.weight &&
-      (heavy(held.weight) ? backlog : heavyBacklog).load(std::memory_order_relaxed) == 0)
+      other.load(std::memory_order_relaxed) == 0)
     ZVYieldingTeardown::pause(false);
-  if (held.weight >= kYieldingTeardownFrom && yieldingHere()) {
-    const ZVYieldingTeardown yielding;
-    held.object.reset();
-  } else {
-    held.object.reset();
-  }
+  std::optional<ZVYieldingTeardown> yielding;
+  if (held.weight >= kYieldingTeardownFrom && yieldingHere()) yielding.emplace();
+  held.object.reset();
 }
 
 ZVWorker<Held>& reclaimer() {
