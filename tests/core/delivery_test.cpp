@@ -10,6 +10,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -215,34 +216,44 @@ TEST(MainQueueTest, ReplacingAHookWaitsForItsCallsOnOtherThreads) {
 
 // A process whose busy threads leave the reclaimer short of CPU must not
 // grow without end: past its backlog, the thread that lets a result go
-// frees it itself.
+// frees it itself. Small lists must not wait behind a large one.
 TEST(ReclaimerTest, PastItsBacklogTheReleasingThreadFreesItself) {
+  using zv_detail::kMaxReclaimBacklog;
   std::promise<void> unblock;
   std::shared_future<void> unblocked = unblock.get_future().share();
-  std::atomic<bool> blocking{false};
   // Not null (a null pointer is freed at once); never deleted.
   static const int kObject = 0;
-  zv_detail::reclaim(std::shared_ptr<const void>(&kObject,
-                                                 [&](const void*) {
-                                                   blocking = true;
-                                                   unblocked.wait();
-                                                 }),
-                     zv_detail::kMaxReclaimBacklog * 2);
-  while (!blocking) std::this_thread::yield();
+  // Blocks the thread that frees an object of `weight` until `unblock`.
+  const auto block = [&](size_t weight) {
+    std::atomic<bool> blocking{false};
+    zv_detail::reclaim(std::shared_ptr<const void>(&kObject,
+                                                   [&](const void*) {
+                                                     blocking = true;
+                                                     unblocked.wait();
+                                                   }),
+                       weight);
+    const auto deadline = std::chrono::steady_clock::now() + 10s;
+    while (!blocking && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
+    return blocking.load();
+  };
+  ASSERT_TRUE(block(kMaxReclaimBacklog * 2)) << "a large list's teardown";
+  ASSERT_TRUE(block(1)) << "a small list, freed while the large one is";
 
-  // The stuck item is being freed: it no longer counts, whatever it weighs.
+  // The stuck items are being freed: they no longer count, whatever they weigh.
+  // Where each is freed: at once on this thread (""), by `helpReclaimer` on
+  // this thread ("help"), or on the named reclaimer thread.
   const struct {
     const char* name;
     size_t weight;
-    bool freedHere;
+    const char* freedOn;
   } cases[] = {
-      {"nothing waits", 1, false},
-      {"heavier than the bound, beside the light ones", zv_detail::kMaxReclaimBacklog + 1, false},
-      {"a second such one", zv_detail::kMaxReclaimBacklog + 1, true},
-      {"heavier than the room left", zv_detail::kMaxReclaimBacklog, true},
-      {"fits", 1, false},
-      {"fills the backlog exactly", zv_detail::kMaxReclaimBacklog - 2, false},
-      {"one past it", 1, true},
+      {"nothing waits", 1, "help"},
+      {"heavier than the bound", kMaxReclaimBacklog + 1, "zv-reclaim-big"},
+      {"a second such one", kMaxReclaimBacklog + 1, ""},
+      {"heavier than the room left", kMaxReclaimBacklog, ""},
+      {"fits", 1, "help"},
+      {"fills the backlog exactly", kMaxReclaimBacklog - 2, "help"},
+      {"one past it", 1, ""},
   };
   char freedOn[std::size(cases)][16] = {};
   std::atomic<size_t> freed{0};
@@ -251,16 +262,29 @@ TEST(ReclaimerTest, PastItsBacklogTheReleasingThreadFreesItself) {
       pthread_getname_np(pthread_self(), freedOn[i], sizeof freedOn[i]);
       ++freed;
     };
+    const size_t before = freed;
     zv_detail::reclaim(std::shared_ptr<const void>(&kObject, recordThread), cases[i].weight);
-    EXPECT_EQ(freedOn[i][0] != '\0', cases[i].freedHere) << cases[i].name;
+    EXPECT_EQ(freed - before, cases[i].freedOn[0] == '\0' ? 1u : 0u) << cases[i].name;
+  }
+  // More than half the bound waits: a thread that helps frees it.
+  zv_detail::helpReclaimer();
+  char here[16] = {};
+  pthread_getname_np(pthread_self(), here, sizeof here);
+  for (size_t i = 0; i < std::size(cases); ++i) {
+    if (std::string_view(cases[i].freedOn) == "help") {
+      EXPECT_STREQ(freedOn[i], here) << cases[i].name;
+    }
   }
   unblock.set_value();
   const auto deadline = std::chrono::steady_clock::now() + 10s;
   while (freed < std::size(cases) && std::chrono::steady_clock::now() < deadline)
     std::this_thread::sleep_for(1ms);
   ASSERT_EQ(freed, std::size(cases));
-  for (size_t i = 0; i < std::size(cases); ++i)
-    EXPECT_EQ(std::string(freedOn[i]) == "zv-reclaim", !cases[i].freedHere) << cases[i].name;
+  for (size_t i = 0; i < std::size(cases); ++i) {
+    if (std::string_view(cases[i].freedOn).starts_with("zv-")) {
+      EXPECT_STREQ(freedOn[i], cases[i].freedOn) << cases[i].name;
+    }
+  }
 }
 
 struct Sender : ZVObject {};

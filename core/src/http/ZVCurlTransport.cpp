@@ -288,6 +288,7 @@ class CurlEngine {
           if (message->msg == CURLMSG_DONE) finish(message->easy_handle, message->data.result);
         }
       }
+      zv_detail::helpReclaimer();
       {
         // Sent meanwhile, from a completion or from the host's handlers
         // just woken: start those before waiting.

@@ -236,10 +236,13 @@ void runDecode(DecodeJob& job, bool abandoned) {
     return;
   }
   if (call->expiredWhileQueued()) return;
-  // What the handlers queue and let go of leaves with one hand-off each.
-  zv_detail::ZVReclaimBatch reclaims;
-  ZVDeliveryBatch deliveries;
-  call->decode(std::move(job.result));
+  {
+    // What the handlers queue and let go of leaves with one hand-off each.
+    zv_detail::ZVReclaimBatch reclaims;
+    ZVDeliveryBatch deliveries;
+    call->decode(std::move(job.result));
+  }
+  zv_detail::helpReclaimer();
 }
 
 zv_detail::ZVWorker<DecodeJob>& decoder() {

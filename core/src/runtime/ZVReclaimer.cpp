@@ -12,21 +12,61 @@ namespace {
 
 using Held = ZVReclaimBatch::Held;
 
-// The weight handed to the reclaimer that waits for it, in two parts: the
-// objects heavier than the whole bound, and the others, each part bounded
-// on its own, so that the small lists of a burst may queue while a large one
-// waits. An object leaves the backlog when its teardown starts.
-std::atomic<size_t> heavyBacklog{0};
-std::atomic<size_t> backlog{0};
+// Objects of this weight and more (records, for the SDK's lists) take long
+// enough to free, a quarter of a millisecond and more, that the reclaimer
+// yields in the middle of them: the scheduler may otherwise let it run on
+// until its next tick while the I/O thread or the host's thread waits.
+constexpr size_t kYieldingTeardownFrom = 256;
+
+void drop(Held& held, bool abandoned);
+
+// The objects heavier than the whole bound, and the others, each freed on a
+// thread of its own: the small lists of a burst go on being freed while a
+// large one is (33 to 38 ms for 10,000 offers), instead of piling up past
+// the bound behind it, to be freed by the host's thread.
+struct Part {
+  Part(const char* name, size_t bound) : bound(bound), worker(name, drop) {}
+
+  const size_t bound;  // for `reserve`
+  // The weight handed over that waits: an object leaves it when its
+  // teardown starts.
+  std::atomic<size_t> backlog{0};
+  // Something waits: the teardown under way does not yield, so that what
+  // waits does not pile up past the bound (each yield would then cost the
+  // thread that lets a list go the freeing of it).
+  std::atomic<bool> waiting{false};
+  ZVWorker<Held> worker;
+};
 
 bool heavy(size_t weight) {
   return weight > kMaxReclaimBacklog;
 }
 
+// Leaked: results may be released from other threads while the process exits.
+Part& lightPart() {
+  static auto* const part = new Part("zv-reclaim", kMaxReclaimBacklog);
+  return *part;
+}
+Part& heavyPart() {
+  static auto* const part = new Part("zv-reclaim-big", 0);
+  return *part;
+}
+Part& partOf(size_t weight) {
+  return heavy(weight) ? heavyPart() : lightPart();
+}
+
+void drop(Held& held, bool /*abandoned: freed all the same*/) {
+  Part& part = partOf(held.weight);
+  if (part.backlog.fetch_sub(held.weight, std::memory_order_relaxed) == held.weight)
+    part.waiting.store(false, std::memory_order_relaxed);  // nothing waits behind this one
+  std::optional<ZVYieldingTeardown> yielding;
+  if (held.weight >= kYieldingTeardownFrom && yieldingHere()) yielding.emplace(part.waiting);
+  held.object.reset();
+}
+
 // Adds `weight` to `part` unless it has no room: a part that holds nothing
 // takes anything; `bound` 0 takes nothing more once it holds something.
 bool reserve(std::atomic<size_t>& part, size_t weight, size_t bound) {
-  if (weight == 0) return true;
   size_t pending = part.load(std::memory_order_relaxed);
   do {
     if (pending != 0 && (weight > bound || pending > bound - weight)) return false;
@@ -34,51 +74,34 @@ bool reserve(std::atomic<size_t>& part, size_t weight, size_t bound) {
   return true;
 }
 
-// Objects of this weight and more (records, for the SDK's lists) take long
-// enough to free, a quarter of a millisecond and more, that the reclaimer
-// yields in the middle of them: the scheduler may otherwise let it run on
-// until its next tick while the I/O thread or the host's thread waits.
-constexpr size_t kYieldingTeardownFrom = 256;
-
-void drop(Held& held, bool /*abandoned: freed all the same*/) {
-  const bool isHeavy = heavy(held.weight);
-  std::atomic<size_t>& part = isHeavy ? heavyBacklog : backlog;
-  const std::atomic<size_t>& other = isHeavy ? backlog : heavyBacklog;
-  // Nothing waits behind this one: its teardown may yield.
-  if (part.fetch_sub(held.weight, std::memory_order_relaxed) == held.weight &&
-      other.load(std::memory_order_relaxed) == 0)
-    ZVYieldingTeardown::pause(false);
-  std::optional<ZVYieldingTeardown> yielding;
-  if (held.weight >= kYieldingTeardownFrom && yieldingHere()) yielding.emplace();
-  held.object.reset();
-}
-
-ZVWorker<Held>& reclaimer() {
-  // Leaked: results may be released from other threads while the process exits.
-  static auto* const worker = new ZVWorker<Held>("zv-reclaim", drop);
-  return *worker;
-}
-
-// Hands `items` to the reclaimer; false, with `items` untouched, when the
-// backlog has no room for them or the reclaimer refuses them (closed, or no
-// thread): the caller then frees them.
-bool handOver(std::vector<Held>& items) noexcept {
-  size_t heavyWeight = 0;
+// Hands `items`, all of `part`, to its thread; those refused (no room in the
+// backlog, or the worker closed or without a thread) are freed here.
+void offer(Part& part, std::vector<Held>& items) noexcept {
+  if (items.empty()) return;
   size_t weight = 0;
-  for (const Held& held : items) (heavy(held.weight) ? heavyWeight : weight) += held.weight;
-  // Something waits from now on: the teardown under way stops yielding, so
-  // that what waits does not pile up past the bound (each yield would then
-  // cost the thread that lets a list go the freeing of it).
-  ZVYieldingTeardown::pause(true);
-  const bool room = reserve(heavyBacklog, heavyWeight, 0);
-  if (!room || !reserve(backlog, weight, kMaxReclaimBacklog)) {
-    if (room) heavyBacklog.fetch_sub(heavyWeight, std::memory_order_relaxed);
-    return false;
+  for (const Held& held : items) weight += held.weight;
+  part.waiting.store(true, std::memory_order_relaxed);
+  if (reserve(part.backlog, weight, part.bound)) {
+    if (part.worker.post(items)) return;
+    part.backlog.fetch_sub(weight, std::memory_order_relaxed);
   }
-  if (reclaimer().post(items)) return true;
-  heavyBacklog.fetch_sub(heavyWeight, std::memory_order_relaxed);
-  backlog.fetch_sub(weight, std::memory_order_relaxed);
-  return false;
+  items.clear();
+}
+
+// Hands `items` over, each to its part's thread, leaving `items` empty.
+void handOver(std::vector<Held>& items) noexcept {
+  std::vector<Held> heavyItems;
+  try {
+    for (Held& held : items)
+      if (heavy(held.weight)) heavyItems.push_back(std::move(held));
+  } catch (...) {
+    items.clear();  // no memory to sort them: freed here
+    return;
+  }
+  if (!heavyItems.empty())
+    std::erase_if(items, [](const Held& held) { return held.object == nullptr; });
+  offer(heavyPart(), heavyItems);
+  offer(lightPart(), items);
 }
 
 thread_local ZVReclaimBatch* tBatch = nullptr;
@@ -88,11 +111,12 @@ thread_local ZVReclaimBatch* tBatch = nullptr;
 void reclaim(std::shared_ptr<const void> object, size_t weight) noexcept {
   if (!object) return;
   if (ZVReclaimBatch* batch = tBatch; batch != nullptr && batch->hold(object, weight)) return;
-  if (reclaimer().onWorkerThread()) return;  // freed here, as `object` goes
+  // Freed here, as `object` goes.
+  if (lightPart().worker.onWorkerThread() || heavyPart().worker.onWorkerThread()) return;
   try {
     std::vector<Held> one;
     one.push_back(Held{std::move(object), weight});
-    handOver(one);  // refused: freed here, as `one` goes
+    handOver(one);
   } catch (...) {
     // No memory to hand it over: `object` is freed here.
   }
@@ -125,11 +149,19 @@ void ZVReclaimBatch::flush() noexcept {
   // Taken out first: what frees here may reclaim into this batch again.
   std::vector<Held> items;
   items.swap(held_);
-  if (!handOver(items)) items.clear();  // refused: freed here
+  handOver(items);
+}
+
+void helpReclaimer() noexcept {
+  Part& light = lightPart();
+  if (light.backlog.load(std::memory_order_relaxed) <= kMaxReclaimBacklog / 2) return;
+  std::vector<Held> items = light.worker.takeQueued();
+  for (Held& held : items) drop(held, false);
 }
 
 void stopReclaimer(bool reopen) {
-  reclaimer().stop(reopen);
+  heavyPart().worker.stop(reopen);
+  lightPart().worker.stop(reopen);
 }
 
 }  // namespace zv_detail

@@ -14,17 +14,21 @@ namespace zv_detail {
 /// The most work, in units of `reclaim`'s `weight` (records, for the SDK's
 /// lists), that waits for the reclaimer thread. Its thread has one CPU share
 /// among the process's busy threads, which a host with many may leave short
-/// of the teardown it is given: past this backlog the thread that lets an
-/// object go frees it itself, and memory stays bounded.
-/// An object heavier than the whole bound goes when no other such object
-/// waits, beside the lighter ones; the object being freed no longer waits.
+/// of the teardown it is given. Past half this backlog, the threads that
+/// produce results free what waits between their units of work
+/// (`helpReclaimer`); past all of it, the thread that lets an object go frees
+/// it itself; memory stays bounded.
+/// An object heavier than the whole bound is freed on a thread of its own
+/// (`zv-reclaim-big`), and waits there only when no other such object does;
+/// the object being freed no longer waits.
 inline constexpr size_t kMaxReclaimBacklog = 4096;
 
-/// Drops `object`'s reference on the reclaimer thread (`zv-reclaim`), or at
-/// once when called there, when the reclaimer is closed (process exit), when
-/// no thread could start or when its backlog would pass `kMaxReclaimBacklog`.
-/// `weight` is the object's share of that bound. While a `ZVReclaimBatch` is
-/// open on this thread, the object waits for the batch to close.
+/// Drops `object`'s reference on the reclaimer thread (`zv-reclaim`, or
+/// `zv-reclaim-big` past the bound), or at once when called on either, when
+/// the reclaimer is closed (process exit), when no thread could start or
+/// when its backlog would pass `kMaxReclaimBacklog`. `weight` is the
+/// object's share of that bound. While a `ZVReclaimBatch` is open on this
+/// thread, the object waits for the batch to close.
 ZV_CORE_EXPORT void reclaim(std::shared_ptr<const void> object, size_t weight = 1) noexcept;
 
 /// `object` behind a reference whose last release hands it to `reclaim`.
@@ -68,7 +72,16 @@ class ZV_CORE_EXPORT ZVReclaimBatch {
   ZVReclaimBatch* previous_;
 };
 
-/// Frees what is queued, on this thread, and joins the reclaimer thread.
+/// For the threads that produce results (the I/O loop, the decode), between
+/// units of their work: while more than half of `kMaxReclaimBacklog` waits
+/// for the reclaimer thread, frees what waits (lists under the bound, no
+/// more than the bound in all) on this thread. The reclaimer runs as a batch
+/// thread and lags behind a CPU kept busy by the decode of a burst of
+/// answers; the threads that decode them then pay for the teardown, which
+/// paces them, instead of the host's thread, once past the bound.
+ZV_CORE_EXPORT void helpReclaimer() noexcept;
+
+/// Frees what is queued, on this thread, and joins the reclaimer threads.
 /// Without `reopen`, later reclaims free at once (process exit).
 void stopReclaimer(bool reopen);
 

@@ -74,6 +74,15 @@ class ZVWorker {
     return true;
   }
 
+  /// The items queued, not yet taken by the thread: for a thread that helps
+  /// a worker which lags behind (it runs them, not `abandoned`).
+  std::vector<Item> takeQueued() noexcept {
+    std::vector<Item> items;
+    std::lock_guard lock(mutex_);
+    items.swap(queue_);
+    return items;
+  }
+
   /// Whether this is the worker's thread.
   bool onWorkerThread() const { return tCurrent == this; }
 

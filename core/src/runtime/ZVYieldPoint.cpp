@@ -72,18 +72,26 @@ void yieldPoint() noexcept {
 }
 
 std::atomic<int> gYieldingTeardowns{0};
-std::atomic<bool> gTeardownYieldsPaused{false};
 
-void ZVYieldingTeardown::pause(bool paused) noexcept {
-  gTeardownYieldsPaused.store(paused, std::memory_order_relaxed);
+namespace {
+// The pause of the teardown open on this thread.
+thread_local const std::atomic<bool>* tTeardownPaused = nullptr;
+}  // namespace
+
+void teardownYield() noexcept {
+  const std::atomic<bool>* paused = tTeardownPaused;
+  if (paused != nullptr && !paused->load(std::memory_order_relaxed)) yieldPoint();
 }
 
-ZVYieldingTeardown::ZVYieldingTeardown() noexcept {
+ZVYieldingTeardown::ZVYieldingTeardown(const std::atomic<bool>& paused) noexcept
+    : previous_(tTeardownPaused) {
+  tTeardownPaused = &paused;
   gYieldingTeardowns.fetch_add(1, std::memory_order_relaxed);
 }
 
 ZVYieldingTeardown::~ZVYieldingTeardown() {
   gYieldingTeardowns.fetch_sub(1, std::memory_order_relaxed);
+  tTeardownPaused = previous_;
 }
 
 }  // namespace zv_detail

@@ -40,31 +40,31 @@ void runAsBackground(int policy) noexcept;
 /// nanoseconds, and a `sched_yield` at most every quarter millisecond.
 ZV_CORE_EXPORT void yieldPoint() noexcept;
 
-/// While one is open on any thread, every object destroyed (`ZVObject`'s
-/// destructor) is a yield point of the thread that destroys it: for the
-/// teardown of a large result, thousands of records in one release.
+/// While one is open on a thread that yields, every object that thread
+/// destroys (`ZVObject`'s destructor) is a yield point, unless `paused` is
+/// set: for the teardown of a large result, thousands of records in one
+/// release, which stops yielding while other objects wait for its thread.
 class ZVYieldingTeardown {
  public:
-  ZVYieldingTeardown() noexcept;
+  explicit ZVYieldingTeardown(const std::atomic<bool>& paused) noexcept;
   ~ZVYieldingTeardown();
   ZVYieldingTeardown(const ZVYieldingTeardown&) = delete;
   ZVYieldingTeardown& operator=(const ZVYieldingTeardown&) = delete;
 
-  /// While paused, open teardowns do not yield (the reclaimer's, while other
-  /// objects wait for it).
-  static void pause(bool paused) noexcept;
+ private:
+  const std::atomic<bool>* previous_;
 };
 
-/// Teardowns open; read by `teardownPoint`.
+/// Teardowns open, on any thread; read by `teardownPoint`.
 extern std::atomic<int> gYieldingTeardowns;
-extern std::atomic<bool> gTeardownYieldsPaused;
+
+/// `teardownPoint`'s slow path: this thread's open teardown, if any.
+void teardownYield() noexcept;
 
 /// `ZVObject`'s destructor: with no teardown open, one relaxed load (objects
 /// die by the thousand on every thread, most of them on no yielding thread).
 inline void teardownPoint() noexcept {
-  if (gYieldingTeardowns.load(std::memory_order_relaxed) != 0 &&
-      !gTeardownYieldsPaused.load(std::memory_order_relaxed))
-    yieldPoint();
+  if (gYieldingTeardowns.load(std::memory_order_relaxed) != 0) teardownYield();
 }
 
 }  // namespace zv_detail
