@@ -226,8 +226,9 @@ TEST(ReclaimerTest, PastItsBacklogTheReleasingThreadFreesItself) {
   // Blocks the thread that frees an object of `weight` until `unblock`.
   const auto block = [&](size_t weight) {
     std::atomic<bool> blocking{false};
+    // The future by value: the test may end before the teardown returns.
     zv_detail::reclaim(std::shared_ptr<const void>(&kObject,
-                                                   [&](const void*) {
+                                                   [&blocking, unblocked](const void*) {
                                                      blocking = true;
                                                      unblocked.wait();
                                                    }),
@@ -251,8 +252,8 @@ TEST(ReclaimerTest, PastItsBacklogTheReleasingThreadFreesItself) {
       {"heavier than the bound", kMaxReclaimBacklog + 1, "zv-reclaim-big"},
       {"a second such one", kMaxReclaimBacklog + 1, ""},
       {"heavier than the room left", kMaxReclaimBacklog, ""},
-      {"fits", 1, "help"},
-      {"fills the backlog exactly", kMaxReclaimBacklog - 2, "help"},
+      {"fits", kMaxReclaimBacklog / 2 + 100, "help"},
+      {"fills the backlog exactly", kMaxReclaimBacklog / 2 - 101, "zv-reclaim"},
       {"one past it", 1, ""},
   };
   char freedOn[std::size(cases)][16] = {};
@@ -266,7 +267,8 @@ TEST(ReclaimerTest, PastItsBacklogTheReleasingThreadFreesItself) {
     zv_detail::reclaim(std::shared_ptr<const void>(&kObject, recordThread), cases[i].weight);
     EXPECT_EQ(freed - before, cases[i].freedOn[0] == '\0' ? 1u : 0u) << cases[i].name;
   }
-  // More than half the bound waits: a thread that helps frees it.
+  // More than half the bound waits: a thread that helps frees the oldest
+  // until half or less does, and leaves the rest to the reclaimer.
   zv_detail::helpReclaimer();
   char here[16] = {};
   pthread_getname_np(pthread_self(), here, sizeof here);

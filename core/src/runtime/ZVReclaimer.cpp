@@ -1,6 +1,7 @@
 #include "runtime/ZVReclaimer.h"
 
 #include <atomic>
+#include <cstddef>
 #include <optional>
 #include <utility>
 
@@ -154,9 +155,20 @@ void ZVReclaimBatch::flush() noexcept {
 
 void helpReclaimer() noexcept {
   Part& light = lightPart();
-  if (light.backlog.load(std::memory_order_relaxed) <= kMaxReclaimBacklog / 2) return;
+  const auto overHalf = [&] {
+    return light.backlog.load(std::memory_order_relaxed) > kMaxReclaimBacklog / 2;
+  };
+  if (!overHalf()) return;
+  // The oldest first, and no more than brings the backlog down to half: the
+  // helping thread's own work waits meanwhile.
   std::vector<Held> items = light.worker.takeQueued();
-  for (Held& held : items) drop(held, false);
+  size_t freed = 0;
+  while (freed < items.size() && overHalf()) drop(items[freed++], false);
+  if (freed == items.size()) return;
+  items.erase(items.begin(), items.begin() + static_cast<std::ptrdiff_t>(freed));
+  // Still counted in the backlog: back to the thread, or freed here.
+  if (!light.worker.post(items))
+    for (Held& held : items) drop(held, false);
 }
 
 void stopReclaimer(bool reopen) {
