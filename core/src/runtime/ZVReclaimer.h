@@ -75,10 +75,10 @@ class ZV_CORE_EXPORT ZVReclaimBatch {
 /// For the threads that produce results (the I/O loop, the decode), between
 /// units of their work: while more than half of `kMaxReclaimBacklog` waits
 /// for the reclaimer thread, frees the oldest of what waits on this thread
-/// until no more than half waits. The reclaimer runs as a batch
-/// thread and lags behind a CPU kept busy by the decode of a burst of
-/// answers; the threads that decode them then pay for the teardown, which
-/// paces them, instead of the host's thread, once past the bound.
+/// until no more than half waits. The reclaimer runs as a batch thread and
+/// lags behind a CPU kept busy by the decode of a burst of answers; the
+/// threads that decode them then pay for the teardown, which paces them,
+/// instead of the host's thread once past the bound.
 ZV_CORE_EXPORT void helpReclaimer() noexcept;
 
 /// Frees what is queued, on this thread, and joins the reclaimer threads.
