@@ -9,8 +9,8 @@
 #include "runtime/ZVYieldPoint.h"
 
 ZVObject::~ZVObject() {
-  // Freeing a catalogue of thousands of records is long work on the
-  // reclaimer's thread: it yields between objects as the decode does.
+  // Freeing a catalogue of thousands of records is long work on a
+  // reclaimer thread: it yields between objects as the decode does.
   zv_detail::teardownPoint();
 }
 

@@ -65,13 +65,13 @@ void drop(Held& held, bool /*abandoned: freed all the same*/) {
   held.object.reset();
 }
 
-// Adds `weight` to `part` unless it has no room: a part that holds nothing
-// takes anything; `bound` 0 takes nothing more once it holds something.
-bool reserve(std::atomic<size_t>& part, size_t weight, size_t bound) {
-  size_t pending = part.load(std::memory_order_relaxed);
+// Adds `weight` to `backlog` unless it has no room: a backlog that holds
+// nothing takes anything; `bound` 0 takes nothing more once it holds something.
+bool reserve(std::atomic<size_t>& backlog, size_t weight, size_t bound) {
+  size_t pending = backlog.load(std::memory_order_relaxed);
   do {
     if (pending != 0 && (weight > bound || pending > bound - weight)) return false;
-  } while (!part.compare_exchange_weak(pending, pending + weight, std::memory_order_relaxed));
+  } while (!backlog.compare_exchange_weak(pending, pending + weight, std::memory_order_relaxed));
   return true;
 }
 
@@ -99,6 +99,7 @@ void handOver(std::vector<Held>& items) noexcept {
     items.clear();  // no memory to sort them: freed here
     return;
   }
+  // The heavy ones were moved out, leaving empty references behind.
   if (!heavyItems.empty())
     std::erase_if(items, [](const Held& held) { return held.object == nullptr; });
   offer(heavyPart(), heavyItems);
